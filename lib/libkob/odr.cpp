@@ -1,0 +1,353 @@
+// The operating-system layer: the portable part.  What differs between
+// platforms (clocks, flag values) sits in the platform folder and is included
+// at the end.
+
+#include "odr.h"
+
+#include <arpa/inet.h>
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "vas.h"
+#include "vsb.h"
+#include "vtc_log.h"
+
+#include <atomic>
+
+#if defined(__linux__)
+#include "linux/odr.inc"
+#elif defined(__APPLE__)
+#include "macosx/odr.inc"
+#else
+#error "no OS layer for this platform"
+#endif
+
+namespace {
+
+// The monotonic clock's scale and its tick count at first use (0: not yet).
+// Two threads reading it for the first time together may both set the start;
+// the later one wins, which only shifts the origin by the gap between them.
+std::atomic<double> monoFactor{0.0};
+std::atomic<uint64_t> monoStart{0};
+
+} // namespace
+
+extern "C" {
+
+/* ---- start-up -------------------------------------------------------------------- */
+
+struct vtclog *odr_vl;
+const char *odr_appdir = KOB_DEFAULT_APP_DIR;
+
+void ODR_libinit(int flags) {
+    (void)flags;
+    int r = chdir(odr_appdir);
+    VAS_CHECK_LINE(r == 0, "r == 0", 585);
+    odr_vl = vtc_logopen("odr", nullptr);
+    VAS_CHECK_LINE(odr_vl != nullptr, "odr_vl != NULL", 588);
+}
+
+/* ---- the file handle ------------------------------------------------------- */
+
+void ODR_CloseHandle(ODR_HANDLE *fd) {
+    VAS_CHECK(fd->type == ODR_FILE_HANDLE, "fd->type == ODR_FILE_HANDLE");
+    odr_file *tfp = fd->fp;
+    VAS_CHECK(tfp->magic == ODR_HANDLE_MAGIC, "tfp->magic == ODR_HANDLE_MAGIC");
+    if (tfp->fd != -1) {
+        VAS_ZERO(close(tfp->fd));
+        tfp->fd = -1;
+    }
+    free(tfp);
+    free(fd);
+}
+
+/* ---- readers ------------------------------------------------------------------ */
+
+int ODR_readline(int fd, char *buf, int buflen) {
+    int off = 0;
+    for (;;) {
+        char c;
+        ssize_t ret = ODR_read(fd, &c, 1);
+        if (ret < 1) {
+            fputs("ODR_read() error\n", stderr);
+            return -1;
+        }
+        VAS_ASSERT(ret == 1);
+        if (c == '\n') {
+            buf[off++] = c;
+            VAS_ASSERT(off < buflen);
+            buf[off++] = '\0';
+            // One spare byte after the terminator is demanded on purpose.
+            VAS_ASSERT(off < buflen);
+            return off;
+        }
+        buf[off++] = c;
+        if (off == buflen) {
+            errno = ENOBUFS;
+            return -1;
+        }
+        VAS_ASSERT(off < buflen);
+    }
+}
+
+vsb *ODR_readFile(const char *path, int maxlen) {
+    FILE *fp = fopen(path, "r");
+    if (fp == nullptr)
+        return nullptr;
+    vsb *vsb = vsb_newauto();
+    VAS_NOTNULL(vsb);
+    long long total = 0;
+    while (!feof(fp)) {
+        char chunk[1024];
+        size_t n = fread(chunk, 1, sizeof chunk, fp);
+        if (n == 0)
+            break;
+        if (maxlen != -1 && total + static_cast<long long>(n) >= maxlen) {
+            (void)vsb_bcat(vsb, chunk, static_cast<size_t>(maxlen - total));
+            break;
+        }
+        total += static_cast<long long>(n);
+        (void)vsb_bcat(vsb, chunk, n);
+    }
+    vsb_finish(vsb);
+    fclose(fp);
+    return vsb;
+}
+
+/* ---- wrappers ---------------------------------------------------------------------- */
+
+int ODR_getpagesize(void) {
+    return 4096;
+}
+
+char *ODR_strdup(const char *s) {
+    return strdup(s);
+}
+
+int ODR_strcasecmp(const char *s1, const char *s2) {
+    const unsigned char *a = reinterpret_cast<const unsigned char *>(s1);
+    const unsigned char *b = reinterpret_cast<const unsigned char *>(s2);
+    for (;; a++, b++) {
+        int ca = tolower(*a);
+        int cb = tolower(*b);
+        if (ca != cb)
+            return ca - cb;
+        if (ca == '\0')
+            return 0;
+    }
+}
+
+int ODR_strncasecmp(const char *s1, const char *s2, size_t len) {
+    const unsigned char *a = reinterpret_cast<const unsigned char *>(s1);
+    const unsigned char *b = reinterpret_cast<const unsigned char *>(s2);
+    for (; len > 0; len--, a++, b++) {
+        int ca = tolower(*a);
+        int cb = tolower(*b);
+        if (ca != cb)
+            return ca - cb;
+        if (ca == '\0')
+            return 0;
+    }
+    return 0;
+}
+
+void ODR_bcopy(const void *src, void *dst, size_t len) {
+    memmove(dst, src, len);
+}
+
+void *ODR_memcpy(void *dst, const void *src, size_t len) {
+    return memcpy(dst, src, len);
+}
+
+void ODR_bzero(void *buf, size_t len) {
+    memset(buf, 0, len);
+}
+
+ssize_t ODR_read(int fd, void *buf, size_t len) {
+    return read(fd, buf, len);
+}
+
+ssize_t ODR_write(int fd, const void *buf, size_t len) {
+    return write(fd, buf, len);
+}
+
+ssize_t ODR_recv(int sock, void *buf, size_t len, int flags) {
+    return recv(sock, buf, len, flags);
+}
+
+char *ODR_strnstr(const char *s, const char *find, size_t slen) {
+    char c = *find++;
+    if (c == '\0')
+        return const_cast<char *>(s);
+    size_t len = strlen(find);
+    for (;; s++, slen--) {
+        // Step to the next byte equal to the pattern's first.
+        for (;; s++, slen--) {
+            if (slen < 1 || *s == '\0')
+                return nullptr;
+            if (*s == c)
+                break;
+        }
+        if (len > slen - 1)
+            return nullptr;
+        if (strncmp(s + 1, find, len) == 0)
+            return const_cast<char *>(s);
+    }
+}
+
+double ODR_trunc(double x) {
+    return trunc(x);
+}
+
+int ODR_isadmin(void *unused) {
+    (void)unused;
+    return geteuid() == 0 ? 1 : 0;
+}
+
+void ODR_sleep(unsigned int seconds) {
+    sleep(seconds);
+}
+
+void ODR_msleep(unsigned int milliseconds) {
+    usleep(static_cast<useconds_t>(milliseconds) * 1000);
+}
+
+char *ODR_strsep(char **stringp, const char *delim) {
+    char *s = *stringp;
+    if (s == nullptr)
+        return nullptr;
+    char *end = s + strcspn(s, delim);
+    if (*end == '\0') {
+        *stringp = nullptr;
+    } else {
+        *end = '\0';
+        *stringp = end + 1;
+    }
+    return s;
+}
+
+int ODR_strsplit(char **array, int n, char *text, const char *delim) {
+    int i = 0;
+    char **ap = array;
+    // Every token lands in the next slot; only a non-empty one keeps it, so
+    // the slot after the last token ends up NULL when there is room.
+    while ((*ap = ODR_strsep(&text, delim)) != nullptr) {
+        if (**ap != '\0' && ++ap >= array + n)
+            break;
+        i++;
+    }
+    return i;
+}
+
+char *ODR_strndup(const char *s, size_t max) {
+    size_t len = strnlen(s, max);
+    char *copy = static_cast<char *>(malloc(len + 1));
+    if (copy == nullptr)
+        return nullptr;
+    memcpy(copy, s, len);
+    copy[len] = '\0';
+    return copy;
+}
+
+time_t ODR_time(time_t *t) {
+    return time(t);
+}
+
+char *ODR_ctime(const time_t *t) {
+    return ctime(t);
+}
+
+int ODR_unlink(const char *path) {
+    return unlink(path);
+}
+
+/* ---- error reporting and formatted output ----------------------------------------- */
+
+void ODR_showLastErrorNum_debug(const char *what, int error, const char *func, int line) {
+    char buf[1024];
+    int l = snprintf(buf, sizeof buf, "Function: %s:%d\r\n%s failed with error %#x: %s", func, line,
+                     what, error, strerror(error));
+    // Compared unsigned: a formatting error fails as well as an overlong text.
+    VAS_CHECK_LINE(static_cast<size_t>(l) < sizeof(buf), "l < sizeof(buf)", 158);
+    fprintf(stderr, "%.*s\n", l, buf);
+}
+
+void ODR_showLastError_debug(const char *what, const char *func, int line) {
+    ODR_showLastErrorNum_debug(what, errno, func, line);
+}
+
+void ODR_showWSALastError(void *unused) {
+    (void)unused;
+    printf("%s: TODO!\n", "ODR_showWSALastError");
+    VAS_Fail(__func__, __FILE__, 611, "0 == 1", 0);
+}
+
+int ODR_vdprintf(int fd, const char *fmt, va_list ap) {
+    return vdprintf(fd, fmt, ap);
+}
+
+int ODR_dprintf(int fd, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int r = ODR_vdprintf(fd, fmt, ap);
+    va_end(ap);
+    return r;
+}
+
+int ODR_snprintf(char *dst, size_t size, const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int r = vsnprintf(dst, size, fmt, ap);
+    va_end(ap);
+    return r;
+}
+
+/* ---- clocks ----------------------------------------------------------------------- */
+
+int ODR_clock_gettime(int clock, struct timespec *ts) {
+    if ((clock & (ODR_CLOCK_MONOTONIC | 4)) != 0) {
+        if (monoStart.load(std::memory_order_relaxed) == 0) {
+            monoFactor.store(odrTickToNanoseconds(), std::memory_order_relaxed);
+            monoStart.store(odrTicks(), std::memory_order_relaxed);
+        }
+        uint64_t elapsed = odrTicks() - monoStart.load(std::memory_order_relaxed);
+        double ns = static_cast<double>(elapsed) * monoFactor.load(std::memory_order_relaxed);
+        ts->tv_sec = static_cast<time_t>(static_cast<int64_t>(ns * 1e-9));
+        ts->tv_nsec = static_cast<long>(static_cast<uint64_t>(
+            ns - static_cast<double>(static_cast<int64_t>(ts->tv_sec) * 1000000000)));
+        return 0;
+    }
+    if ((clock & ODR_CLOCK_REALTIME) != 0) {
+        struct timeval tv;
+        VAS_CHECK(gettimeofday(&tv, nullptr) == 0, "gettimeofday(&tv, NULL) == 0");
+        ts->tv_sec = tv.tv_sec;
+        ts->tv_nsec = tv.tv_usec * 1000;
+        return 0;
+    }
+    VAS_WRONG();
+}
+
+int ODR_gettimeofday(struct timeval *tv, void *tz) {
+    VAS_CHECK(tz == nullptr, "tz == NULL");
+    struct timeval mytv;
+    int r = gettimeofday(&mytv, nullptr);
+    if (r != -1)
+        *tv = mytv;
+    return r;
+}
+
+double ODR_real(void) {
+    struct timespec ts;
+    VAS_CHECK(ODR_clock_gettime(ODR_CLOCK_REALTIME, &ts) == 0,
+              "ODR_clock_gettime(ODR_CLOCK_REALTIME, &ts) == 0");
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+} // extern "C"

@@ -1,0 +1,79 @@
+// Helpers shared by the test programs: running code in a child process with
+// its output captured, capturing a stream of this process, temporary
+// directories and files.
+
+#ifndef KOBTEST_H
+#define KOBTEST_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kobtest {
+
+struct ChildResult {
+    int status = 0;  // as from waitpid
+    std::string out; // everything the child wrote to standard output
+    std::string err; // ... and to standard error
+
+    bool exited(int code) const;
+    bool killedBy(int sig) const;
+    bool aborted() const;
+};
+
+// Run fn in a forked child with unbuffered standard output and error going
+// to pipes; the child exits 0 when fn returns.  Waits for the child.
+ChildResult runChild(const std::function<void()> &fn);
+
+// Run a program (argv[0] is the path) with standard input from /dev/null,
+// capturing both output streams.  env entries "NAME=value" are added.
+ChildResult runProgram(const std::vector<std::string> &argv, const std::string &cwd = "",
+                       const std::vector<std::string> &env = {});
+
+// Everything written to fd (1 or 2) while fn runs, through a pipe.
+std::string captureFd(int fd, const std::function<void()> &fn);
+
+// A fresh directory under $TMPDIR, removed with its contents at the end.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+
+  private:
+    std::string path_;
+};
+
+void writeFile(const std::string &path, const std::string &data);
+std::string readFile(const std::string &path);
+bool fileExists(const std::string &path);
+
+// The libkob assertion line for a failed check.
+std::string vasLine(const std::string &func, const std::string &file, int line,
+                    const std::string &cond);
+
+} // namespace kobtest
+
+#endif
+
+// GoogleTest checks for a child that ended in a libkob assertion: exactly one
+// line on standard output and an abort.  Without a pinned line any line
+// number is accepted.
+#include <gtest/gtest.h>
+
+namespace kobtest {
+
+::testing::AssertionResult vasAbort(const ChildResult &r, const std::string &func,
+                                    const std::string &file, const std::string &cond,
+                                    int line = -1);
+
+// A child that ended in the platform's standard assertion: the message on
+// standard error names the expression (and the line, when given).
+::testing::AssertionResult platformAssert(const ChildResult &r, const std::string &func,
+                                          const std::string &file, const std::string &cond,
+                                          int line = -1);
+
+} // namespace kobtest

@@ -1,0 +1,11 @@
+// The assertion handler of the test programs, in the library's own form.
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "vas.h"
+
+extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
+    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
+    abort();
+}
