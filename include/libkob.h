@@ -1,0 +1,15 @@
+/*
+ * libkob.h - every public header of libkob and libkobec.
+ */
+#ifndef KOB_LIBKOB_H
+#define KOB_LIBKOB_H
+
+#include "errorcode.h"
+#include "odr.h"
+#include "odr_pthread.h"
+#include "vas.h"
+#include "vsb.h"
+#include "vtc_log.h"
+#include "vtim.h"
+
+#endif
