@@ -10,6 +10,7 @@
 #include "vas.h"
 #include "vsb.h"
 #include "vtc_log.h"
+#include "vpf.h"
 #include "vtim.h"
 
 #endif

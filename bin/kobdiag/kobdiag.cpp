@@ -73,5 +73,6 @@ int main(int argc, char *argv[]) {
     dia_Init();
     LVA_Init();
     VAS_Init();
+    DIA_writepid();
     return 0;
 }

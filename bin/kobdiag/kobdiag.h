@@ -7,6 +7,7 @@
 
 struct vsb;
 struct vtclog;
+struct vpf_fh;
 
 /* ---- report channel (kobdiag_report.cpp) --------------------------------- */
 
@@ -22,6 +23,13 @@ int DIA_printf(const char *fmt, ...) __attribute__((__format__(__printf__, 1, 2)
 
 // Always "skipped": no operating-system query is made.
 const char *DIA_getOSVersion(void);
+
+// The PID file handle, open (and locked) until the process ends.
+extern struct vpf_fh *dia_pfh;
+
+// Create, lock and fill the PID file in the application directory; a second
+// running kobdiag makes this fail the assertion "dia_pfh != NULL".
+void DIA_writepid(void);
 
 /* ---- the "lva" log and the assertion module (kobdiag_larva.cpp) --------------- */
 

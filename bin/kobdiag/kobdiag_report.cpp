@@ -6,6 +6,8 @@
 
 #include "kobdiag.h"
 #include "kobdiag_assert.h"
+#include "kobdiag_config.h"
+#include "vpf.h"
 #include "vsb.h"
 
 struct vsb *dia_msg;
@@ -35,4 +37,16 @@ int DIA_printf(const char *fmt, ...) {
 
 const char *DIA_getOSVersion(void) {
     return "skipped";
+}
+
+/* ---- the PID file --------------------------------------------------------- */
+
+struct vpf_fh *dia_pfh;
+
+void DIA_writepid(void) {
+    DIA_ASSERT_AT(dia_pfh == nullptr, "dia_pfh == NULL", 46);
+    dia_pfh = VPF_Open(KOBDIAG_APP_DIR "kobdiag.pid", 0644, nullptr);
+    DIA_ASSERT_AT(dia_pfh != nullptr, "dia_pfh != NULL", 48);
+    // The handle is never closed: the lock holds until the process ends.
+    (void)VPF_Write(dia_pfh);
 }

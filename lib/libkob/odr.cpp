@@ -11,8 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "vas.h"
@@ -348,6 +351,148 @@ double ODR_real(void) {
     VAS_CHECK(ODR_clock_gettime(ODR_CLOCK_REALTIME, &ts) == 0,
               "ODR_clock_gettime(ODR_CLOCK_REALTIME, &ts) == 0");
     return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+/* ---- file mapping --------------------------------------------------------------- */
+
+int ODR_lockedopen(const char *path, int flags, ...) {
+    flags &= ~odrOpenExclusiveLock;
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0) {
+        va_list ap;
+        va_start(ap, flags);
+        mode = static_cast<mode_t>(va_arg(ap, int));
+        va_end(ap);
+    }
+    struct flock lock = {};
+    lock.l_type = (flags & O_ACCMODE) != 0 ? F_WRLCK : F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    int cmd = (flags & O_NONBLOCK) != 0 ? F_SETLK : F_SETLKW;
+    // Truncating before the lock is held would wipe a running holder's data.
+    bool truncate = (flags & O_TRUNC) != 0;
+    flags &= ~O_TRUNC;
+    for (;;) {
+        int fd = open(path, flags, mode);
+        if (fd < 0)
+            return -1;
+        if (fcntl(fd, cmd, &lock) == -1) {
+            int e = errno;
+            close(fd);
+            errno = e;
+            return -1;
+        }
+        struct stat byName;
+        if (stat(path, &byName) != 0) {
+            // Removed while we waited for the lock: start over.
+            close(fd);
+            continue;
+        }
+        struct stat byFd;
+        if (fstat(fd, &byFd) != 0) {
+            int e = errno;
+            close(fd);
+            errno = e;
+            return -1;
+        }
+        if (byName.st_dev != byFd.st_dev || byName.st_ino != byFd.st_ino) {
+            // Replaced between our open and our lock: lock the new one.
+            close(fd);
+            continue;
+        }
+        if (truncate && ftruncate(fd, 0) != 0) {
+            int e = errno;
+            close(fd);
+            errno = e;
+            return -1;
+        }
+        return fd;
+    }
+}
+
+int ODR_zerofile(const char *path, uint64_t size) {
+    (void)unlink(path);
+    int fd =
+        ODR_lockedopen(path, O_RDWR | O_NONBLOCK | O_CREAT | O_EXCL | odrOpenExclusiveLock, 0644);
+    if (fd < 0) {
+        fprintf(stderr, "%s: Could not create %s: %s\n", "ODR_zerofile", path, strerror(errno));
+        return -1;
+    }
+    int flags = fcntl(fd, F_GETFL);
+    VAS_ASSERT(flags != -1);
+    flags &= ~O_NONBLOCK;
+    VAS_CHECK(fcntl(fd, F_SETFL, flags) == 0, "(fcntl(fd, 4, flags)) == 0");
+    static const char zeros[65536] = {};
+    for (uint64_t written = 0; written < size;) {
+        ssize_t n = write(fd, zeros, sizeof zeros);
+        if (n < 1) {
+            fprintf(stderr, "Write error %s: %s\n", path, strerror(errno));
+            return -1;
+        }
+        written += static_cast<uint64_t>(n);
+    }
+    // Whole blocks overshoot; cut back to the exact size.
+    VAS_CHECK(ftruncate(fd, static_cast<off_t>(size)) == 0, "(ftruncate(fd, (off_t)size)) == 0");
+    return fd;
+}
+
+namespace {
+
+ODR_HANDLE *newFileHandle(int fd) {
+    auto ofp = static_cast<ODR_HANDLE *>(calloc(1, sizeof(ODR_HANDLE)));
+    VAS_CHECK(ofp != nullptr, "ofp != NULL");
+    auto tfp = static_cast<odr_file *>(calloc(1, sizeof(odr_file)));
+    VAS_CHECK(tfp != nullptr, "tfp != NULL");
+    tfp->magic = ODR_HANDLE_MAGIC;
+    tfp->fd = fd;
+    ofp->fp = tfp;
+    ofp->type = ODR_FILE_HANDLE;
+    return ofp;
+}
+
+} // namespace
+
+ODR_HANDLE *ODR_CreateFileMapping(const char *path, uint32_t size) {
+    int fd = ODR_zerofile(path, size);
+    if (fd < 0)
+        exit(1);
+    return newFileHandle(fd);
+}
+
+ODR_HANDLE *ODR_OpenFileMapping(const char *path, ...) {
+    // A non-blocking write lock: fails at once while the creator holds it.
+    int fd = ODR_lockedopen(path, O_RDWR | O_NONBLOCK | odrOpenExclusiveLock, 0644);
+    if (fd < 0)
+        return nullptr;
+    return newFileHandle(fd);
+}
+
+void *ODR_MapViewOfFile(ODR_HANDLE *fd, uint64_t length) {
+    VAS_CHECK(fd->type == ODR_FILE_HANDLE, "fd->type == ODR_FILE_HANDLE");
+    odr_file *tfp = fd->fp;
+    VAS_CHECK(tfp->magic == ODR_HANDLE_MAGIC, "tfp->magic == ODR_HANDLE_MAGIC");
+    void *p =
+        mmap(nullptr, static_cast<size_t>(length), PROT_READ | PROT_WRITE, odrMapFlags, tfp->fd, 0);
+    if (p == MAP_FAILED) {
+        fprintf(stderr, "Mmap error: %s\n", strerror(errno));
+        exit(-1);
+    }
+    return p;
+}
+
+int ODR_FlushViewOfFile(void *p, uint32_t size) {
+    VAS_CHECK(msync(p, size, MS_SYNC) == 0, "(msync(p, size, 0x0010)) == 0");
+    return 1;
+}
+
+void ODR_UnmapViewOfFile(void *ptr, uint32_t size) {
+    VAS_ZERO(munmap(ptr, size));
+}
+
+void ODR_CloseViewOfFile(ODR_HANDLE *fd) {
+    VAS_CHECK(fd->type == ODR_FILE_HANDLE, "fd->type == ODR_FILE_HANDLE");
+    odr_file *tfp = fd->fp;
+    VAS_CHECK(tfp->magic == ODR_HANDLE_MAGIC, "tfp->magic == ODR_HANDLE_MAGIC");
+    VAS_ZERO(close(tfp->fd));
+    tfp->fd = -1;
 }
 
 } // extern "C"
