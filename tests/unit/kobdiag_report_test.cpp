@@ -1,0 +1,77 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "kobdiag.h"
+#include "kobtest.h"
+#include "vsb.h"
+
+namespace {
+
+class ReportChannel : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dia_msg = vsb_newauto();
+        ASSERT_NE(dia_msg, nullptr);
+    }
+    void TearDown() override {
+        vsb_delete(dia_msg);
+        dia_msg = nullptr;
+    }
+    std::string report() const { return std::string(dia_msg->s_buf, dia_msg->s_len); }
+};
+
+TEST_F(ReportChannel, LongTextIsShownAndAppendedWhole) {
+    std::string text(10000, 'z');
+    int r = 0;
+    std::string err = kobtest::captureFd(2, [&] { r = DIA_printf("%s", text.c_str()); });
+    EXPECT_EQ(r, 10000);
+    EXPECT_EQ(err, text);
+    EXPECT_EQ(report(), text);
+}
+
+TEST_F(ReportChannel, EmptyFormatShowsAndAppendsNothing) {
+    int r = -5;
+    std::string err = kobtest::captureFd(2, [&] { r = DIA_printf("%s", ""); });
+    EXPECT_EQ(r, 0);
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(report(), "");
+    const char *empty = ""; // through a variable: the compiler warns on a literal ""
+    err = kobtest::captureFd(2, [&] { r = DIA_printf(empty); });
+    EXPECT_EQ(r, 0);
+    EXPECT_EQ(err, "");
+}
+
+TEST_F(ReportChannel, PercentInAnArgumentIsShownLiterally) {
+    std::string err = kobtest::captureFd(
+        2, [&] { DIA_printf("==> Dumping the result of `%s'\n", "printf '%d %s %%'"); });
+    const std::string expected = "==> Dumping the result of `printf '%d %s %%''\n";
+    EXPECT_EQ(err, expected);
+    EXPECT_EQ(report(), expected);
+}
+
+TEST_F(ReportChannel, ReportEqualsWhatStandardErrorShowed) {
+    std::string err = kobtest::captureFd(2, [&] {
+        for (int i = 1; i <= 5; i++)
+            DIA_printf("==> Testing UDP pass-through (%d of 5)\n", i);
+        DIA_printf("%s", std::string(5000, 'x').c_str());
+        DIA_printf("==> Package Version: %s\n", "4.4.1");
+    });
+    EXPECT_EQ(report(), err);
+    EXPECT_GT(err.size(), 5000u);
+}
+
+TEST_F(ReportChannel, ZeroByteEndsTheShownText) {
+    // What the channel passes on is cut at a zero byte by "%.*s".
+    int r = 0;
+    std::string err = kobtest::captureFd(2, [&] { r = DIA_printf("%.*s", 5, "ab\0cd"); });
+    EXPECT_EQ(r, 2);
+    EXPECT_EQ(err, "ab");
+    EXPECT_EQ(report(), "ab");
+}
+
+TEST(DiaGetOSVersion, IsAlwaysSkipped) {
+    EXPECT_STREQ(DIA_getOSVersion(), "skipped");
+}
+
+} // namespace
