@@ -57,8 +57,6 @@ std::string vasLine(const std::string &func, const std::string &file, int line,
 
 } // namespace kobtest
 
-#endif
-
 // GoogleTest checks for a child that ended in a libkob assertion: exactly one
 // line on standard output and an abort.  Without a pinned line any line
 // number is accepted.
@@ -77,3 +75,5 @@ namespace kobtest {
                                           int line = -1);
 
 } // namespace kobtest
+
+#endif
