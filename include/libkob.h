@@ -9,8 +9,10 @@
 #include "odr_pthread.h"
 #include "vas.h"
 #include "vsb.h"
+#include "vss.h"
 #include "vtc_log.h"
 #include "vpf.h"
+#include "vtcp.h"
 #include "vtim.h"
 
 #endif

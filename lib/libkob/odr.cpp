@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +22,7 @@
 #include "vas.h"
 #include "vsb.h"
 #include "vtc_log.h"
+#include "vtim.h"
 
 #include <atomic>
 
@@ -310,6 +312,40 @@ int ODR_snprintf(char *dst, size_t size, const char *fmt, ...) {
     int r = vsnprintf(dst, size, fmt, ap);
     va_end(ap);
     return r;
+}
+
+/* ---- socket helpers ----------------------------------------------------------------- */
+
+void ODR_nonblocking(int fd) {
+    int i = 1;
+    int j = ioctl(fd, FIONBIO, &i);
+    VAS_ASSERT(j == 0);
+}
+
+int ODR_setsocktimeout(int fd, double sec) {
+    struct timeval tv = VTIM_toTimeval(sec);
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0)
+        return -1;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
+        return -2;
+    return 0;
+}
+
+char *ODR_prefix2mask(int bits) {
+    // Modulo 32, so 0 bits wraps round to a full mask just as 32 does.
+    unsigned shift = static_cast<unsigned>(32 - bits) % 32;
+    uint32_t mask = (0xffffffffu >> shift) << shift;
+    struct in_addr in;
+    in.s_addr = htonl(mask);
+    return inet_ntoa(in);
+}
+
+int ODR_mask2prefix(const char *mask) {
+    return __builtin_popcount(inet_addr(mask));
+}
+
+unsigned long ODR_strtoul(const char *str, char **end, int base) {
+    return strtoul(str, end, base);
 }
 
 /* ---- clocks ----------------------------------------------------------------------- */
