@@ -10,7 +10,12 @@
 #include "vas.h"
 #include "vsb.h"
 #include "vtc_log.h"
+#include "vbm.h"
+#include "vin.h"
 #include "vpf.h"
+#include "vsc.h"
+#include "vsl.h"
+#include "vsm.h"
 #include "vtim.h"
 
 #endif
