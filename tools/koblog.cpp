@@ -146,11 +146,13 @@ int main(int argc, char **argv) {
     (void)VSL_Arg(vd, 'n', instance);
     if (VSM_Open(vd) != 0) {
         fprintf(stderr, "koblog: %s\n", withoutNewline(VSM_Error(vd)).c_str());
+        VSM_Delete(vd);
         return 1;
     }
     VSM_fantom vf;
     if (!VSM_Get(vd, &vf, "Log", nullptr, nullptr)) {
         fprintf(stderr, "koblog: no log in %s\n", vd->fname);
+        VSM_Delete(vd);
         return 1;
     }
     dev_t dev = 0;
@@ -178,6 +180,7 @@ int main(int argc, char **argv) {
             if (i < 0) {
                 fflush(stdout);
                 fprintf(stderr, "koblog: the log ring is inconsistent (%d)\n", i);
+                VSM_Delete(vd);
                 return 1;
             }
             break;

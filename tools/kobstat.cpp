@@ -128,10 +128,12 @@ int main(int argc, char **argv) {
     (void)VSM_n_Arg(vd, instance);
     if (VSM_Open(vd) != 0) {
         fprintf(stderr, "kobstat: %s\n", withoutNewline(VSM_Error(vd)).c_str());
+        VSM_Delete(vd);
         return 1;
     }
     if (VSC_Main(vd) == nullptr) {
         fprintf(stderr, "kobstat: no counters in %s\n", vd->fname);
+        VSM_Delete(vd);
         return 1;
     }
 
@@ -150,6 +152,7 @@ int main(int argc, char **argv) {
         if (i != 0) {
             if (once) {
                 fprintf(stderr, "kobstat: no counters in %s\n", vd->fname);
+                VSM_Delete(vd);
                 return 1;
             }
             printf("kobstat: waiting for the counters of %s\n", vd->fname);
