@@ -1,0 +1,216 @@
+// koblog: print a daemon's log ring, one line per record.
+//
+//   koblog [-n instance] [-d]
+//
+// Without -d it starts at the ring's current end and follows new records as
+// the daemon writes them, reopening the segment when it goes away or is
+// rebuilt.  With -d it prints the ring from its start and exits at its end.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "vas.h"
+#include "vsl.h"
+#include "vsm.h"
+
+extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
+    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
+    abort();
+}
+
+namespace {
+
+const char usageText[] = "usage: koblog [-n instance] [-d]\n"
+                         "  -n instance  segment to read: .kobvane.vsm (default), .kobflow.vsm,\n"
+                         "               .kobrun.vsm, in the current directory\n"
+                         "  -d           print the ring from its start and exit at its end\n";
+
+[[noreturn]] void usage() {
+    fputs(usageText, stderr);
+    exit(1);
+}
+
+// The library ends the process on an unknown instance name; a person gets
+// a message instead.
+bool knownInstance(std::string_view name) {
+    for (std::string_view known : {".kobvane.vsm", ".kobflow.vsm", ".kobrun.vsm"})
+        if (name.starts_with(known))
+            return true;
+    return false;
+}
+
+std::string withoutNewline(const char *text) {
+    std::string s = text == nullptr ? "unknown error" : text;
+    while (!s.empty() && s.back() == '\n')
+        s.pop_back();
+    return s;
+}
+
+void printRecord(const uint32_t *p) {
+    unsigned tag = VSL_TAG(p);
+    char tagName[16];
+    const char *name = VSL_tags[tag];
+    if (name == nullptr) {
+        snprintf(tagName, sizeof tagName, "Tag%u", tag);
+        name = tagName;
+    }
+    unsigned side = VSL_SIDE(p);
+    std::string line;
+    char head[64];
+    snprintf(head, sizeof head, "%-21s %10u %c%c ", name, VSL_ID(p), side & VSL_SIDE_A ? 'A' : '-',
+             side & VSL_SIDE_B ? 'B' : '-');
+    line = head;
+    const char *data = VSL_DATA(p);
+    for (unsigned i = 0; i < VSL_LEN(p); i++) {
+        unsigned char c = static_cast<unsigned char>(data[i]);
+        switch (c) {
+        case '\\':
+            line += "\\\\";
+            break;
+        case '\n':
+            line += "\\n";
+            break;
+        case '\r':
+            line += "\\r";
+            break;
+        case '\t':
+            line += "\\t";
+            break;
+        default:
+            if (c >= 0x20 && c < 0x7f) {
+                line += static_cast<char>(c);
+            } else {
+                char esc[8];
+                snprintf(esc, sizeof esc, "\\%03o", c);
+                line += esc;
+            }
+        }
+    }
+    line += '\n';
+    fwrite(line.data(), 1, line.size(), stdout);
+}
+
+// The identity of the file a reader has open, to notice a new one.
+bool fileId(const char *path, dev_t *dev, ino_t *ino) {
+    struct stat st;
+    if (stat(path, &st) != 0)
+        return false;
+    *dev = st.st_dev;
+    *ino = st.st_ino;
+    return true;
+}
+
+double monoNow() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const char *instance = ".kobvane.vsm";
+    bool dump = false;
+    int opt;
+    while ((opt = getopt(argc, argv, "n:d")) != -1) {
+        switch (opt) {
+        case 'n':
+            instance = optarg;
+            break;
+        case 'd':
+            dump = true;
+            break;
+        default:
+            usage();
+        }
+    }
+    if (optind != argc)
+        usage();
+    if (!knownInstance(instance)) {
+        fprintf(stderr, "koblog: unknown instance %s\n", instance);
+        return 1;
+    }
+
+    VSM_data *vd = VSM_New();
+    if (vd == nullptr) {
+        fprintf(stderr, "koblog: out of memory\n");
+        return 1;
+    }
+    (void)VSL_Arg(vd, 'n', instance);
+    if (VSM_Open(vd) != 0) {
+        fprintf(stderr, "koblog: %s\n", withoutNewline(VSM_Error(vd)).c_str());
+        VSM_Delete(vd);
+        return 1;
+    }
+    VSM_fantom vf;
+    if (!VSM_Get(vd, &vf, "Log", nullptr, nullptr)) {
+        fprintf(stderr, "koblog: no log in %s\n", vd->fname);
+        VSM_Delete(vd);
+        return 1;
+    }
+    dev_t dev = 0;
+    ino_t ino = 0;
+    (void)fileId(vd->fname, &dev, &ino);
+    vd->vsl->from_start = dump ? 1 : 0;
+
+    const uint32_t *last = nullptr;
+    double lastCheck = monoNow();
+    for (;;) {
+        uint32_t *p;
+        bool wasOpen = vd->head != nullptr;
+        int i = VSL_NextLog(vd, &p, nullptr);
+        if (!wasOpen && vd->head != nullptr)
+            (void)fileId(vd->fname, &dev, &ino);
+        if (i == 1) {
+            // From the start, the ring ends before it comes round again.
+            if (dump && last != nullptr && p <= last)
+                break;
+            last = p;
+            printRecord(p);
+            continue;
+        }
+        if (dump) {
+            if (i < 0) {
+                fflush(stdout);
+                fprintf(stderr, "koblog: the log ring is inconsistent (%d)\n", i);
+                VSM_Delete(vd);
+                return 1;
+            }
+            break;
+        }
+        fflush(stdout);
+        if (i < 0) {
+            // The writer has lapped us or the ring is damaged: start again
+            // from its current end.
+            fprintf(stderr, "koblog: the log ring is inconsistent (%d), starting again\n", i);
+            VSM_Close(vd);
+            VSL_Delete(vd);
+            (void)VSL_Arg(vd, 'n', instance);
+        }
+        // A daemon that died without marking its segment leaves the old file
+        // mapped and still: look for a new file now and then.
+        double now = monoNow();
+        if (now - lastCheck >= 1.0) {
+            lastCheck = now;
+            dev_t d;
+            ino_t n;
+            if (vd->head != nullptr && (!fileId(vd->fname, &d, &n) || d != dev || n != ino)) {
+                VSM_Close(vd);
+                VSL_Delete(vd);
+                (void)VSL_Arg(vd, 'n', instance);
+            }
+        }
+        struct timespec pause = {0, 20 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+    fflush(stdout);
+    VSM_Delete(vd);
+    return 0;
+}
