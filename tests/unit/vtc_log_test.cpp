@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -218,6 +219,35 @@ TEST(VtcLog, ThreadsNeverMixLines) {
         count++;
     }
     EXPECT_EQ(count, kThreads * kLines);
+}
+
+} // namespace
+
+#include "vtc_log_priv.h"
+
+namespace {
+
+TEST(VtcLogSeconds, FormatsAsPrintfWould) {
+    std::vector<double> values = {
+        0.0,           0.001, 0.004999,    0.005,  0.015,  0.125,   0.135,      0.145,
+        1.005,         2.675, 9.995,       99.995, 999.99, 999.995, 1e6,        1234567.891,
+        9999999.995,   1e7,   1e7 + 0.005, -0.001, -0.005, -1.5,    -12345.678, 1.8e9,
+        1.8e9 + 0.125, 1e300, 5e-324,      0.07,   0.29,   0.57,    1.15,       4.35};
+    unsigned seed = 12345;
+    for (int i = 0; i < 200000; i++) {
+        seed = seed * 1103515245u + 12345u;
+        values.push_back(static_cast<double>(seed % 100000000) / 1000.0);
+        values.push_back(static_cast<double>(seed % 100000) / 1e4 + 0.005);
+    }
+    values.push_back(std::numeric_limits<double>::infinity());
+    values.push_back(std::numeric_limits<double>::quiet_NaN());
+    for (double v : values) {
+        char want[400];
+        snprintf(want, sizeof want, "%6.2f", v);
+        char got[400];
+        size_t n = kob::formatSeconds(got, v);
+        ASSERT_EQ(std::string(got, n), want) << "value " << v;
+    }
 }
 
 } // namespace
