@@ -24,9 +24,12 @@ struct vpf_fh;
  * truncated only once the lock is held.
  */
 struct vpf_fh *VPF_Open(const char *path, mode_t mode, pid_t *pidptr);
-/* Write our PID (no line feed).  0, or -1 with errno; on a failed write the
- * file is removed and the handle kept.  EINVAL when the handle no longer
- * names its file. */
+/*
+ * Write our PID (no line feed).  0, or -1 with errno: EINVAL when the
+ * handle's descriptor no longer names the file it opened; on a failed
+ * truncate or write the file is removed and the handle kept.  Trap: Close
+ * and Remove verify the same way and do not free a handle that fails.
+ */
 int VPF_Write(struct vpf_fh *pfh);
 /* Close and free the handle; the file stays on disk.  0 or -1/errno. */
 int VPF_Close(struct vpf_fh *pfh);

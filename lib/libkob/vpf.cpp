@@ -48,8 +48,8 @@ int vpfRead(const char *path, pid_t *pidptr) {
     return 0;
 }
 
-// 0 while the handle's descriptor and its path still name the file that was
-// opened, else an errno value.
+// 0 while the handle's descriptor still names the file that was opened,
+// else an errno value.
 int vpfVerify(const vpf_fh *pfh) {
     if (pfh == nullptr || pfh->pf_fd < 0)
         return EINVAL;
@@ -57,9 +57,6 @@ int vpfVerify(const vpf_fh *pfh) {
     if (fstat(pfh->pf_fd, &sb) == -1)
         return errno;
     if (sb.st_dev != pfh->pf_dev || sb.st_ino != pfh->pf_ino)
-        return EINVAL;
-    // A file replaced on disk is no longer ours to write or remove.
-    if (stat(pfh->pf_path, &sb) == -1 || sb.st_dev != pfh->pf_dev || sb.st_ino != pfh->pf_ino)
         return EINVAL;
     return 0;
 }

@@ -129,17 +129,32 @@ TEST_F(Vpf, HolderFileWithoutCleanNumberGivesEINVAL) {
 }
 
 TEST_F(Vpf, ReplacedFileMakesWriteFailWithEINVAL) {
+    // The handle's descriptor is the lowest free one: learn its number.
+    int fd = open("/dev/null", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    close(fd);
     vpf_fh *pfh = VPF_Open(path.c_str(), 0644, nullptr);
     ASSERT_NE(pfh, nullptr);
-    kobtest::writeFile(path + ".new", "other");
-    ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+    int original = dup(fd);
+    // Replace the file on disk, and what the descriptor names with it.
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    kobtest::writeFile(path, "other");
+    int replacement = open(path.c_str(), O_RDWR);
+    ASSERT_GE(replacement, 0);
+    ASSERT_EQ(dup2(replacement, fd), fd);
+    close(replacement);
     errno = 0;
     EXPECT_EQ(VPF_Write(pfh), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(kobtest::readFile(path), "other"); // the new file is left alone
+    errno = 0;
     EXPECT_EQ(VPF_Remove(pfh), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_TRUE(kobtest::fileExists(path));
+    // Put the original back so that the handle can be closed and freed.
+    ASSERT_EQ(dup2(original, fd), fd);
+    close(original);
+    EXPECT_EQ(VPF_Close(pfh), 0);
 }
 
 TEST_F(Vpf, NullPathAborts) {
