@@ -79,6 +79,12 @@ void listRemove(lck_rec *il) {
     *il->list.prev = il->list.next;
 }
 
+// Trace lines are rare; out of line they keep the untraced paths short.
+[[gnu::noinline, gnu::cold]] void trace(const char *what, const char *func, const char *file,
+                                        int line, const char *name) {
+    printf("%s(%s,%s,%d,%s)", what, func, file, line, name);
+}
+
 } // namespace
 
 extern "C" {
@@ -127,21 +133,22 @@ void Lck__Lock(lock *lck, const char *func, const char *file, int line) {
     lck_rec *ilck = lck->priv;
     LCK_CHECK_OBJ(ilck);
     int r;
-    if (!tracing()) {
+    if (__builtin_expect(!tracing(), 1)) {
         r = ODR_pthread_mutex_lock(&ilck->mtx);
         LCK_CHECK(r == 0, "(ODR_pthread_mutex_lock(&ilck->mtx)) == 0");
     } else {
+        // A try first, so that an acquisition that had to wait is told apart.
         r = ODR_pthread_mutex_trylock(&ilck->mtx);
         LCK_CHECK(r == 0 || r == ODR_EBUSY, "r == 0 || r == ODR_EBUSY");
         if (r != 0) {
             // Only the contest line is printed for an acquisition that waited.
-            printf("MTX_CONTEST(%s,%s,%d,%s)", func, file, line, ilck->name);
+            trace("MTX_CONTEST", func, file, line, ilck->name);
             r = ODR_pthread_mutex_lock(&ilck->mtx);
             LCK_CHECK(r == 0, "(ODR_pthread_mutex_lock(&ilck->mtx)) == 0");
             // Counted once the mutex is ours, so that it is written under it.
             ilck->stat->n_contest++;
         } else {
-            printf("MTX_LOCK(%s,%s,%d,%s)", func, file, line, ilck->name);
+            trace("MTX_LOCK", func, file, line, ilck->name);
         }
     }
     LCK_CHECK(ilck->held == 0, "(ilck->held) == 0");
@@ -161,8 +168,8 @@ void Lck__Unlock(lock *lck, const char *func, const char *file, int line) {
     ilck->owner = pthread_t{};
     int r = ODR_pthread_mutex_unlock(&ilck->mtx);
     LCK_CHECK(r == 0, "(ODR_pthread_mutex_unlock(&ilck->mtx)) == 0");
-    if (tracing())
-        printf("MTX_UNLOCK(%s,%s,%d,%s)", func, file, line, ilck->name);
+    if (__builtin_expect(tracing(), 0))
+        trace("MTX_UNLOCK", func, file, line, ilck->name);
 }
 
 int Lck__Trylock(lock *lck, const char *func, const char *file, int line) {

@@ -70,8 +70,22 @@ int VAV_BackSlash(const char *s, char *res) {
             c = static_cast<unsigned char>(c * 8 + (s[r] - '0'));
         break;
     case 'x': {
+        // The scan reads at most two characters after any white space.  It
+        // gets just those, so that it does not measure the rest of the text
+        // first, which made a parse quadratic in its length.
+        char window[5] = {'x'};
+        int n = 1;
+        const char *q = s + 2;
+        if (isSpace(*q)) {
+            window[n++] = ' ';
+            while (isSpace(*q))
+                q++;
+        }
+        for (int k = 0; k < 2 && q[k] != '\0'; k++)
+            window[n++] = q[k];
+        window[n] = '\0';
         unsigned u;
-        if (sscanf(s + 1, "x%02x", &u) == 1) {
+        if (sscanf(window, "x%02x", &u) == 1) {
             // The scan also takes a sign, which is how a value escapes a byte.
             VAS_ASSERT(!(u & ~0xff));
             c = static_cast<unsigned char>(u);

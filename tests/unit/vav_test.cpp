@@ -1,5 +1,6 @@
 #include "vav.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -91,6 +92,24 @@ TEST(VavBackSlash, EveryRowOfTheEscapeTable) {
         EXPECT_EQ(VAV_BackSlash(c.text, &res), c.length);
         EXPECT_EQ(static_cast<unsigned char>(res), c.byte);
         EXPECT_EQ(VAV_BackSlash(c.text, nullptr), c.length);
+    }
+}
+
+TEST(VavBackSlash, HexEscapeReadsWhatTheScanFormatReads) {
+    // "x%02x" skips white space and takes a sign or a 0x prefix within its
+    // two characters; the escape must agree with that scan of the whole text.
+    const char *const texts[] = {"\\x4",  "\\x 4",   "\\x\t\n41", "\\x   4z", "\\x+f",
+                                 "\\x+",  "\\x-",    "\\x-0",     "\\x0x",    "\\x0x1",
+                                 "\\x0X", "\\x 0x1", "\\x ",      "\\x  ",    "\\x \tg",
+                                 "\\x00", "\\x7F",   "\\xa",      "\\xAb",    "\\x fff"};
+    for (const char *text : texts) {
+        SCOPED_TRACE(text);
+        unsigned u = 0;
+        bool scanned = sscanf(text + 1, "x%02x", &u) == 1;
+        char res = 'Z';
+        int len = VAV_BackSlash(text, &res);
+        EXPECT_EQ(len, scanned ? 4 : 0);
+        EXPECT_EQ(static_cast<unsigned char>(res), scanned ? u : 0u);
     }
 }
 
