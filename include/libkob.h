@@ -5,11 +5,14 @@
 #define KOB_LIBKOB_H
 
 #include "errorcode.h"
+#include "lck.h"
 #include "odr.h"
 #include "odr_pthread.h"
 #include "vas.h"
+#include "vav.h"
 #include "vbm.h"
 #include "vin.h"
+#include "vnum.h"
 #include "vpf.h"
 #include "vsb.h"
 #include "vsc.h"
