@@ -3,30 +3,13 @@
 
 #include "lck.h"
 
-#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 
-// The registry reports broken rules through the platform's own assertion
-// entry, with fixed expression texts that plain assert() would stringify
-// differently.  Like assert(), the checks vanish under NDEBUG; the condition
-// is still evaluated there, so no call may hide inside one.
-#ifdef NDEBUG
-#define LCK_CHECK(cond, text) ((void)(cond))
-#else
-#if defined(__GLIBC__)
-#define LCK_FAIL(text) __assert_fail((text), __FILE__, __LINE__, __func__)
-#elif defined(__APPLE__)
-#define LCK_FAIL(text) __assert_rtn(__func__, __FILE__, __LINE__, (text))
-#else
-#error "no platform assertion entry known for this platform"
-#endif
-#define LCK_CHECK(cond, text)                                                                      \
-    do {                                                                                           \
-        if (__builtin_expect(!(cond), 0))                                                          \
-            LCK_FAIL(text);                                                                        \
-    } while (0)
-#endif
+#include "platform_assert.h"
+
+// The registry reports broken rules through the platform's own assertion.
+#define LCK_CHECK(cond, text) KOB_PLATFORM_CHECK(cond, text)
 
 // Every call on an existing lock starts with these two.
 #define LCK_CHECK_OBJ(ilck)                                                                        \

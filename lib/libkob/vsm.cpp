@@ -6,7 +6,6 @@
 
 #include "vsm.h"
 
-#include <cassert>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -14,24 +13,13 @@
 #include <cstring>
 #include <sys/stat.h>
 
+#include "platform_assert.h"
 #include "vin.h"
 #include "vsb.h"
 #include "vsc.h"
 #include "vsl.h"
 
-#if defined(__GLIBC__)
-#define VSM_ASSERT_FAIL(text) __assert_fail((text), __FILE__, __LINE__, __func__)
-#elif defined(__APPLE__)
-#define VSM_ASSERT_FAIL(text) __assert_rtn(__func__, __FILE__, __LINE__, (text))
-#else
-#error "no platform assertion entry known for this platform"
-#endif
-
-#define VSM_CHECK(cond, text)                                                                      \
-    do {                                                                                           \
-        if (__builtin_expect(!(cond), 0))                                                          \
-            VSM_ASSERT_FAIL(text);                                                                 \
-    } while (0)
+#define VSM_CHECK(cond, text) KOB_PLATFORM_CHECK(cond, text)
 
 #define VSM_CHECK_VD(vd)                                                                           \
     do {                                                                                           \
