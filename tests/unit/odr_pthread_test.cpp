@@ -202,3 +202,33 @@ TEST(OdrPthread, WrongMagicAborts) {
 }
 
 } // namespace
+
+namespace {
+
+void *signalAndExit(void *arg) {
+    auto s = static_cast<Signal *>(arg);
+    signaller(s);
+    return nullptr;
+}
+
+TEST(OdrPthread, DetachedThreadRunsToTheEnd) {
+    Signal s;
+    ODR_pthread_mutex_init(&s.m, nullptr);
+    ODR_pthread_cond_init(&s.c, nullptr);
+    ODR_pthread_mutex_lock(&s.m);
+    ODR_pthread_t t;
+    ODR_pthread_create(&t, nullptr, signalAndExit, &s);
+    EXPECT_EQ(ODR_pthread_detach(t), 0);
+    while (!s.ready)
+        ODR_pthread_cond_wait(&s.c, &s.m);
+    ODR_pthread_mutex_unlock(&s.m);
+    EXPECT_TRUE(s.ready);
+    auto r = kobtest::runChild([] {
+        ODR_pthread_mutex_t m;
+        ODR_pthread_mutex_init(&m, nullptr);
+        ODR_pthread_detach(reinterpret_cast<ODR_pthread_t>(m));
+    });
+    EXPECT_TRUE(kobtest::vasAbort(r, "ODR_pthread_detach", kPthread, "it->magic == THREAD_MAGIC"));
+}
+
+} // namespace

@@ -328,3 +328,15 @@ TEST(Vsb, LenOfLiveAndDoneFlags) {
 }
 
 } // namespace
+
+extern "C" int kob_c_api_roundtrip(char *out, int outlen);
+
+namespace {
+
+TEST(LibkobFromC, HeadersCompileAndLinkAsC) {
+    char buf[32];
+    EXPECT_EQ(kob_c_api_roundtrip(buf, sizeof buf), 9);
+    EXPECT_STREQ(buf, "from C-42");
+}
+
+} // namespace
