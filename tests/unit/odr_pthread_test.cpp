@@ -212,7 +212,8 @@ void *signalAndExit(void *arg) {
 }
 
 TEST(OdrPthread, DetachedThreadRunsToTheEnd) {
-    Signal s;
+    // Static: nobody joins the thread, so its mutex is never destroyed.
+    static Signal s;
     ODR_pthread_mutex_init(&s.m, nullptr);
     ODR_pthread_cond_init(&s.c, nullptr);
     ODR_pthread_mutex_lock(&s.m);
