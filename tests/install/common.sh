@@ -119,7 +119,7 @@ needs_library() {
 # pkg-config, with the shared libraries, and the C one with the static ones.
 build_with_pkgconfig() {
     local root=$1 out=$2 src=$KOB_SOURCE_DIR/tests/install/consumer
-    local pc="pkg-config --with-path=$root/$KOB_LIBDIR/pkgconfig"
+    local pc="env PKG_CONFIG_PATH=$root/$KOB_LIBDIR/pkgconfig pkg-config"
     mkdir -p "$out"
     $pc --exists --print-errors 'libkob = '"$KOB_VERSION" libkobec || fail "pkg-config finds no libkob"
     # shellcheck disable=SC2046
