@@ -2,7 +2,10 @@
  * vas.h - the library's assertion handler and the checks that call it.
  *
  * Every broken invariant in libkob ends in VAS_Fail, which the program that
- * links the library supplies: the library only declares it.  The check macros
+ * links the library supplies: the library only declares it.  The shared
+ * libkob.so and libkobec.so leave it undefined; an executable that defines
+ * it and links them gets it exported by the linker without -rdynamic, and
+ * the dynamic linker binds the libraries' calls to it.  The check macros
  * below pass the expression text explicitly where the preprocessor could not
  * reproduce it (NULL, named constants), so messages stay byte for byte stable.
  */

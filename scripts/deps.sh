@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
+  pkg-config groff-base dpkg-dev
 )
 
 missing=()

@@ -11,6 +11,6 @@ namespace kob {
 // buf must hold at least 352 bytes, the longest double in fixed notation.
 size_t formatSeconds(char *buf, double v);
 
-}  // namespace kob
+} // namespace kob
 
 #endif
