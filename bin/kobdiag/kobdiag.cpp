@@ -4,6 +4,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <initializer_list>
+#include <unistd.h>
 
 #include "kobdiag_assert.h"
 #include "kobdiag_config.h"
@@ -23,7 +26,67 @@ namespace {
     exit(1);
 }
 
+constexpr const char *kPackageVersion = "4.4.1";
+constexpr int kPublicConnectSeconds = 15;
+constexpr int kIntranetConnectSeconds = 1;
+constexpr int kIntranetPort = 8081;
+constexpr int kPassThroughPort = 10007;
+
+// One client log pair in the report: the labels say which stream each
+// block came from, and a missing file is named rather than skipped.
+void dia_appendLog(struct vsb *res, const char *name, const struct vsb *log, const char *label) {
+    if (log == nullptr) {
+        (void)vsb_printf(res, "No %s exists\n", name);
+        return;
+    }
+    (void)vsb_cat(res, label);
+    if (vsb_len(log) >= 1)
+        (void)vsb_bcat(res, vsb_data(log), static_cast<size_t>(vsb_len(log)));
+    else
+        (void)vsb_cat(res, "Empty file.\n");
+}
+
 } // namespace
+
+struct vsb *DIA_readLogs(const char *out, const char *err) {
+    struct vsb *outLog = DIA_readFile(out);
+    struct vsb *errLog = DIA_readFile(err);
+    struct vsb *res = vsb_newauto();
+    DIA_ASSERT_AT(res != nullptr, "(res) != 0", 76);
+    dia_appendLog(res, out, outLog, "[STDOUT]\n");
+    if (outLog != nullptr)
+        vsb_delete(outLog);
+    dia_appendLog(res, err, errLog, "[STDERR]\n");
+    if (errLog != nullptr)
+        vsb_delete(errLog);
+    vsb_finish(res);
+    return res;
+}
+
+void dumpKobvaneLogFiles(void) {
+    static const struct {
+        const char *heading;
+        const char *out;
+        const char *err;
+        int line;
+    } programs[] = {
+        {"==> Dumping KOBVANE log files\n", "kobvane_stdout.txt", "kobvane_stderr.txt", 108},
+        {"==> Dumping KOBRUN log files\n", "kobrun_stdout.txt", "kobrun_stderr.txt", 114},
+        {"==> Dumping KOBFLOW log files\n", "kobflow_stdout.txt", "kobflow_stderr.txt", 120},
+    };
+    for (const auto &p : programs) {
+        DIA_printf("%s", p.heading);
+        struct vsb *out = DIA_readLogs(p.out, p.err);
+        DIA_ASSERT_AT(out != nullptr, "(out) != 0", p.line);
+        // "%.*s" stops at a zero byte, so a log holding one is shown up to it.
+        DIA_printf("%.*s", vsb_len(out), vsb_data(out));
+        vsb_delete(out);
+    }
+}
+
+void MTU_test(const char *addr) {
+    (void)addr;
+}
 
 void dia_Init(void) {
     dia_msg = vsb_newauto();
@@ -60,9 +123,6 @@ int main(int argc, char *argv[]) {
     argv += kobdiag::optind;
     (void)argc;
     (void)argv;
-    (void)message;
-    (void)username;
-    (void)outputToFile;
 
     // Test-log and assertion lines go to standard output; keep them whole
     // and in order even when the process ends by abort.
@@ -74,5 +134,83 @@ int main(int argc, char *argv[]) {
     LVA_Init();
     VAS_Init();
     DIA_writepid();
+
+    // One fixed sequence: no result changes its course.
+    DIA_printf("This program diagnoses your network and system status and send the result to\n"
+               "the KOBVANE main server.\n");
+    DIA_printf("\n");
+    time_t now = time(nullptr);
+    // ctime's text ends in its own line feed, so an empty line follows.
+    DIA_printf("==> Timestamp: %s\n", ctime(&now));
+    if (username != nullptr)
+        DIA_printf("==> Username: %s\n", username);
+    DIA_printf("==> Package Version: %s\n", kPackageVersion);
+    DIA_printf("==> OS Version: %s\n", DIA_getOSVersion());
+
+    DIA_dumpNetworkStatus();
+
+    for (int i = 1; i <= 5; i++) {
+        DIA_printf("==> Testing UDP pass-through (%d of 5)\n", i);
+        (void)PIN_udp(KOBDIAG_PASSTHROUGH_ADDR, kPassThroughPort);
+    }
+    DIA_printf("==> Checks a connection to authentication server.\n");
+    (void)PIN_tcp(KOBDIAG_AUTH_ADDR, 80, kPublicConnectSeconds);
+    DIA_printf("==> Checks a connection to authentication server (old).\n");
+    (void)PIN_tcp(KOBDIAG_KTIDC_ADDR, 10009, kPublicConnectSeconds);
+    DIA_printf("==> Testing TCP pass-through to port 80\n");
+    (void)PIN_tcp(KOBDIAG_KTIDC_ADDR, 80, kPublicConnectSeconds);
+    DIA_printf("==> Testing TCP pass-through to port 443\n");
+    (void)PIN_tcp(KOBDIAG_KTIDC_ADDR, 443, kPublicConnectSeconds);
+    DIA_printf("==> Testing TCP pass-through to port 10007\n");
+    (void)PIN_tcp(KOBDIAG_PASSTHROUGH_ADDR, 10007, kPublicConnectSeconds);
+    DIA_printf("==> Testing TCP pass-through to port 10008 (KR - KT2)\n");
+    (void)PIN_tcp(KOBDIAG_PASSTHROUGH_ADDR, 10008, kPublicConnectSeconds);
+    DIA_printf("==> Testing TCP pass-through to port 10008 (JP - Amazon)\n");
+    (void)PIN_tcp(KOBDIAG_JP_ADDR, 10008, kPublicConnectSeconds);
+
+    DIA_printf("==> Testing traceroute to KOBVANE KT IDC node.\n");
+    TRE_traceroute(KOBDIAG_KTIDC_ADDR);
+
+    DIA_printf("==> Testing MTU to KOBVANE Asia (S. Korea - KT IDC)\n");
+    MTU_test(KOBDIAG_KTIDC_ADDR);
+    DIA_printf("==> Testing MTU to KOBVANE US West(N. California)\n");
+    MTU_test(KOBDIAG_USWEST_ADDR);
+    DIA_printf("==> Testing MTU to KOBVANE Asia (Singapore)\n");
+    MTU_test(KOBDIAG_SG_ADDR);
+    DIA_printf("==> Testing MTU to KOBVANE Asia (Tokyo)\n");
+    MTU_test(KOBDIAG_JP_ADDR);
+    DIA_printf("==> Testing MTU to KOBVANE Asia (S. Korea - HCLC IDC)\n");
+    MTU_test(KOBDIAG_HCLC_ADDR);
+
+    // The gateways answer at once or not at all, so a second is enough.
+    for (const char *gw : {KOBDIAG_INTRANET_ADDR_1, KOBDIAG_INTRANET_ADDR_2,
+                           KOBDIAG_INTRANET_ADDR_3, KOBDIAG_INTRANET_ADDR_4}) {
+        DIA_printf("==> Testing to the intranet %s:%d\n", gw, kIntranetPort);
+        (void)PIN_tcp(gw, kIntranetPort, kIntranetConnectSeconds);
+    }
+
+    dumpKobvaneLogFiles();
+
+    if (outputToFile) {
+        vsb_finish(dia_msg);
+        DIA_writeFile(dia_msg);
+        return 0;
+    }
+
+    int countdown = 10;
+    DIA_printf("\n");
+    DIA_printf("==> All tests had done now and will send the report to KOBVANE\n"
+               "    server after %d seconds.\n",
+               countdown);
+    // CTRL-c during the wait ends the process by the default action, before
+    // anything is sent; the lines are part of the report.
+    while (countdown > 0) {
+        DIA_printf("==> Press CTRL-c if you want aborting this operation within %d secs\n",
+                   countdown);
+        countdown--;
+        sleep(1);
+    }
+    vsb_finish(dia_msg);
+    DIA_sendReport(dia_msg, username, message);
     return 0;
 }

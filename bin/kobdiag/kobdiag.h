@@ -62,6 +62,62 @@ uint16_t pin_htons(int port);
 // Whether fd is in set: bit fd % 32 of the set's 32-bit word fd / 32.
 int pin_fd_isset(int fd, const fd_set *set);
 
+/* ---- command capture (kobdiag_report.cpp, kobdiag_traceroute.cpp) --------------- */
+
+// Run cmd through the shell and copy its standard output into the report
+// under "==> Dumping the result of `cmd'", in pieces of at most 1,023 bytes
+// as they are read.  Its standard error stays the program's own.  Prints
+// "_popen() error" instead when no pipe can be made.
+void DIA_dumpCommand(const char *cmd);
+
+// Capture the interface list, the socket table and the routing table.
+void DIA_dumpNetworkStatus(void);
+
+// Capture a numeric traceroute of at most 15 hops to addr.  An address that
+// does not fit the 1,024-byte command line fails "l < sizeof(buf)".
+void TRE_traceroute(const char *addr);
+
+// Takes the target and does nothing: the report keeps the MTU headings as
+// placeholders for a test that is not carried out.
+void MTU_test(const char *addr);
+
+/* ---- client logs (kobdiag_report.cpp, kobdiag.cpp) ------------------------------- */
+
+// The whole file, byte for byte, in a new finished buffer that the caller
+// deletes; NULL when the file cannot be opened.  A read error ends the copy
+// at what was read.
+struct vsb *DIA_readFile(const char *path);
+
+// Both files with their labels ("[STDOUT]", "[STDERR]", "Empty file.", or
+// "No <name> exists" for a file that cannot be opened) in a new finished
+// buffer that the caller deletes.
+struct vsb *DIA_readLogs(const char *out, const char *err);
+
+// Print the stdout and stderr logs of kobvane, kobrun and kobflow from the
+// working directory, each pair under its heading.
+void dumpKobvaneLogFiles(void);
+
+/* ---- delivery (kobdiag_report.cpp) ---------------------------------------------- */
+
+// The problem-report server: host name (also the Host header) and port.
+// Initialised from the build's settings; tests may point them elsewhere
+// before calling DIA_sendReport.
+extern const char *dia_report_host;
+extern int dia_report_port;
+
+// POST the report as a multipart form: "desc" (only when report is
+// finished), "username" (when not NULL) and "why" (the contents of the file
+// named by message, when it can be read).  The server's answer is copied to
+// the "dia" log one record per read and never examined.  A connection that
+// cannot be made within 10 s is one "VSS_open(2) error" record; a head or
+// body not written whole fails "l == vsb_len(hdr)" or "l == vsb_len(vsb)".
+void DIA_sendReport(struct vsb *report, const char *username, const char *message);
+
+// Write the finished report to "kobdiag_stdout.txt" in the working
+// directory, replacing any earlier one.  A file that cannot be opened fails
+// "(fp) != 0"; write errors are not reported.
+void DIA_writeFile(struct vsb *report);
+
 /* ---- start-up (kobdiag.cpp) ------------------------------------------------------- */
 
 void dia_Init(void);
