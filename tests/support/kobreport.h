@@ -130,10 +130,10 @@ class Koblab {
     Koblab(const Koblab &) = delete;
     Koblab &operator=(const Koblab &) = delete;
 
-    // Stop it and return its exit status; idempotent.
-    int stop() {
+    // Stop it with sig and return its wait status; idempotent.
+    int stop(int sig = SIGTERM) {
         if (pid_ > 0) {
-            kill(pid_, SIGTERM);
+            kill(pid_, sig);
             while (readSome(30000)) {
             }
             while (waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {
