@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ clang clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
   pkg-config groff-base dpkg-dev
+  net-tools traceroute iproute2 time
 )
 
 missing=()
