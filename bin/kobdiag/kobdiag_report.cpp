@@ -1,11 +1,14 @@
 // The report channel, file reading, command capture, the report's delivery
 // and the PID file.
 
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -20,10 +23,49 @@
 struct vsb *dia_msg;
 struct vtclog *dia_vl;
 
+namespace {
+
+// Show the text and append the same bytes to the report.  Like "%.*s", it
+// stops at a zero byte, so what is shown and what is kept never differ.
+void dia_emit(const char *p, size_t n) {
+    n = strnlen(p, n);
+    (void)fwrite(p, 1, n, stderr);
+    (void)vsb_bcat(dia_msg, p, n);
+}
+
+// A format that is one string conversion and nothing else: the client logs
+// come through it whole, and copying them beats formatting them twice.
+// Returns -1 when the format is any other, or the string is out of the
+// formatter's range, so that the general path handles it.
+int dia_lonestring(const char *fmt, va_list ap) {
+    const bool precision = strcmp(fmt, "%.*s") == 0;
+    if (!precision && strcmp(fmt, "%s") != 0)
+        return -1;
+    va_list aq;
+    va_copy(aq, ap);
+    int prec = precision ? va_arg(aq, int) : -1;
+    const char *str = va_arg(aq, const char *);
+    va_end(aq);
+    if (str == nullptr)
+        return -1;
+    size_t n = prec < 0 ? strlen(str) : strnlen(str, static_cast<size_t>(prec));
+    if (n > static_cast<size_t>(INT_MAX))
+        return -1;
+    dia_emit(str, n);
+    return static_cast<int>(n);
+}
+
+} // namespace
+
 int DIA_printf(const char *fmt, ...) {
     va_list ap;
-    va_list ap2;
     va_start(ap, fmt);
+    int m = dia_lonestring(fmt, ap);
+    if (m >= 0) {
+        va_end(ap);
+        return m;
+    }
+    va_list ap2;
     va_copy(ap2, ap);
     int n = vsnprintf(nullptr, 0, fmt, ap);
     va_end(ap);
@@ -32,12 +74,11 @@ int DIA_printf(const char *fmt, ...) {
         va_end(ap2);
         return -1;
     }
-    int m = vsnprintf(p, static_cast<size_t>(n) + 1, fmt, ap2);
+    m = vsnprintf(p, static_cast<size_t>(n) + 1, fmt, ap2);
     va_end(ap2);
     // The text is passed on with an explicit length, so a '%' in it is
     // shown and stored as it is.
-    fprintf(stderr, "%.*s", m, p);
-    (void)vsb_printf(dia_msg, "%.*s", m, p);
+    dia_emit(p, static_cast<size_t>(m));
     free(p);
     return m;
 }
@@ -64,7 +105,14 @@ struct vsb *DIA_readFile(const char *path) {
     FILE *fp = fopen(path, "r");
     if (fp == nullptr)
         return nullptr;
-    struct vsb *vsb = vsb_newauto();
+    // Logs can be large: read ahead in big blocks, and start the buffer at
+    // the file's size so that it need not grow step by step.
+    (void)setvbuf(fp, nullptr, _IOFBF, 1 << 20);
+    struct stat st;
+    int hint = 0;
+    if (fstat(fileno(fp), &st) == 0 && st.st_size > 0 && st.st_size < INT_MAX / 2)
+        hint = static_cast<int>(st.st_size) + 1;
+    struct vsb *vsb = vsb_new(nullptr, nullptr, hint, VSB_AUTOEXTEND);
     DIA_ASSERT_AT(vsb != nullptr, "(vsb) != 0", 64);
     char buf[1024];
     size_t n;
