@@ -16,14 +16,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "vas.h"
+#include "segment_tool.h"
 #include "vsl.h"
 #include "vsm.h"
-
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
 
 namespace {
 
@@ -35,22 +30,6 @@ const char usageText[] = "usage: koblog [-n instance] [-d]\n"
 [[noreturn]] void usage() {
     fputs(usageText, stderr);
     exit(1);
-}
-
-// The library ends the process on an unknown instance name; a person gets
-// a message instead.
-bool knownInstance(std::string_view name) {
-    for (std::string_view known : {".kobvane.vsm", ".kobflow.vsm", ".kobrun.vsm"})
-        if (name.starts_with(known))
-            return true;
-    return false;
-}
-
-std::string withoutNewline(const char *text) {
-    std::string s = text == nullptr ? "unknown error" : text;
-    while (!s.empty() && s.back() == '\n')
-        s.pop_back();
-    return s;
 }
 
 void printRecord(const uint32_t *p) {
@@ -133,7 +112,7 @@ int main(int argc, char **argv) {
     }
     if (optind != argc)
         usage();
-    if (!knownInstance(instance)) {
+    if (!segtool::knownInstance(instance)) {
         fprintf(stderr, "koblog: unknown instance %s\n", instance);
         return 1;
     }
@@ -145,7 +124,7 @@ int main(int argc, char **argv) {
     }
     (void)VSL_Arg(vd, 'n', instance);
     if (VSM_Open(vd) != 0) {
-        fprintf(stderr, "koblog: %s\n", withoutNewline(VSM_Error(vd)).c_str());
+        fprintf(stderr, "koblog: %s\n", segtool::withoutNewline(VSM_Error(vd)).c_str());
         VSM_Delete(vd);
         return 1;
     }

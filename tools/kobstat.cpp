@@ -18,14 +18,9 @@
 #include <unistd.h>
 #include <vector>
 
-#include "vas.h"
+#include "segment_tool.h"
 #include "vsc.h"
 #include "vsm.h"
-
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
 
 namespace {
 
@@ -37,20 +32,6 @@ const char usageText[] = "usage: kobstat [-n instance] [-1]\n"
 [[noreturn]] void usage() {
     fputs(usageText, stderr);
     exit(1);
-}
-
-bool knownInstance(std::string_view name) {
-    for (std::string_view known : {".kobvane.vsm", ".kobflow.vsm", ".kobrun.vsm"})
-        if (name.starts_with(known))
-            return true;
-    return false;
-}
-
-std::string withoutNewline(const char *text) {
-    std::string s = text == nullptr ? "unknown error" : text;
-    while (!s.empty() && s.back() == '\n')
-        s.pop_back();
-    return s;
 }
 
 struct Row {
@@ -115,7 +96,7 @@ int main(int argc, char **argv) {
     }
     if (optind != argc)
         usage();
-    if (!knownInstance(instance)) {
+    if (!segtool::knownInstance(instance)) {
         fprintf(stderr, "kobstat: unknown instance %s\n", instance);
         return 1;
     }
@@ -127,7 +108,7 @@ int main(int argc, char **argv) {
     }
     (void)VSM_n_Arg(vd, instance);
     if (VSM_Open(vd) != 0) {
-        fprintf(stderr, "kobstat: %s\n", withoutNewline(VSM_Error(vd)).c_str());
+        fprintf(stderr, "kobstat: %s\n", segtool::withoutNewline(VSM_Error(vd)).c_str());
         VSM_Delete(vd);
         return 1;
     }
