@@ -1,0 +1,1010 @@
+// The report is read in three regions, because their contents differ in how
+// far they can be trusted to keep to lines:
+//   - the probes and captures, one heading line "==> ..." and the lines under
+//     it, read line by line;
+//   - the client logs, whose text is copied verbatim and may run into the
+//     next label without a line feed, read by searching for the labels;
+//   - the upload countdown at the very end.
+
+#include "kobtriage.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <map>
+
+namespace kobtriage {
+
+namespace {
+
+using sv = std::string_view;
+
+constexpr sv kHeading = "==> ";
+constexpr sv kTailHeading =
+    "==> All tests had done now and will send the report to KOBVANE\n    server after ";
+constexpr sv kCountdownPrefix = "==> Press CTRL-c if you want aborting this operation within ";
+constexpr sv kPopenError = "_popen() error";
+
+struct LogProgram {
+    sv heading;
+    sv name;
+};
+constexpr std::array<LogProgram, 3> kLogPrograms = {{
+    {"==> Dumping KOBVANE log files\n", "kobvane"},
+    {"==> Dumping KOBRUN log files\n", "kobrun"},
+    {"==> Dumping KOBFLOW log files\n", "kobflow"},
+}};
+
+enum class Role { None, Auth, KtIdc, PassThrough, Jp };
+
+struct KnownTcp {
+    sv heading;
+    sv target;
+    int port;
+    Role role;
+};
+constexpr std::array<KnownTcp, 7> kKnownTcp = {{
+    {"Checks a connection to authentication server.", "authentication server", 80, Role::Auth},
+    {"Checks a connection to authentication server (old).", "old authentication server", 10009,
+     Role::KtIdc},
+    {"Testing TCP pass-through to port 80", "KT IDC", 80, Role::KtIdc},
+    {"Testing TCP pass-through to port 443", "KT IDC", 443, Role::KtIdc},
+    {"Testing TCP pass-through to port 10007", "pass-through server", 10007, Role::PassThrough},
+    {"Testing TCP pass-through to port 10008 (KR - KT2)", "KR - KT2", 10008, Role::PassThrough},
+    {"Testing TCP pass-through to port 10008 (JP - Amazon)", "JP - Amazon", 10008, Role::Jp},
+}};
+constexpr int kPublicLimit = 15;
+constexpr int kIntranetLimit = 1;
+constexpr int kUdpAttempts = 5;
+constexpr int kIntranetProbes = 4;
+constexpr int kStatusCaptures = 3;
+
+bool startsWith(sv s, sv p) {
+    return s.substr(0, p.size()) == p;
+}
+bool endsWith(sv s, sv p) {
+    return s.size() >= p.size() && s.substr(s.size() - p.size()) == p;
+}
+
+std::optional<int> toInt(sv s) {
+    int v = 0;
+    if (s.empty())
+        return std::nullopt;
+    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (r.ec != std::errc() || r.ptr != s.data() + s.size())
+        return std::nullopt;
+    return v;
+}
+
+std::optional<double> toDouble(sv s) {
+    double v = 0;
+    if (s.empty())
+        return std::nullopt;
+    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
+    if (r.ec != std::errc() || r.ptr != s.data() + s.size())
+        return std::nullopt;
+    return v;
+}
+
+std::string fmt1(double v) {
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.1f", v);
+    return buf;
+}
+
+// "UDP src --%f ms--> dst(%s:%d)" and its TCP twin.
+bool parseRttLine(sv line, sv proto, ProbeResult &r) {
+    std::string prefix = std::string(proto) + " src --";
+    if (!startsWith(line, prefix) || !endsWith(line, ")"))
+        return false;
+    sv rest = line.substr(prefix.size());
+    auto mid = rest.find(" ms--> dst(");
+    if (mid == sv::npos)
+        return false;
+    auto ms = toDouble(rest.substr(0, mid));
+    sv dst = rest.substr(mid + 11);
+    dst.remove_suffix(1);
+    auto colon = dst.rfind(':');
+    if (!ms || colon == sv::npos)
+        return false;
+    auto port = toInt(dst.substr(colon + 1));
+    if (!port)
+        return false;
+    r.outcome = ProbeResult::Outcome::Answered;
+    r.rtt_ms = *ms;
+    r.address = std::string(dst.substr(0, colon));
+    r.port = *port;
+    return true;
+}
+
+// "recvfrom error: %d %s" or "connect(2) fail: %d %s".
+bool parseErrorLine(sv line, sv prefix, ProbeResult &r) {
+    if (!startsWith(line, prefix))
+        return false;
+    sv rest = line.substr(prefix.size());
+    auto sp = rest.find(' ');
+    auto num = toInt(rest.substr(0, sp));
+    if (!num)
+        return false;
+    r.outcome = ProbeResult::Outcome::Error;
+    r.err = *num;
+    r.error_text = sp == sv::npos ? std::string() : std::string(rest.substr(sp + 1));
+    return true;
+}
+
+void takeProbeLines(const std::vector<sv> &lines, bool udp, ProbeResult &r, int &popenErrors) {
+    for (sv line : lines) {
+        if (line.empty())
+            continue;
+        if (line == kPopenError) {
+            popenErrors++;
+            continue;
+        }
+        if (r.outcome == ProbeResult::Outcome::Missing) {
+            if (udp) {
+                if (parseRttLine(line, "UDP", r))
+                    continue;
+                if (line == "UDP: select timeout") {
+                    r.outcome = ProbeResult::Outcome::Timeout;
+                    continue;
+                }
+                if (parseErrorLine(line, "recvfrom error: ", r))
+                    continue;
+            } else {
+                if (parseRttLine(line, "TCP", r))
+                    continue;
+                if (line == "TCP: select timeout") {
+                    r.outcome = ProbeResult::Outcome::Timeout;
+                    continue;
+                }
+                if (parseErrorLine(line, "connect(2) fail: ", r))
+                    continue;
+            }
+        }
+        r.extra.emplace_back(line);
+    }
+}
+
+std::optional<std::string> ctimeToIso(sv t) {
+    static constexpr std::array<sv, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    std::vector<sv> words;
+    std::size_t i = 0;
+    while (i < t.size()) {
+        while (i < t.size() && t[i] == ' ')
+            i++;
+        std::size_t j = i;
+        while (j < t.size() && t[j] != ' ')
+            j++;
+        if (j > i)
+            words.push_back(t.substr(i, j - i));
+        i = j;
+    }
+    if (words.size() != 5)
+        return std::nullopt;
+    auto m = std::find(months.begin(), months.end(), words[1]);
+    auto day = toInt(words[2]);
+    auto year = toInt(words[4]);
+    sv hms = words[3];
+    if (m == months.end() || !day || !year || hms.size() != 8 || hms[2] != ':' || hms[5] != ':')
+        return std::nullopt;
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%.*s", *year,
+                  static_cast<int>(m - months.begin()) + 1, *day, 8, hms.data());
+    return std::string(buf);
+}
+
+bool isAddress(sv w) {
+    if (w.empty())
+        return false;
+    bool digit = false, sep = false;
+    for (char c : w) {
+        if (c >= '0' && c <= '9')
+            digit = true;
+        else if (c == '.' || c == ':')
+            sep = true;
+        else if (!((c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')))
+            return false;
+    }
+    return digit && sep;
+}
+
+std::vector<sv> words(sv line) {
+    std::vector<sv> out;
+    std::size_t i = 0;
+    while (i < line.size()) {
+        while (i < line.size() && (line[i] == ' ' || line[i] == '\t'))
+            i++;
+        std::size_t j = i;
+        while (j < line.size() && line[j] != ' ' && line[j] != '\t')
+            j++;
+        if (j > i)
+            out.push_back(line.substr(i, j - i));
+        i = j;
+    }
+    return out;
+}
+
+void takeHopWords(Hop &hop, const std::vector<sv> &w, std::size_t from) {
+    for (std::size_t k = from; k < w.size(); k++) {
+        sv t = w[k];
+        if (t == "*") {
+            hop.lost++;
+        } else if (k + 1 < w.size() && w[k + 1] == "ms" && toDouble(t)) {
+            hop.rtts_ms.push_back(*toDouble(t));
+            k++;
+        } else if (startsWith(t, "!")) {
+            hop.notes.emplace_back(t);
+        } else {
+            // Without -n a name comes first and the address follows in parentheses.
+            if (t.size() > 2 && t.front() == '(' && t.back() == ')')
+                t = t.substr(1, t.size() - 2);
+            if (isAddress(t) &&
+                std::find(hop.addresses.begin(), hop.addresses.end(), t) == hop.addresses.end())
+                hop.addresses.emplace_back(t);
+        }
+    }
+}
+
+Traceroute parseTraceroute(sv command, const std::vector<sv> &lines) {
+    Traceroute tr;
+    tr.command = std::string(command);
+    auto cw = words(command);
+    if (!cw.empty())
+        tr.destination = std::string(cw.back());
+    bool any = false;
+    for (sv line : lines) {
+        if (line.empty())
+            continue;
+        any = true;
+        auto w = words(line);
+        auto num = w.empty() ? std::nullopt : toInt(w[0]);
+        if (num && *num > 0) {
+            Hop hop;
+            hop.number = *num;
+            takeHopWords(hop, w, 1);
+            tr.hops.push_back(std::move(hop));
+        } else if (!tr.hops.empty() && !w.empty() && (line[0] == ' ' || line[0] == '\t') &&
+                   (isAddress(w[0]) || w[0] == "*")) {
+            // A further responder of the same hop on a line of its own.
+            takeHopWords(tr.hops.back(), w, 0);
+        } else {
+            tr.other_lines.emplace_back(line);
+        }
+    }
+    tr.printed_nothing = !any;
+    return tr;
+}
+
+enum class Kind {
+    Unknown,
+    Timestamp,
+    Username,
+    Version,
+    Os,
+    Capture,
+    Udp,
+    Tcp,
+    TraceHeading,
+    Mtu,
+    Intranet
+};
+
+struct Heading {
+    Kind kind = Kind::Unknown;
+    sv value;       // header value, capture command, intranet address
+    int number = 0; // UDP attempt, intranet port
+    const KnownTcp *tcp = nullptr;
+};
+
+Heading classify(sv h) {
+    Heading r;
+    auto after = [&](sv p, sv &v) {
+        if (!startsWith(h, p))
+            return false;
+        v = h.substr(p.size());
+        return true;
+    };
+    sv v;
+    if (after("Timestamp: ", v)) {
+        r.kind = Kind::Timestamp;
+        r.value = v;
+    } else if (after("Username: ", v)) {
+        r.kind = Kind::Username;
+        r.value = v;
+    } else if (after("Package Version: ", v)) {
+        r.kind = Kind::Version;
+        r.value = v;
+    } else if (after("OS Version: ", v)) {
+        r.kind = Kind::Os;
+        r.value = v;
+    } else if (after("Dumping the result of `", v) && endsWith(v, "'")) {
+        r.kind = Kind::Capture;
+        r.value = v.substr(0, v.size() - 1);
+    } else if (after("Testing UDP pass-through (", v) && endsWith(v, " of 5)")) {
+        auto n = toInt(v.substr(0, v.size() - 6));
+        if (n) {
+            r.kind = Kind::Udp;
+            r.number = *n;
+        }
+    } else if (after("Testing traceroute to ", v)) {
+        r.kind = Kind::TraceHeading;
+    } else if (after("Testing MTU to ", v)) {
+        r.kind = Kind::Mtu;
+    } else if (after("Testing to the intranet ", v)) {
+        auto colon = v.rfind(':');
+        auto port = colon == sv::npos ? std::nullopt : toInt(v.substr(colon + 1));
+        if (port) {
+            r.kind = Kind::Intranet;
+            r.value = v.substr(0, colon);
+            r.number = *port;
+        }
+    } else {
+        for (const auto &k : kKnownTcp) {
+            if (h == k.heading) {
+                r.kind = Kind::Tcp;
+                r.tcp = &k;
+            }
+        }
+        if (r.kind == Kind::Unknown && (startsWith(h, "Testing TCP pass-through to port ") ||
+                                        startsWith(h, "Checks a connection to ")))
+            r.kind = Kind::Tcp;
+    }
+    return r;
+}
+
+// One line of the probe region: its text and whether a line feed ended it.
+struct Line {
+    sv text;
+    bool newline;
+};
+
+// Lines, split once more where a known heading follows text that had no
+// line feed of its own (a capture whose last line was not terminated).
+std::vector<Line> splitLines(sv region) {
+    std::vector<Line> out;
+    std::size_t i = 0;
+    while (i < region.size()) {
+        auto nl = region.find('\n', i);
+        sv line = region.substr(i, nl == sv::npos ? sv::npos : nl - i);
+        bool newline = nl != sv::npos;
+        i = newline ? nl + 1 : region.size();
+        if (!startsWith(line, kHeading)) {
+            std::size_t at = 0;
+            while ((at = line.find(kHeading, at + 1)) != sv::npos) {
+                if (classify(line.substr(at + kHeading.size())).kind != Kind::Unknown)
+                    break;
+            }
+            if (at != sv::npos) {
+                out.push_back({line.substr(0, at), false});
+                line = line.substr(at);
+            }
+        }
+        out.push_back({line, newline});
+    }
+    return out;
+}
+
+std::string joinLines(const std::vector<Line> &lines) {
+    std::string s;
+    for (const auto &l : lines) {
+        s.append(l.text);
+        if (l.newline)
+            s.push_back('\n');
+    }
+    return s;
+}
+
+std::string roleKey(Role r) {
+    return std::to_string(static_cast<int>(r));
+}
+
+class Parser {
+  public:
+    explicit Parser(sv text) : text_(text) {}
+    Report run();
+
+  private:
+    void parseProbes(sv region);
+    void finishSection(sv headingLine, const Heading &h, std::vector<Line> &body);
+    void parseLogs(sv region);
+    void parseTail(sv region);
+    void keepUnknown(sv heading, std::string text);
+    void inferAddresses();
+    void findMissing();
+    void judge();
+
+    sv text_;
+    Report r_;
+    std::map<std::string, std::string> roleAddress_;
+    std::vector<Role> tcpRoles_;
+};
+
+void Parser::keepUnknown(sv heading, std::string text) {
+    if (heading.empty() && text.find_first_not_of("\n") == std::string::npos)
+        return;
+    r_.unknown.push_back({std::string(heading), std::move(text)});
+}
+
+void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &body) {
+    std::vector<sv> lines;
+    for (const auto &l : body)
+        lines.push_back(l.text);
+    auto unexpected = [&](bool allowEmpty) {
+        std::string extra;
+        for (const auto &l : body) {
+            if (l.text == kPopenError) {
+                r_.popen_errors++;
+                continue;
+            }
+            if (allowEmpty && l.text.empty())
+                continue;
+            extra.append(l.text);
+            if (l.newline)
+                extra.push_back('\n');
+        }
+        if (!extra.empty())
+            keepUnknown(headingLine.substr(kHeading.size()), extra);
+    };
+    switch (h.kind) {
+    case Kind::Unknown:
+        if (headingLine.empty()) {
+            // Before the first heading: the run's two-line introduction.
+            std::string s = joinLines(body);
+            constexpr sv intro = "This program diagnoses your network and system status and "
+                                 "send the result to\nthe KOBVANE main server.\n";
+            if (startsWith(s, intro)) {
+                r_.recognised = true;
+                s.erase(0, intro.size());
+            }
+            keepUnknown("", s);
+        } else {
+            keepUnknown(headingLine.substr(kHeading.size()), joinLines(body));
+        }
+        return;
+    case Kind::Timestamp:
+        r_.timestamp = std::string(h.value);
+        r_.time_iso = ctimeToIso(h.value);
+        unexpected(true);
+        break;
+    case Kind::Username:
+        r_.username = std::string(h.value);
+        unexpected(true);
+        break;
+    case Kind::Version:
+        r_.version = std::string(h.value);
+        unexpected(true);
+        break;
+    case Kind::Os:
+        r_.os = std::string(h.value);
+        unexpected(true);
+        break;
+    case Kind::Capture: {
+        // A pipe that could not be opened prints its complaint where the
+        // next capture would begin, so it ends the previous one.
+        while (!body.empty() && body.back().text == kPopenError) {
+            r_.popen_errors++;
+            body.pop_back();
+        }
+        Capture c;
+        c.command = std::string(h.value);
+        c.text = joinLines(body);
+        c.lines = body.size();
+        if (h.value.find("traceroute") != sv::npos) {
+            std::vector<sv> ls;
+            for (const auto &l : body)
+                ls.push_back(l.text);
+            r_.traceroute = parseTraceroute(h.value, ls);
+        }
+        r_.captures.push_back(std::move(c));
+        break;
+    }
+    case Kind::Udp: {
+        UdpAttempt a;
+        a.number = h.number;
+        takeProbeLines(lines, true, a.result, r_.popen_errors);
+        r_.udp.push_back(std::move(a));
+        break;
+    }
+    case Kind::Tcp: {
+        TcpProbe p;
+        p.heading = std::string(headingLine.substr(kHeading.size()));
+        p.limit_s = kPublicLimit;
+        Role role = Role::None;
+        if (h.tcp) {
+            p.target = std::string(h.tcp->target);
+            p.result.port = h.tcp->port;
+            role = h.tcp->role;
+        } else {
+            p.target = "unknown target";
+            constexpr sv portPrefix = "Testing TCP pass-through to port ";
+            if (startsWith(p.heading, portPrefix)) {
+                sv rest = sv(p.heading).substr(portPrefix.size());
+                auto n = toInt(rest.substr(0, rest.find(' ')));
+                if (n)
+                    p.result.port = *n;
+            }
+        }
+        takeProbeLines(lines, false, p.result, r_.popen_errors);
+        r_.tcp.push_back(std::move(p));
+        tcpRoles_.push_back(role);
+        break;
+    }
+    case Kind::TraceHeading:
+        r_.traceroute_heading = true;
+        unexpected(true);
+        break;
+    case Kind::Mtu:
+        r_.mtu.emplace_back(headingLine.substr(kHeading.size()));
+        unexpected(true);
+        break;
+    case Kind::Intranet: {
+        IntranetProbe p;
+        p.address = std::string(h.value);
+        p.port = h.number;
+        takeProbeLines(lines, false, p.result, r_.popen_errors);
+        r_.intranet.push_back(std::move(p));
+        break;
+    }
+    }
+    r_.recognised = true;
+}
+
+void Parser::parseProbes(sv region) {
+    auto lines = splitLines(region);
+    sv headingLine;
+    Heading heading;
+    std::vector<Line> body;
+    for (const auto &l : lines) {
+        if (startsWith(l.text, kHeading)) {
+            finishSection(headingLine, heading, body);
+            body.clear();
+            headingLine = l.text;
+            heading = classify(l.text.substr(kHeading.size()));
+        } else {
+            body.push_back(l);
+        }
+    }
+    finishSection(headingLine, heading, body);
+}
+
+// The first of the program headings at or after from, with its index.
+std::pair<std::size_t, std::size_t> nextLogHeading(sv region, std::size_t from,
+                                                   std::size_t firstProgram) {
+    std::size_t best = sv::npos, which = kLogPrograms.size();
+    for (std::size_t k = firstProgram; k < kLogPrograms.size(); k++) {
+        auto at = region.find(kLogPrograms[k].heading, from);
+        if (at < best) {
+            best = at;
+            which = k;
+        }
+    }
+    return {best, which};
+}
+
+void Parser::parseLogs(sv region) {
+    std::size_t pos = 0;
+    std::size_t first = 0;
+    while (pos < region.size()) {
+        auto [at, which] = nextLogHeading(region, pos, first);
+        if (at == sv::npos) {
+            keepUnknown("", std::string(region.substr(pos)));
+            return;
+        }
+        if (at > pos)
+            keepUnknown("", std::string(region.substr(pos, at - pos)));
+        const auto &prog = kLogPrograms[which];
+        std::size_t start = at + prog.heading.size();
+        auto [end, nextWhich] = nextLogHeading(region, start, which + 1);
+        (void)nextWhich;
+        if (end == sv::npos)
+            end = region.size();
+        sv block = region.substr(start, end - start);
+        pos = end;
+        first = which + 1;
+        r_.recognised = true;
+
+        std::string name(prog.name);
+        std::string outFile = name + "_stdout.txt", errFile = name + "_stderr.txt";
+        std::string outMissing = "No " + outFile + " exists\n";
+        std::string errMissing = "No " + errFile + " exists\n";
+        ClientLog out, err;
+        out.program = err.program = name;
+        out.stream = "stdout";
+        err.stream = "stderr";
+        out.file = outFile;
+        err.file = errFile;
+
+        auto content = [](ClientLog &log, sv text) {
+            if (text == "Empty file.\n") {
+                log.state = ClientLog::State::Empty;
+            } else {
+                log.state = ClientLog::State::Present;
+                log.text = std::string(text);
+                log.size = text.size();
+            }
+        };
+        // The stderr part starts at its label or at its "No ... exists" line.
+        std::size_t errAt = std::min(block.find("[STDERR]\n"), block.find(errMissing));
+        sv outPart = block.substr(0, errAt);
+        sv errPart = errAt == sv::npos ? sv() : block.substr(errAt);
+        if (startsWith(outPart, outMissing)) {
+            out.state = ClientLog::State::Missing;
+            if (outPart.size() > outMissing.size())
+                keepUnknown(prog.heading.substr(kHeading.size(), prog.heading.size() - 5),
+                            std::string(outPart.substr(outMissing.size())));
+        } else if (startsWith(outPart, "[STDOUT]\n")) {
+            content(out, outPart.substr(9));
+        } else if (!outPart.empty()) {
+            keepUnknown(prog.heading.substr(kHeading.size(), prog.heading.size() - 5),
+                        std::string(outPart));
+        }
+        if (startsWith(errPart, errMissing)) {
+            err.state = ClientLog::State::Missing;
+            if (errPart.size() > errMissing.size())
+                keepUnknown(prog.heading.substr(kHeading.size(), prog.heading.size() - 5),
+                            std::string(errPart.substr(errMissing.size())));
+        } else if (startsWith(errPart, "[STDERR]\n")) {
+            content(err, errPart.substr(9));
+        }
+        r_.logs.push_back(std::move(out));
+        r_.logs.push_back(std::move(err));
+    }
+}
+
+void Parser::parseTail(sv region) {
+    // region starts with the tail heading.
+    sv rest = region.substr(kTailHeading.size());
+    auto nl = rest.find('\n');
+    sv first = rest.substr(0, nl);
+    if (endsWith(first, " seconds.")) {
+        auto n = toInt(first.substr(0, first.size() - 9));
+        if (n)
+            r_.countdown_from = *n;
+    }
+    r_.recognised = true;
+    std::string extra;
+    if (nl == sv::npos)
+        return;
+    rest = rest.substr(nl + 1);
+    std::size_t i = 0;
+    while (i < rest.size()) {
+        auto e = rest.find('\n', i);
+        sv line = rest.substr(i, e == sv::npos ? sv::npos : e - i);
+        i = e == sv::npos ? rest.size() : e + 1;
+        if (startsWith(line, kCountdownPrefix) && endsWith(line, " secs") &&
+            toInt(
+                line.substr(kCountdownPrefix.size(), line.size() - kCountdownPrefix.size() - 5))) {
+            r_.countdown_lines++;
+            continue;
+        }
+        extra.append(line);
+        if (e != sv::npos)
+            extra.push_back('\n');
+    }
+    if (!extra.empty())
+        keepUnknown("All tests had done now", extra);
+}
+
+void Parser::inferAddresses() {
+    // The run prints a target's address only when it answers; the same
+    // target answers other probes, or names itself in the traceroute.
+    for (const auto &a : r_.udp)
+        if (a.result.outcome == ProbeResult::Outcome::Answered)
+            roleAddress_.emplace(roleKey(Role::PassThrough), a.result.address);
+    for (std::size_t k = 0; k < r_.tcp.size(); k++)
+        if (tcpRoles_[k] != Role::None &&
+            r_.tcp[k].result.outcome == ProbeResult::Outcome::Answered)
+            roleAddress_.emplace(roleKey(tcpRoles_[k]), r_.tcp[k].result.address);
+    if (r_.traceroute && !r_.traceroute->destination.empty())
+        roleAddress_.emplace(roleKey(Role::KtIdc), r_.traceroute->destination);
+    auto fill = [&](ProbeResult &res, Role role) {
+        if (!res.address.empty() || role == Role::None)
+            return;
+        auto it = roleAddress_.find(roleKey(role));
+        if (it != roleAddress_.end()) {
+            res.address = it->second;
+            res.address_inferred = true;
+        }
+    };
+    for (auto &a : r_.udp) {
+        fill(a.result, Role::PassThrough);
+        if (a.result.port == 0)
+            a.result.port = 10007;
+    }
+    for (std::size_t k = 0; k < r_.tcp.size(); k++)
+        fill(r_.tcp[k].result, tcpRoles_[k]);
+    for (auto &p : r_.intranet) {
+        p.result.address = p.address;
+        p.result.port = p.port;
+    }
+}
+
+void Parser::findMissing() {
+    if (!r_.recognised)
+        return;
+    auto count = [](std::size_t have, int want, const char *what) {
+        return std::string(what) + " (" + std::to_string(have) + " of " + std::to_string(want) +
+               ")";
+    };
+    if (!r_.timestamp || !r_.version || !r_.os)
+        r_.missing.emplace_back("header");
+    std::size_t status = 0;
+    for (const auto &c : r_.captures)
+        if (c.command.find("traceroute") == std::string::npos)
+            status++;
+    if (status < static_cast<std::size_t>(kStatusCaptures))
+        r_.missing.push_back(count(status, kStatusCaptures, "network status captures"));
+    if (r_.udp.size() < static_cast<std::size_t>(kUdpAttempts))
+        r_.missing.push_back(count(r_.udp.size(), kUdpAttempts, "UDP attempts"));
+    if (r_.tcp.size() < kKnownTcp.size())
+        r_.missing.push_back(count(r_.tcp.size(), kKnownTcp.size(), "TCP probes"));
+    if (!r_.traceroute)
+        r_.missing.emplace_back("traceroute");
+    if (r_.mtu.size() < 5)
+        r_.missing.push_back(count(r_.mtu.size(), 5, "MTU headings"));
+    if (r_.intranet.size() < static_cast<std::size_t>(kIntranetProbes))
+        r_.missing.push_back(count(r_.intranet.size(), kIntranetProbes, "intranet probes"));
+    if (r_.logs.size() < 2 * kLogPrograms.size())
+        r_.missing.push_back(count(r_.logs.size() / 2, kLogPrograms.size(), "client log dumps"));
+}
+
+void Parser::judge() {
+    using L = Verdict::Level;
+    auto add = [&](L level, const char *area, std::string text) {
+        r_.verdicts.push_back({level, area, std::move(text)});
+    };
+    if (!r_.recognised) {
+        add(L::Fail, "report", "not a kobdiag report (nothing recognised; kept as text)");
+        return;
+    }
+    if (!r_.missing.empty()) {
+        std::string s = "report incomplete: missing ";
+        for (std::size_t k = 0; k < r_.missing.size(); k++)
+            s += (k ? ", " : "") + r_.missing[k];
+        add(L::Warn, "report", s);
+    }
+    if (r_.timestamp && !r_.username)
+        add(L::Info, "header", "no username given");
+
+    if (!r_.udp.empty()) {
+        auto u = r_.udpSummary();
+        std::string of = std::to_string(u.attempts);
+        if (u.answered == u.attempts) {
+            add(L::Ok, "udp",
+                "UDP pass-through works (" + of + "/" + of + " answered, avg " + fmt1(*u.avg_ms) +
+                    " ms)");
+        } else if (u.answered == 0) {
+            if (u.errors == 0)
+                add(L::Fail, "udp", "UDP pass-through blocked (" + of + "/" + of + " timeouts)");
+            else
+                add(L::Fail, "udp",
+                    "UDP pass-through blocked (" + of + "/" + of +
+                        " lost: " + std::to_string(u.timeouts) + " timeouts, " +
+                        std::to_string(u.errors) + " errors, " +
+                        std::to_string(u.attempts - u.timeouts - u.errors) + " without result)");
+        } else {
+            add(L::Warn, "udp",
+                "UDP pass-through lossy (" + fmt1(u.loss_percent) + "% loss, " +
+                    std::to_string(u.attempts - u.answered) + "/" + of + " lost)");
+        }
+    }
+
+    int tcpAnswered = 0;
+    for (const auto &p : r_.tcp) {
+        std::string what =
+            "TCP " + (p.result.port ? std::to_string(p.result.port) : "?") + " to " + p.target;
+        switch (p.result.outcome) {
+        case ProbeResult::Outcome::Answered:
+            tcpAnswered++;
+            break;
+        case ProbeResult::Outcome::Timeout:
+            add(L::Fail, "tcp", what + " unanswered within " + std::to_string(p.limit_s) + " s");
+            break;
+        case ProbeResult::Outcome::Error:
+            add(L::Fail, "tcp",
+                what + " failed at once (" + std::to_string(p.result.err) + " " +
+                    p.result.error_text + ")");
+            break;
+        case ProbeResult::Outcome::Missing:
+            add(L::Warn, "tcp", what + ": no result printed");
+            break;
+        }
+    }
+    if (!r_.tcp.empty() && tcpAnswered == static_cast<int>(r_.tcp.size()))
+        add(L::Ok, "tcp",
+            "TCP answered on all " + std::to_string(tcpAnswered) + " probes (a refusal counts)");
+
+    if (r_.traceroute) {
+        const auto &t = *r_.traceroute;
+        const Hop *last = t.lastAnswered();
+        if (t.printed_nothing)
+            add(L::Warn, "traceroute", "traceroute printed nothing");
+        else if (t.reached())
+            add(L::Ok, "traceroute",
+                "traceroute reached " + t.destination + " in " +
+                    std::to_string(t.hops.back().number) + " hops");
+        else if (!last)
+            add(L::Fail, "traceroute", "traceroute: no hop answered");
+        else
+            add(L::Warn, "traceroute",
+                "traceroute stopped at hop " + std::to_string(last->number) + " (last reply from " +
+                    last->addresses.back() + ")");
+    }
+    if (r_.popen_errors > 0)
+        add(L::Warn, "captures",
+            std::to_string(r_.popen_errors) + " command(s) could not be started (_popen() error)");
+    for (const auto &c : r_.captures)
+        if (c.empty() && c.command.find("traceroute") == std::string::npos)
+            add(L::Info, "captures", "capture of `" + c.command + "' is empty");
+
+    if (!r_.intranet.empty()) {
+        int answered = 0;
+        for (const auto &p : r_.intranet)
+            if (p.result.outcome == ProbeResult::Outcome::Answered)
+                answered++;
+        std::string frac =
+            std::to_string(answered) + "/" + std::to_string(r_.intranet.size()) + ")";
+        if (answered == 0)
+            add(L::Fail, "intranet", "intranet unreachable (" + frac);
+        else if (answered < static_cast<int>(r_.intranet.size()))
+            add(L::Warn, "intranet", "intranet partly reachable (" + frac);
+        else
+            add(L::Ok, "intranet", "intranet reachable (" + frac);
+    }
+
+    std::string missing, cut;
+    for (const auto &l : r_.logs) {
+        if (l.state == ClientLog::State::Missing)
+            missing += (missing.empty() ? "" : ", ") + l.file;
+        else if (l.state == ClientLog::State::NotShown)
+            cut += (cut.empty() ? "" : ", ") + l.file;
+    }
+    if (!missing.empty())
+        add(L::Info, "logs", "client logs missing: " + missing);
+    if (!cut.empty())
+        add(L::Warn, "logs", "client logs not shown (dump cut short): " + cut);
+    if (!r_.unknown.empty())
+        add(L::Info, "report",
+            std::to_string(r_.unknown.size()) + " section(s) not understood (kept as text)");
+}
+
+Report Parser::run() {
+    sv body = text_;
+    // The countdown, when the report was uploaded, closes it; a blank line
+    // printed before it ends whatever the last log left unterminated.
+    auto tail = text_.rfind(kTailHeading);
+    sv tailRegion;
+    if (tail != sv::npos) {
+        tailRegion = text_.substr(tail);
+        std::size_t end = tail;
+        if (end > 0 && text_[end - 1] == '\n')
+            end--;
+        body = text_.substr(0, end);
+    }
+    std::size_t logStart = sv::npos;
+    for (const auto &p : kLogPrograms) {
+        std::size_t at = 0;
+        while ((at = body.find(p.heading, at)) != sv::npos) {
+            if (at == 0 || body[at - 1] == '\n')
+                break;
+            at++;
+        }
+        logStart = std::min(logStart, at);
+    }
+    parseProbes(body.substr(0, logStart));
+    if (logStart != sv::npos)
+        parseLogs(body.substr(logStart));
+    if (!tailRegion.empty())
+        parseTail(tailRegion);
+    inferAddresses();
+    findMissing();
+    judge();
+    return std::move(r_);
+}
+
+} // namespace
+
+bool Traceroute::reached() const {
+    for (const auto &h : hops)
+        if (std::find(h.addresses.begin(), h.addresses.end(), destination) != h.addresses.end())
+            return true;
+    return false;
+}
+
+const Hop *Traceroute::lastAnswered() const {
+    for (auto it = hops.rbegin(); it != hops.rend(); ++it)
+        if (!it->addresses.empty())
+            return &*it;
+    return nullptr;
+}
+
+UdpSummary Report::udpSummary() const {
+    UdpSummary s;
+    double sum = 0;
+    for (const auto &a : udp) {
+        s.attempts++;
+        switch (a.result.outcome) {
+        case ProbeResult::Outcome::Answered: {
+            double v = a.result.rtt_ms;
+            s.answered++;
+            sum += v;
+            s.min_ms = s.min_ms ? std::min(*s.min_ms, v) : v;
+            s.max_ms = s.max_ms ? std::max(*s.max_ms, v) : v;
+            break;
+        }
+        case ProbeResult::Outcome::Timeout:
+            s.timeouts++;
+            break;
+        case ProbeResult::Outcome::Error:
+            s.errors++;
+            break;
+        case ProbeResult::Outcome::Missing:
+            break;
+        }
+    }
+    if (s.answered > 0)
+        s.avg_ms = sum / s.answered;
+    if (s.attempts > 0)
+        s.loss_percent = 100.0 * (s.attempts - s.answered) / s.attempts;
+    return s;
+}
+
+std::string Report::summary() const {
+    std::string s;
+    for (const auto &v : verdicts) {
+        if (v.level != Verdict::Level::Fail && v.level != Verdict::Level::Warn)
+            continue;
+        if (!s.empty())
+            s += "; ";
+        s += v.text;
+    }
+    return s.empty() ? "no problem found" : s;
+}
+
+Report parse(std::string_view text) {
+    return Parser(text).run();
+}
+
+const char *levelName(Verdict::Level level) {
+    switch (level) {
+    case Verdict::Level::Ok:
+        return "ok";
+    case Verdict::Level::Info:
+        return "info";
+    case Verdict::Level::Warn:
+        return "warn";
+    case Verdict::Level::Fail:
+        return "fail";
+    }
+    return "info";
+}
+
+const char *stateName(ClientLog::State state) {
+    switch (state) {
+    case ClientLog::State::Present:
+        return "present";
+    case ClientLog::State::Empty:
+        return "empty";
+    case ClientLog::State::Missing:
+        return "missing";
+    case ClientLog::State::NotShown:
+        return "not shown";
+    }
+    return "not shown";
+}
+
+std::string verdictTable(const Report &report) {
+    std::string out = "LEVEL  AREA        VERDICT\n";
+    for (const auto &v : report.verdicts) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%-6s %-11s ", levelName(v.level), v.area.c_str());
+        out += buf;
+        out += v.text;
+        out += '\n';
+    }
+    return out;
+}
+
+} // namespace kobtriage

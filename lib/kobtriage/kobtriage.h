@@ -1,0 +1,153 @@
+// Triage of kobdiag reports on the operator's side: the report text in,
+// findings and plain verdicts out.  Parsing never fails: whatever is not
+// understood is kept as text beside the findings, so a support engineer can
+// still read it.
+
+#ifndef KOBTRIAGE_H
+#define KOBTRIAGE_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kobtriage {
+
+// What one probe printed: an answer with its time, a timeout, or an error.
+struct ProbeResult {
+    enum class Outcome { Missing, Answered, Timeout, Error };
+    Outcome outcome = Outcome::Missing;
+    double rtt_ms = 0;   // Answered: the printed milliseconds
+    std::string address; // from the result line, else inferred (may be empty)
+    bool address_inferred = false;
+    int port = 0;                   // 0 when unknown
+    int err = 0;                    // Error: the errno the probe printed
+    std::string error_text;         // Error: the message after the number
+    std::vector<std::string> extra; // lines under the heading not understood
+};
+
+struct UdpAttempt {
+    int number = 0; // 1 to 5, as the heading counts
+    ProbeResult result;
+};
+
+struct UdpSummary {
+    int attempts = 0;
+    int answered = 0;
+    int timeouts = 0;
+    int errors = 0;
+    double loss_percent = 0;
+    std::optional<double> min_ms, avg_ms, max_ms;
+};
+
+struct TcpProbe {
+    std::string heading; // the heading without "==> " and its line feed
+    std::string target;  // who answers it, in a few words ("KT IDC")
+    int limit_s = 0;     // the connect time limit the run gives it
+    ProbeResult result;
+};
+
+struct IntranetProbe {
+    std::string address; // from the heading
+    int port = 0;
+    ProbeResult result;
+};
+
+struct Hop {
+    int number = 0;
+    std::vector<std::string> addresses; // distinct, in order of appearance
+    std::vector<double> rtts_ms;
+    int lost = 0;                   // probes shown as "*"
+    std::vector<std::string> notes; // annotations such as "!H"
+};
+
+struct Traceroute {
+    std::string command;
+    std::string destination; // the last word of the command
+    std::vector<Hop> hops;
+    std::vector<std::string> other_lines;
+    bool printed_nothing = false;
+    bool reached() const;
+    const Hop *lastAnswered() const;
+};
+
+struct Capture {
+    std::string command;
+    std::string text;
+    std::size_t lines = 0;
+    bool empty() const { return text.empty(); }
+};
+
+struct ClientLog {
+    enum class State { Present, Empty, Missing, NotShown };
+    std::string program; // kobvane, kobrun, kobflow
+    std::string stream;  // stdout, stderr
+    std::string file;
+    State state = State::NotShown;
+    std::string text; // the log as the report shows it
+    std::size_t size = 0;
+};
+
+// A heading the parser does not know, or text outside any heading.
+struct Section {
+    std::string heading; // without "==> "; empty for text outside any heading
+    std::string text;
+};
+
+struct Verdict {
+    enum class Level { Ok, Info, Warn, Fail };
+    Level level = Level::Info;
+    std::string area; // header, udp, tcp, traceroute, intranet, captures, logs, report
+    std::string text;
+};
+
+struct Report {
+    bool recognised = false;              // at least one section of a kobdiag report
+    std::optional<std::string> timestamp; // the ctime text
+    std::optional<std::string> time_iso;  // the same as YYYY-MM-DDThh:mm:ss
+    std::optional<std::string> username, version, os;
+    std::vector<Capture> captures;
+    int popen_errors = 0;
+    std::vector<UdpAttempt> udp;
+    std::vector<TcpProbe> tcp;
+    bool traceroute_heading = false;
+    std::optional<Traceroute> traceroute;
+    std::vector<std::string> mtu; // the MTU headings, which carry no result
+    std::vector<IntranetProbe> intranet;
+    std::vector<ClientLog> logs;
+    std::optional<int> countdown_from; // the upload's countdown, when present
+    int countdown_lines = 0;
+    std::vector<Section> unknown;
+    std::vector<std::string> missing; // parts of a whole run that are absent
+    std::vector<Verdict> verdicts;
+
+    UdpSummary udpSummary() const;
+    // The failures and warnings in one line, for lists.
+    std::string summary() const;
+};
+
+Report parse(std::string_view text);
+
+const char *levelName(Verdict::Level level);
+const char *stateName(ClientLog::State state);
+
+// Facts from outside the report text, for the JSON of a stored report.
+struct StoredFacts {
+    std::string reference;
+    std::string received_at; // ISO 8601, UTC
+    std::optional<std::string> form_username;
+    std::optional<std::string> why;
+    std::size_t size = 0;
+};
+
+// The report's findings and verdicts as one JSON object.  Without facts the
+// reference is null.
+std::string toJson(const Report &report, const StoredFacts *facts = nullptr);
+
+// The verdicts as a plain-text table, one per line, with a header line.
+std::string verdictTable(const Report &report);
+
+} // namespace kobtriage
+
+#endif
