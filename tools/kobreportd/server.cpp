@@ -1,0 +1,315 @@
+#include "server.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "kobtriage.h"
+
+namespace kobreportd {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Set when the connection of this worker ran out of time, so the handler
+// can answer 408 instead of 400 for a body that stopped arriving.
+thread_local bool tl_timedOut = false;
+
+class DeadlineStream : public httplib::Stream {
+  public:
+    DeadlineStream(int sock, Clock::time_point deadline, int ioTimeoutS)
+        : sock_(sock), deadline_(deadline), ioTimeout_(std::chrono::seconds(ioTimeoutS)) {}
+
+    bool is_readable() const override { return pos_ < len_ || wait(POLLIN); }
+    bool is_writable() const override { return wait(POLLOUT); }
+
+    ssize_t read(char *ptr, size_t size) override {
+        if (pos_ < len_) {
+            size_t n = std::min(size, len_ - pos_);
+            std::memcpy(ptr, buf_ + pos_, n);
+            pos_ += n;
+            return static_cast<ssize_t>(n);
+        }
+        if (!wait(POLLIN))
+            return -1;
+        // The head is read a byte at a time; fill a buffer so that is cheap.
+        if (size < sizeof buf_) {
+            ssize_t n = recvSome(buf_, sizeof buf_);
+            if (n <= 0)
+                return n;
+            len_ = static_cast<size_t>(n);
+            pos_ = 0;
+            return read(ptr, size);
+        }
+        return recvSome(ptr, size);
+    }
+
+    ssize_t write(const char *ptr, size_t size) override {
+        if (!wait(POLLOUT))
+            return -1;
+        for (;;) {
+            ssize_t n = ::send(sock_, ptr, size, MSG_NOSIGNAL);
+            if (n < 0 && errno == EINTR)
+                continue;
+            return n;
+        }
+    }
+
+    void get_remote_ip_and_port(std::string &ip, int &port) const override {
+        address(getpeername, ip, port);
+    }
+    void get_local_ip_and_port(std::string &ip, int &port) const override {
+        address(getsockname, ip, port);
+    }
+    socket_t socket() const override { return sock_; }
+
+  private:
+    ssize_t recvSome(char *p, size_t size) {
+        for (;;) {
+            ssize_t n = ::recv(sock_, p, size, 0);
+            if (n < 0 && errno == EINTR)
+                continue;
+            return n;
+        }
+    }
+
+    bool wait(short events) const {
+        for (;;) {
+            auto now = Clock::now();
+            if (now >= deadline_) {
+                tl_timedOut = true;
+                return false;
+            }
+            auto left = std::min<Clock::duration>(deadline_ - now, ioTimeout_);
+            int ms = static_cast<int>(
+                std::chrono::duration_cast<std::chrono::milliseconds>(left).count() + 1);
+            struct pollfd p = {sock_, events, 0};
+            int r = ::poll(&p, 1, ms);
+            if (r < 0 && errno == EINTR)
+                continue;
+            if (r == 0)
+                tl_timedOut = true;
+            return r > 0;
+        }
+    }
+
+    template <typename F> void address(F f, std::string &ip, int &port) const {
+        struct sockaddr_storage ss {};
+        socklen_t len = sizeof ss;
+        ip.clear();
+        port = 0;
+        if (f(sock_, reinterpret_cast<struct sockaddr *>(&ss), &len) != 0)
+            return;
+        char host[INET6_ADDRSTRLEN] = "";
+        if (ss.ss_family == AF_INET) {
+            auto *in = reinterpret_cast<struct sockaddr_in *>(&ss);
+            inet_ntop(AF_INET, &in->sin_addr, host, sizeof host);
+            port = ntohs(in->sin_port);
+        } else if (ss.ss_family == AF_INET6) {
+            auto *in6 = reinterpret_cast<struct sockaddr_in6 *>(&ss);
+            inet_ntop(AF_INET6, &in6->sin6_addr, host, sizeof host);
+            port = ntohs(in6->sin6_port);
+        }
+        ip = host;
+    }
+
+    int sock_;
+    Clock::time_point deadline_;
+    Clock::duration ioTimeout_;
+    char buf_[16384];
+    size_t pos_ = 0, len_ = 0;
+};
+
+bool strictLength(const std::string &s, size_t &out) {
+    if (s.empty() || s.size() > 19)
+        return false;
+    size_t v = 0;
+    for (char c : s) {
+        if (c < '0' || c > '9')
+            return false;
+        v = v * 10 + static_cast<size_t>(c - '0');
+    }
+    out = v;
+    return true;
+}
+
+constexpr const char *kUploadPath = "/report/problem.php";
+
+} // namespace
+
+void answer(httplib::Response &res, int status, const std::string &text) {
+    res.status = status;
+    res.set_content(text, "text/plain; charset=utf-8");
+}
+
+IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_(limits) {
+    int threads = limits_.threads;
+    new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+    set_payload_max_length(limits_.max_body);
+    set_read_timeout(limits_.read_timeout_s, 0);
+    set_write_timeout(limits_.read_timeout_s, 0);
+    set_keep_alive_max_count(1);
+
+    // Decided from the head alone, before any of the body is read: a body
+    // that is not wanted is never taken into memory.
+    set_pre_routing_handler([this](const httplib::Request &req, httplib::Response &res) {
+        using HR = httplib::Server::HandlerResponse;
+        bool chunked = req.has_header("Transfer-Encoding");
+        size_t lengths = req.get_header_value_count("Content-Length");
+        size_t length = 0;
+        if (lengths > 1 ||
+            (lengths == 1 && !strictLength(req.get_header_value("Content-Length"), length))) {
+            answer(res, 400, "Bad request: Content-Length\n");
+            return HR::Handled;
+        }
+        if (req.path == kUploadPath) {
+            if (req.method != "POST") {
+                answer(res, 405, "Method not allowed: the report is sent with POST\n");
+                res.set_header("Allow", "POST");
+                return HR::Handled;
+            }
+            if (chunked || lengths == 0) {
+                answer(res, 400, "Bad request: the report needs a Content-Length\n");
+                return HR::Handled;
+            }
+            if (length > limits_.max_body) {
+                answer(res, 413,
+                       "Report too large: at most " + std::to_string(limits_.max_body) +
+                           " bytes\n");
+                return HR::Handled;
+            }
+            return HR::Unhandled;
+        }
+        if (chunked || length > 0 || req.method == "POST" || req.method == "PUT" ||
+            req.method == "PATCH") {
+            answer(res, 404, "Not found\n");
+            return HR::Handled;
+        }
+        return HR::Unhandled;
+    });
+
+    Post(kUploadPath, [this](const httplib::Request &req, httplib::Response &res,
+                             const httplib::ContentReader &reader) { upload(req, res, reader); });
+    addViews(*this, store_);
+    set_error_handler([](const httplib::Request &, httplib::Response &res) {
+        if (res.body.empty()) {
+            std::string text = res.status == 404   ? "Not found\n"
+                               : res.status == 413 ? "Report too large\n"
+                                                   : "Error " + std::to_string(res.status) + "\n";
+            answer(res, res.status, text);
+        }
+    });
+    set_exception_handler([](const httplib::Request &, httplib::Response &res, std::exception_ptr) {
+        answer(res, 500, "Internal error\n");
+    });
+}
+
+void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
+                          const httplib::ContentReader &reader) {
+    tl_timedOut = false;
+    if (!req.is_multipart_form_data()) {
+        answer(res, 400, "Bad request: expected multipart/form-data\n");
+        return;
+    }
+    // Exactly kobdiag's form: "desc", "username" and "why", each at most once.
+    std::map<std::string, std::string> fields;
+    std::string *current = nullptr;
+    std::string problem;
+    bool read = reader(
+        [&](const httplib::MultipartFormData &part) {
+            if (part.name != "desc" && part.name != "username" && part.name != "why") {
+                problem = "unknown field in the form";
+                return false;
+            }
+            if (fields.count(part.name)) {
+                problem = "field \"" + part.name + "\" given twice";
+                return false;
+            }
+            current = &fields[part.name];
+            return true;
+        },
+        [&](const char *data, size_t len) {
+            if (!current)
+                return false;
+            current->append(data, len);
+            return true;
+        });
+    if (!read) {
+        if (tl_timedOut)
+            answer(res, 408, "Request timeout\n");
+        else
+            answer(res, 400,
+                   "Bad request: " + (problem.empty() ? "malformed multipart body" : problem) +
+                       "\n");
+        return;
+    }
+    auto desc = fields.find("desc");
+    if (desc == fields.end()) {
+        answer(res, 400, "Bad request: the form has no report (\"desc\")\n");
+        return;
+    }
+    NewReport nr;
+    nr.received_at = std::time(nullptr);
+    nr.desc = std::move(desc->second);
+    if (auto u = fields.find("username"); u != fields.end())
+        nr.form_username = u->second;
+    if (auto w = fields.find("why"); w != fields.end())
+        nr.why = w->second;
+    auto triage = kobtriage::parse(nr.desc);
+    nr.report_username = triage.username;
+    nr.summary = triage.summary();
+    nr.peer = req.remote_addr;
+    try {
+        std::string ref = store_.insert(nr);
+        answer(res, 200, "Report received: " + ref);
+    } catch (const StoreError &e) {
+        std::fprintf(stderr, "kobreportd: report from %s not stored: %s\n", nr.peer.c_str(),
+                     e.what());
+        answer(res, 503, "Report not stored, please send it again later\n");
+    }
+}
+
+bool IntakeServer::process_and_close_socket(socket_t sock) {
+    auto deadline = Clock::now() + std::chrono::seconds(limits_.request_timeout_s);
+    bool ret;
+    {
+        DeadlineStream strm(sock, deadline, limits_.read_timeout_s);
+        bool closed = false;
+        ret = process_request(strm, true, closed, nullptr);
+    }
+    // Stop sending, then take what the client still sends for a moment, so
+    // that an answer given before the whole body arrived (413, 400) is not
+    // destroyed by a reset when the socket closes on unread data.
+    ::shutdown(sock, SHUT_WR);
+    auto lingerEnd = Clock::now() + std::chrono::seconds(2);
+    size_t drained = 0;
+    char buf[16384];
+    while (drained < (8u << 20)) {
+        auto now = Clock::now();
+        if (now >= lingerEnd)
+            break;
+        struct pollfd p = {sock, POLLIN, 0};
+        int ms = static_cast<int>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(lingerEnd - now).count() + 1);
+        int r = ::poll(&p, 1, ms);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            break;
+        ssize_t n = ::recv(sock, buf, sizeof buf, 0);
+        if (n <= 0)
+            break;
+        drained += static_cast<size_t>(n);
+    }
+    ::close(sock);
+    return ret;
+}
+
+} // namespace kobreportd
