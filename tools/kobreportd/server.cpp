@@ -80,14 +80,20 @@ class DeadlineStream : public httplib::Stream {
         }
     }
 
+    // Reading is bounded by the request's deadline; writing the answer only
+    // by the time limit for one write, so a request that ran out of time
+    // still hears why.
     bool wait(short events) const {
         for (;;) {
             auto now = Clock::now();
-            if (now >= deadline_) {
-                tl_timedOut = true;
-                return false;
+            auto left = ioTimeout_;
+            if (events == POLLIN) {
+                if (now >= deadline_) {
+                    tl_timedOut = true;
+                    return false;
+                }
+                left = std::min<Clock::duration>(deadline_ - now, ioTimeout_);
             }
-            auto left = std::min<Clock::duration>(deadline_ - now, ioTimeout_);
             int ms = static_cast<int>(
                 std::chrono::duration_cast<std::chrono::milliseconds>(left).count() + 1);
             struct pollfd p = {sock_, events, 0};

@@ -1,0 +1,332 @@
+// kobreportd with SQLite: uploads exactly as kobdiag sends them, the stored
+// report and its reference, the error answers, timeouts, and the views.
+
+#include "kobtest.h"
+#include "reportd.h"
+#include "reportgen.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::string today() {
+    std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[16];
+    std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
+    return buf;
+}
+
+// One column of one row, read straight from the database file.
+std::string sqlValue(const std::string &db, const std::string &sql) {
+    sqlite3 *h = nullptr;
+    sqlite3_open_v2(db.c_str(), &h, SQLITE_OPEN_READONLY, nullptr);
+    sqlite3_stmt *st = nullptr;
+    std::string v = "<none>";
+    if (sqlite3_prepare_v2(h, sql.c_str(), -1, &st, nullptr) == SQLITE_OK &&
+        sqlite3_step(st) == SQLITE_ROW && sqlite3_column_type(st, 0) != SQLITE_NULL)
+        v.assign(static_cast<const char *>(sqlite3_column_blob(st, 0)),
+                 static_cast<size_t>(sqlite3_column_bytes(st, 0)));
+    sqlite3_finalize(st);
+    sqlite3_close(h);
+    return v;
+}
+
+struct Reportd : ::testing::Test {
+    kobtest::TempDir dir;
+    std::string db = dir.file("reports.db");
+};
+
+std::string form(const std::vector<std::pair<std::string, std::string>> &parts) {
+    std::string b;
+    for (const auto &[name, value] : parts)
+        b += std::string("--") + reportgen::kBoundary +
+             "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value + "\r\n";
+    return b + "--" + reportgen::kBoundary + "--\r\n";
+}
+
+} // namespace
+
+TEST_F(Reportd, PrintsOneReadyLineWithItsAddress) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(s.readyLine(),
+              "kobreportd: serving http://127.0.0.1:" + std::to_string(s.port()) + "/\n");
+    EXPECT_TRUE(kobtest::fileExists(db));
+    EXPECT_EQ(sqlValue(db, "PRAGMA journal_mode"), "wal");
+}
+
+TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string desc = reportgen::report(reportgen::healthyRun());
+    std::string body = reportgen::body(desc, std::string("alice"), std::string("VPN drops\n"));
+    auto r =
+        reportd::exchange(s.port(), {reportgen::head("report.kobvane.example", body.size()), body});
+    ASSERT_TRUE(r.ok) << r.raw;
+    EXPECT_EQ(r.status, 200);
+    std::string ref = "KOB-" + today() + "-000001";
+    EXPECT_EQ(r.body, "Report received: " + ref);
+    EXPECT_NE(r.raw.find("\r\nConnection: close\r\n"), std::string::npos);
+    // On disk byte for byte, under that reference.
+    EXPECT_EQ(sqlValue(db, "SELECT desc FROM reports WHERE reference = '" + ref + "'"), desc);
+    EXPECT_EQ(sqlValue(db, "SELECT form_username FROM reports"), "alice");
+    EXPECT_EQ(sqlValue(db, "SELECT why FROM reports"), "VPN drops\n");
+    EXPECT_EQ(sqlValue(db, "SELECT summary FROM reports"), "no problem found");
+
+    auto raw = reportd::get(s.port(), "/api/reports/" + ref + "/raw");
+    EXPECT_EQ(raw.status, 200);
+    EXPECT_EQ(raw.body, desc);
+    auto json = reportd::get(s.port(), "/api/reports/" + ref);
+    EXPECT_EQ(json.status, 200);
+    EXPECT_EQ(json.body.rfind("{\"reference\":\"" + ref + "\",\"received_at\":\"", 0), 0u)
+        << json.body;
+    for (const char *part : {"\"form_username\":\"alice\"", "\"why\":\"VPN drops\\n\"",
+                             "\"username\":\"alice\"", "\"version\":\"4.4.1\"",
+                             "\"verdicts\":[\"UDP pass-through works (5/5 answered, avg 12.0 "
+                             "ms)\""})
+        EXPECT_NE(json.body.find(part), std::string::npos) << part;
+}
+
+TEST_F(Reportd, FormWithTheReportOnlyAndEmptyReport) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto r = reportd::upload(s.port(), "short report\n");
+    EXPECT_EQ(r.status, 200) << r.raw;
+    std::string ref = reportd::reference(r);
+    EXPECT_EQ(sqlValue(db, "SELECT form_username FROM reports"), "<none>");
+    EXPECT_EQ(sqlValue(db, "SELECT why FROM reports"), "<none>");
+    r = reportd::upload(s.port(), "");
+    EXPECT_EQ(r.status, 200) << r.raw;
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "2");
+    auto j = reportd::get(s.port(), "/api/reports/" + reportd::reference(r));
+    EXPECT_NE(j.body.find("\"verdicts\":[\"not a kobdiag report"), std::string::npos);
+}
+
+TEST_F(Reportd, ReferencesAreUniqueAndTheListIsNewestFirstPagedAndSearchable) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::vector<std::string> refs;
+    for (int i = 0; i < 53; i++) {
+        auto run = reportgen::healthyRun();
+        run.username = i % 2 ? "Odd_User" : "even";
+        auto r = reportd::upload(s.port(), reportgen::report(run), i == 7 ? "seventh" : nullptr);
+        refs.push_back(reportd::reference(r));
+        ASSERT_FALSE(refs.back().empty()) << r.raw;
+    }
+    for (int i = 0; i < 53; i++) {
+        char want[32];
+        std::snprintf(want, sizeof want, "-%06d", i + 1);
+        EXPECT_EQ(refs[i], "KOB-" + today() + want);
+    }
+    auto list = reportd::get(s.port(), "/api/reports");
+    EXPECT_EQ(
+        list.body.rfind("{\"total\":53,\"page\":1,\"page_size\":50,\"reports\":[{\"reference\":"
+                        "\"" +
+                            refs[52] + "\"",
+                        0),
+        0u)
+        << list.body.substr(0, 200);
+    auto page2 = reportd::get(s.port(), "/api/reports?page=2");
+    EXPECT_NE(page2.body.find(refs[2]), std::string::npos);
+    EXPECT_EQ(page2.body.find(refs[3]), std::string::npos);
+    auto byUser = reportd::get(s.port(), "/api/reports?q=odd_u");
+    EXPECT_EQ(byUser.body.rfind("{\"total\":26,", 0), 0u);
+    auto byForm = reportd::get(s.port(), "/api/reports?q=SEVENTH");
+    EXPECT_EQ(byForm.body.rfind("{\"total\":1,", 0), 0u);
+    EXPECT_NE(byForm.body.find(refs[7]), std::string::npos);
+    auto byRef = reportd::get(s.port(), "/api/reports?q=" + refs[9]);
+    EXPECT_EQ(byRef.body.rfind("{\"total\":1,", 0), 0u);
+    // A wildcard typed by a user is a plain character.
+    EXPECT_EQ(reportd::get(s.port(), "/api/reports?q=%25").body.rfind("{\"total\":0,", 0), 0u);
+    // 27 runs of user "even", and the form's user "seventh".
+    auto html = reportd::get(s.port(), "/?q=even&page=2");
+    EXPECT_EQ(html.status, 200);
+    EXPECT_NE(html.body.find("28 reports matching"), std::string::npos) << html.raw.substr(0, 1500);
+    EXPECT_NE(html.body.find("rel=\"prev\" href=\"/?q=even&page=1\""), std::string::npos);
+}
+
+TEST_F(Reportd, KeepsItsReportsAcrossARestart) {
+    std::string ref;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        ref = reportd::reference(reportd::upload(s.port(), "first\n"));
+        EXPECT_EQ(s.stop(), 0);
+    }
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::get(s.port(), "/api/reports/" + ref + "/raw").body, "first\n");
+    EXPECT_EQ(reportd::reference(reportd::upload(s.port(), "second\n")),
+              "KOB-" + today() + "-000002");
+}
+
+TEST_F(Reportd, AnswersErrorsAndKeepsServing) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--max-body", "2000000"});
+    int port = s.port();
+    auto head = [](const std::string &extra, size_t len) {
+        return "POST /report/problem.php HTTP/1.1\r\nConnection: close\r\nContent-Length: " +
+               std::to_string(len) + "\r\n" + extra + "Host: x\r\n\r\n";
+    };
+    std::string ct =
+        std::string("Content-Type: multipart/form-data; boundary=") + reportgen::kBoundary + "\r\n";
+    std::string good = form({{"desc", "report"}});
+    std::string manyParts;
+    for (int i = 0; i < 10000; i++)
+        manyParts += std::string("--") + reportgen::kBoundary +
+                     "\r\nContent-Disposition: form-data; name=\"why\"\r\n\r\nx\r\n";
+    manyParts += std::string("--") + reportgen::kBoundary + "--\r\n";
+    struct Case {
+        const char *name;
+        std::vector<std::string> pieces;
+        int status;
+    } cases[] = {
+        {"other path", {"GET /report/other.php HTTP/1.1\r\nHost: x\r\n\r\n"}, 404},
+        {"post to other path", {"POST /upload HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"}, 404},
+        {"get of the upload path", {"GET /report/problem.php HTTP/1.1\r\nHost: x\r\n\r\n"}, 405},
+        {"no boundary", {head("Content-Type: multipart/form-data\r\n", good.size()), good}, 400},
+        {"not a form", {head("Content-Type: text/plain\r\n", good.size()), good}, 400},
+        {"no Content-Length",
+         {"POST /report/problem.php HTTP/1.1\r\n" + ct + "Host: x\r\n\r\n" + good},
+         400},
+        {"Content-Length not a number", {head(ct, 0).replace(60, 1, "x1"), good}, 400},
+        {"two Content-Lengths", {head(ct + "Content-Length: 5\r\n", good.size()), good}, 400},
+        {"chunked",
+         {"POST /report/problem.php HTTP/1.1\r\nTransfer-Encoding: chunked\r\n" + ct +
+          "Host: x\r\n\r\n5\r\nhello\r\n0\r\n\r\n"},
+         400},
+        {"Content-Length too small", {head(ct, good.size() - 10), good}, 400},
+        {"no report part",
+         {head(ct, form({{"username", "u"}}).size()), form({{"username", "u"}})},
+         400},
+        {"unknown part",
+         {head(ct, form({{"desc", "a"}, {"file", "b"}}).size()),
+          form({{"desc", "a"}, {"file", "b"}})},
+         400},
+        {"part twice",
+         {head(ct, form({{"desc", "a"}, {"desc", "b"}}).size()),
+          form({{"desc", "a"}, {"desc", "b"}})},
+         400},
+        {"10,000 parts", {head(ct, manyParts.size()), manyParts}, 400},
+        {"over the limit", {head(ct, 2000001), std::string(2000001, 'x')}, 413},
+        {"claims 100 MiB", {head(ct, 100u << 20), std::string(1000, 'x')}, 413},
+        {"not HTTP", {"\x16\x03\x01 hello\r\n\r\n"}, 400},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        auto r = reportd::exchange(port, c.pieces);
+        EXPECT_EQ(r.status, c.status) << r.raw;
+        auto ok = reportd::upload(port, "still here\n");
+        EXPECT_EQ(ok.status, 200) << ok.raw;
+    }
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), std::to_string(std::size(cases)));
+}
+
+TEST_F(Reportd, HalfSentAndTricklingRequestsTimeOut) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--read-timeout", "1", "--request-timeout", "3"});
+    std::string body = reportgen::body(std::string("report"), std::nullopt, std::nullopt);
+    std::string head = reportgen::head("h", body.size());
+    // Half the body, then silence: the read gives up after a second.
+    auto t0 = std::chrono::steady_clock::now();
+    auto r = reportd::exchange(s.port(), {head, body.substr(0, body.size() / 2)}, 20);
+    auto took = std::chrono::steady_clock::now() - t0;
+    EXPECT_GE(took, std::chrono::milliseconds(900));
+    EXPECT_EQ(r.status, 408) << r.raw;
+    EXPECT_LT(took, std::chrono::seconds(5));
+    // A byte every half second, each within the read time limit: the whole
+    // request still has its deadline, in the body (408) as in the head
+    // (closed without an answer, as no request was ever made).
+    struct Trickle {
+        size_t from; // bytes sent at once before the trickle
+        reportd::Response r;
+        std::chrono::steady_clock::duration took{};
+    } body1{head.size(), {}}, head1{10, {}};
+    auto trickle = [&](Trickle &t) {
+        auto start = std::chrono::steady_clock::now();
+        struct sockaddr_in a {};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(s.port()));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+            close(fd);
+            return;
+        }
+        std::string all = head + body, raw;
+        send(fd, all.data(), t.from, MSG_NOSIGNAL);
+        for (size_t i = t.from; i < all.size(); i++) {
+            if (send(fd, &all[i], 1, MSG_NOSIGNAL) != 1)
+                break;
+            // Half a second between bytes, unless the server has answered.
+            struct pollfd pf = {fd, POLLIN, 0};
+            if (poll(&pf, 1, 500) > 0)
+                break;
+        }
+        char buf[4096];
+        ssize_t n;
+        while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+            raw.append(buf, static_cast<size_t>(n));
+        close(fd);
+        t.took = std::chrono::steady_clock::now() - start;
+        t.r = reportd::parse(raw);
+    };
+    std::thread inBody(trickle, std::ref(body1)), inHead(trickle, std::ref(head1));
+    // Meanwhile others are served.
+    EXPECT_EQ(reportd::upload(s.port(), "meanwhile\n").status, 200);
+    inBody.join();
+    inHead.join();
+    EXPECT_EQ(body1.r.status, 408) << body1.r.raw;
+    EXPECT_EQ(head1.r.raw, "");
+    for (const auto *t : {&body1, &head1}) {
+        EXPECT_GE(t->took, std::chrono::milliseconds(2900));
+        EXPECT_LT(t->took, std::chrono::seconds(6));
+    }
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "1");
+}
+
+TEST_F(Reportd, ViewsAndApiAnswerUnknownReferencesWith404) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::get(s.port(), "/reports/KOB-20260101-000009").status, 404);
+    EXPECT_EQ(reportd::get(s.port(), "/api/reports/nope").status, 404);
+    EXPECT_EQ(reportd::get(s.port(), "/api/reports/nope/raw").status, 404);
+    auto css = reportd::get(s.port(), "/static/style.css");
+    EXPECT_EQ(css.status, 200);
+    EXPECT_NE(css.raw.find("Content-Type: text/css"), std::string::npos);
+}
+
+TEST_F(Reportd, ReportPageEscapesWhatTheReportSays) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto run = reportgen::healthyRun();
+    run.username = "<script>alert(1)</script>";
+    run.logs["kobvane_stdout.txt"] = "<b>&amp;\xff\n";
+    auto ref =
+        reportd::reference(reportd::upload(s.port(), reportgen::report(run), "<u>", "<i>x</i>"));
+    auto page = reportd::get(s.port(), "/reports/" + ref);
+    EXPECT_EQ(page.status, 200);
+    EXPECT_EQ(page.body.find("<script>"), std::string::npos);
+    EXPECT_NE(page.body.find("&lt;script&gt;alert(1)&lt;/script&gt;"), std::string::npos);
+    EXPECT_NE(page.body.find("&lt;b&gt;&amp;amp;\xef\xbf\xbd"), std::string::npos);
+    EXPECT_NE(page.body.find("<pre id=\"why\">&lt;i&gt;x&lt;/i&gt;</pre>"), std::string::npos)
+        << page.raw.substr(0, 3000);
+}
+
+TEST(ReportdCommandLine, BadArgumentsAndUnusableDatabaseExitOne) {
+    kobtest::TempDir dir;
+    for (auto args : std::vector<std::vector<std::string>>{
+             {KOBREPORTD_BIN},
+             {KOBREPORTD_BIN, "--listen", "127.0.0.1:0"},
+             {KOBREPORTD_BIN, "--listen", "127.0.0.1", "--db", dir.file("d")},
+             {KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--db", dir.file("d"), "--max-body", "-5"},
+             {KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--db", dir.file("d"), "--bogus", "1"}}) {
+        auto r = kobtest::runProgram(args);
+        EXPECT_TRUE(r.exited(1));
+        EXPECT_EQ(r.err.rfind("usage: kobreportd --listen ADDR:PORT --db PATH_OR_URL", 0), 0u);
+    }
+    auto r = kobtest::runProgram(
+        {KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--db", dir.file("no/such/dir/r.db")});
+    EXPECT_TRUE(r.exited(1));
+    EXPECT_EQ(r.err.rfind("kobreportd: cannot open " + dir.file("no/such/dir/r.db"), 0), 0u)
+        << r.err;
+}
