@@ -1,0 +1,71 @@
+// kobreportd with PostgreSQL: a real server of its own on loopback, shared by
+// two kobreportd instances as behind a load balancer.
+
+#include "kobtest.h"
+#include "reportd.h"
+#include "reportgen.h"
+
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+
+TEST(ReportdPostgres, TwoInstancesShareOneDatabase) {
+    reportd::Postgres pg;
+    if (!pg.available())
+        GTEST_SKIP() << pg.reason();
+    reportd::Server a(KOBREPORTD_BIN, pg.url());
+    reportd::Server b(KOBREPORTD_BIN, pg.url());
+
+    // Uploads to both at once; every report lands once, under its own number.
+    constexpr int kPerThread = 5;
+    std::vector<std::string> refs(4 * kPerThread), descs(4 * kPerThread);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            int port = t % 2 ? a.port() : b.port();
+            for (int i = 0; i < kPerThread; i++) {
+                int k = t * kPerThread + i;
+                auto run = reportgen::healthyRun();
+                run.username = "user" + std::to_string(k);
+                run.logs["kobvane_stderr.txt"] = std::string("bytes \xff\x01 survive\n");
+                descs[k] = reportgen::report(run);
+                refs[k] = reportd::reference(reportd::upload(port, descs[k], "form-user", "why?"));
+            }
+        });
+    }
+    for (auto &t : threads)
+        t.join();
+    std::set<std::string> unique(refs.begin(), refs.end());
+    EXPECT_EQ(unique.size(), refs.size());
+    EXPECT_EQ(unique.count(""), 0u);
+    EXPECT_EQ(pg.psql("SELECT count(*), count(DISTINCT reference) FROM reports"), "20|20\n");
+    for (int k = 0; k < 20; k += 7) {
+        SCOPED_TRACE(k);
+        EXPECT_EQ(reportd::get(a.port(), "/api/reports/" + refs[k] + "/raw").body, descs[k]);
+        EXPECT_EQ(reportd::get(b.port(), "/api/reports/" + refs[k] + "/raw").body, descs[k]);
+        auto j = reportd::get(b.port(), "/api/reports/" + refs[k]).body;
+        EXPECT_NE(j.find("\"username\":\"user" + std::to_string(k) + "\""), std::string::npos);
+        EXPECT_NE(j.find("\"why\":\"why?\""), std::string::npos);
+    }
+    EXPECT_EQ(reportd::get(a.port(), "/api/reports?q=USER1").body.rfind("{\"total\":11,", 0), 0u);
+    EXPECT_EQ(reportd::get(a.port(), "/api/reports?q=" + refs[3]).body.rfind("{\"total\":1,", 0),
+              0u);
+
+    // A restarted instance finds everything and goes on numbering.
+    EXPECT_EQ(a.stop(), 0);
+    reportd::Server again(KOBREPORTD_BIN, pg.url());
+    auto list = reportd::get(again.port(), "/api/reports");
+    EXPECT_EQ(list.body.rfind("{\"total\":20,", 0), 0u);
+    std::string next = reportd::reference(reportd::upload(again.port(), "after restart\n"));
+    EXPECT_EQ(next.substr(next.size() - 7), "-000021");
+    EXPECT_EQ(reportd::get(again.port(), "/").status, 200);
+}
+
+TEST(ReportdPostgres, UnreachableDatabaseAtStartExitsOne) {
+    int port = reportd::freePort();
+    auto r = kobtest::runProgram({KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--db",
+                                  "postgresql://postgres@127.0.0.1:" + std::to_string(port) +
+                                      "/postgres?connect_timeout=5"});
+    EXPECT_TRUE(r.exited(1));
+    EXPECT_EQ(r.err.rfind("kobreportd: cannot connect to PostgreSQL: ", 0), 0u) << r.err;
+}
