@@ -543,6 +543,7 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
         IntranetProbe p;
         p.address = std::string(h.value);
         p.port = h.number;
+        p.limit_s = kIntranetLimit;
         takeProbeLines(lines, false, p.result, r_.popen_errors);
         r_.intranet.push_back(std::move(p));
         break;

@@ -51,6 +51,7 @@ struct TcpProbe {
 struct IntranetProbe {
     std::string address; // from the heading
     int port = 0;
+    int limit_s = 0; // the connect time limit the run gives it
     ProbeResult result;
 };
 

@@ -98,7 +98,7 @@ std::string toJson(const Report &r, const StoredFacts *facts) {
 
     w.key("intranet").beginArray();
     for (const auto &p : r.intranet) {
-        w.beginObject();
+        w.beginObject().key("limit_s").value(p.limit_s);
         probe(w, p.result);
         w.endObject();
     }

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -191,7 +192,7 @@ TEST_F(Reportd, AnswersErrorsAndKeepsServing) {
         {"no Content-Length",
          {"POST /report/problem.php HTTP/1.1\r\n" + ct + "Host: x\r\n\r\n" + good},
          400},
-        {"Content-Length not a number", {head(ct, 0).replace(60, 1, "x1"), good}, 400},
+        {"Content-Length not a number", {head(ct, 0).replace(70, 1, "1x"), good}, 400},
         {"two Content-Lengths", {head(ct + "Content-Length: 5\r\n", good.size()), good}, 400},
         {"chunked",
          {"POST /report/problem.php HTTP/1.1\r\nTransfer-Encoding: chunked\r\n" + ct +
@@ -329,4 +330,30 @@ TEST(ReportdCommandLine, BadArgumentsAndUnusableDatabaseExitOne) {
     EXPECT_TRUE(r.exited(1));
     EXPECT_EQ(r.err.rfind("kobreportd: cannot open " + dir.file("no/such/dir/r.db"), 0), 0u)
         << r.err;
+}
+
+// Under the sanitizers a finding ends up on the server's standard error; a
+// busy server must leave it empty and stop cleanly on SIGTERM.
+TEST_F(Reportd, BusyServerStopsCleanlyWithNothingOnStandardError) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--threads", "8"});
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 8; i++) {
+                auto run = reportgen::healthyRun();
+                run.username = "u" + std::to_string(t);
+                auto ref = reportd::reference(reportd::upload(s.port(), reportgen::report(run)));
+                reportd::get(s.port(), "/reports/" + ref);
+                reportd::get(s.port(), "/api/reports?q=u" + std::to_string(t));
+                reportd::exchange(s.port(), {"POST /report/problem.php HTTP/1.1\r\n"
+                                             "Content-Length: 5\r\n\r\nhello"});
+            }
+        });
+    }
+    for (auto &t : threads)
+        t.join();
+    int st = s.stop();
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+    EXPECT_EQ(s.errors(), "");
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "48");
 }

@@ -338,7 +338,7 @@ TEST(TriageJson, CarriesTheFieldsSupportToolsRead) {
              "{\"heading\":\"Testing TCP pass-through to port 443\",\"target\":\"KT IDC\","
              "\"limit_s\":15,\"address\":\"192.0.2.2\",\"address_inferred\":true,\"port\":443,"
              "\"error\":\"timeout\"}",
-             "\"intranet\":[{\"address\":\"10.243.160.1\",\"address_inferred\":false,"
+             "\"intranet\":[{\"limit_s\":1,\"address\":\"10.243.160.1\",\"address_inferred\":false,"
              "\"port\":8081,\"rtt_ms\":3.25}",
              "\"logs\":[{\"program\":\"kobvane\",\"stream\":\"stdout\",\"file\":"
              "\"kobvane_stdout.txt\",\"state\":\"present\",\"size\":13}",

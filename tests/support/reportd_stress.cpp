@@ -1,0 +1,374 @@
+// Load and fault runs against kobreportd that print figures; they are not
+// part of the test pass/fail (scripts/reportd-stress.sh runs them).
+//
+//   kobreportd-stress load   KOBREPORTD [--postgres] [--count N] [--size BYTES]
+//   kobreportd-stress crash  KOBREPORTD [--postgres] [--cycles N]
+//   kobreportd-stress hostile KOBREPORTD
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <set>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "reportd.h"
+#include "reportgen.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point t) {
+    return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+struct Options {
+    std::string binary;
+    bool postgres = false;
+    int count = 200;
+    size_t size = 1u << 20;
+    int cycles = 3;
+};
+
+// A database for one run: a fresh SQLite file or a fresh PostgreSQL server.
+struct Database {
+    explicit Database(bool postgres) {
+        if (postgres) {
+            pg = std::make_unique<reportd::Postgres>();
+            if (!pg->available()) {
+                std::fprintf(stderr, "PostgreSQL unavailable: %s\n", pg->reason().c_str());
+                std::exit(2);
+            }
+            where = pg->url();
+            name = "PostgreSQL";
+        } else {
+            char tmpl[] = "/tmp/kobstress.XXXXXX";
+            dir = mkdtemp(tmpl);
+            where = dir + "/reports.db";
+            name = "SQLite";
+        }
+    }
+    ~Database() {
+        if (!dir.empty())
+            std::system(("rm -rf '" + dir + "'").c_str());
+    }
+    std::unique_ptr<reportd::Postgres> pg;
+    std::string dir, where, name;
+};
+
+int load(const Options &o) {
+    Database db(o.postgres);
+    reportd::Server s(o.binary, db.where, {"--threads", "64"});
+    std::vector<std::string> descs(o.count), bodies(o.count), refs(o.count);
+    for (int i = 0; i < o.count; i++) {
+        descs[i] = reportgen::reportOfSize(o.size, i);
+        bodies[i] = reportgen::body(descs[i], "load" + std::to_string(i), std::nullopt);
+    }
+    std::vector<double> lat(o.count);
+    std::vector<int> status(o.count);
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < o.count; i++) {
+        threads.emplace_back([&, i] {
+            ready++;
+            while (!go)
+                std::this_thread::yield();
+            auto t0 = Clock::now();
+            auto r = reportd::exchange(
+                s.port(), {reportgen::head("report.kobvane.example", bodies[i].size()), bodies[i]},
+                120);
+            lat[i] = secondsSince(t0);
+            status[i] = r.status;
+            refs[i] = reportd::reference(r);
+        });
+    }
+    while (ready < o.count)
+        std::this_thread::yield();
+    auto start = Clock::now();
+    go = true;
+    for (auto &t : threads)
+        t.join();
+    double wall = secondsSince(start);
+
+    int ok = static_cast<int>(std::count(status.begin(), status.end(), 200));
+    std::set<std::string> unique(refs.begin(), refs.end());
+    unique.erase("");
+    // Every answered report is stored once and whole.
+    int whole = 0;
+    for (int i = 0; i < o.count; i++)
+        if (!refs[i].empty() &&
+            reportd::get(s.port(), "/api/reports/" + refs[i] + "/raw").body == descs[i])
+            whole++;
+    auto list = reportd::get(s.port(), "/api/reports");
+    long long total = -1;
+    std::sscanf(list.body.c_str(), "{\"total\":%lld", &total);
+
+    std::vector<double> sorted = lat;
+    std::sort(sorted.begin(), sorted.end());
+    auto pct = [&](double p) {
+        size_t k = static_cast<size_t>(p * (sorted.size() - 1) + 0.5);
+        return sorted[k] * 1000;
+    };
+    std::printf("%s: %d concurrent uploads of %zu bytes\n", db.name.c_str(), o.count,
+                bodies[0].size());
+    std::printf("  answered 200: %d/%d, unique references: %zu, stored whole: %d, rows: %lld\n", ok,
+                o.count, unique.size(), whole, total);
+    std::printf("  wall %.2f s, %.1f reports/s, %.1f MiB/s\n", wall, o.count / wall,
+                o.count * static_cast<double>(bodies[0].size()) / wall / 1048576.0);
+    std::printf("  latency ms: p50 %.0f, p90 %.0f, p99 %.0f, max %.0f\n", pct(0.5), pct(0.9),
+                pct(0.99), sorted.back() * 1000);
+    bool good = ok == o.count && static_cast<int>(unique.size()) == o.count && whole == o.count &&
+                total == o.count;
+    std::printf("  %s\n", good ? "PASS: every report stored exactly once"
+                               : "FAIL: lost, duplicated or damaged reports");
+    return good ? 0 : 1;
+}
+
+int crash(const Options &o) {
+    Database db(o.postgres);
+    std::printf("%s: kill -9 in the middle of a stream of uploads, %d times\n", db.name.c_str(),
+                o.cycles);
+    std::map<std::string, std::string> answered; // reference -> report
+    std::mutex mu;
+    int failedTotal = 0;
+    bool good = true;
+    for (int cycle = 0; cycle < o.cycles; cycle++) {
+        auto s = std::make_unique<reportd::Server>(o.binary, db.where);
+        int port = s->port();
+        std::atomic<bool> stop{false};
+        std::atomic<int> sent{0}, failed{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; t++) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; !stop; i++) {
+                    std::string desc =
+                        reportgen::reportOfSize(64 * 1024 + 4096 * static_cast<size_t>(i % 16),
+                                                cycle * 100000 + t * 1000 + i);
+                    auto r = reportd::upload(port, desc);
+                    sent++;
+                    std::string ref = reportd::reference(r);
+                    if (ref.empty()) {
+                        failed++;
+                        continue;
+                    }
+                    std::lock_guard<std::mutex> lock(mu);
+                    if (answered.count(ref)) {
+                        std::printf("  FAIL: reference %s given twice\n", ref.c_str());
+                        good = false;
+                    }
+                    answered[ref] = desc;
+                }
+            });
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        s->kill();
+        stop = true;
+        for (auto &t : threads)
+            t.join();
+        failedTotal += failed;
+        std::printf("  cycle %d: %d uploads attempted, %d answered 200 so far, %d cut off or "
+                    "refused around the kill\n",
+                    cycle + 1, sent.load(), static_cast<int>(answered.size()), failed.load());
+    }
+    reportd::Server s(o.binary, db.where);
+    int present = 0;
+    for (const auto &[ref, desc] : answered)
+        if (reportd::get(s.port(), "/api/reports/" + ref + "/raw").body == desc)
+            present++;
+    std::printf("  after restart: %d of %zu answered reports present and whole\n", present,
+                answered.size());
+    good = good && present == static_cast<int>(answered.size());
+    std::printf("  %s\n", good ? "PASS: nothing answered 200 was lost"
+                               : "FAIL: an answered report is missing or damaged");
+    (void)failedTotal;
+    return good ? 0 : 1;
+}
+
+// A raw connection for hostile clients.
+int connectTo(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in a {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::string readAll(int fd) {
+    std::string raw;
+    char buf[65536];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+        raw.append(buf, static_cast<size_t>(n));
+    return raw;
+}
+
+int hostile(const Options &o) {
+    Database db(false);
+    // Short limits so that the slow cases end within the run.
+    reportd::Server s(o.binary, db.where, {"--read-timeout", "5", "--request-timeout", "20"});
+    int port = s.port();
+    std::printf("hostile requests (read timeout 5 s, request deadline 20 s, max body 64 MiB)\n");
+
+    // A well-behaved client uploads all along; its worst latency shows
+    // whether the others could hold the server up.
+    std::atomic<bool> stop{false};
+    std::atomic<int> goodOk{0}, goodBad{0};
+    std::atomic<long long> worstMs{0};
+    std::thread good([&] {
+        std::string desc = reportgen::report(reportgen::healthyRun());
+        while (!stop) {
+            auto t0 = Clock::now();
+            auto r = reportd::upload(port, desc);
+            long long ms = static_cast<long long>(secondsSince(t0) * 1000);
+            if (ms > worstMs)
+                worstMs = ms;
+            (r.status == 200 ? goodOk : goodBad)++;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+
+    std::string ct =
+        std::string("Content-Type: multipart/form-data; boundary=") + reportgen::kBoundary + "\r\n";
+    auto head = [&](const std::string &contentType, size_t len) {
+        return "POST /report/problem.php HTTP/1.1\r\nConnection: close\r\nContent-Length: " +
+               std::to_string(len) + "\r\n" + contentType + "Host: x\r\n\r\n";
+    };
+    std::string body = reportgen::body(std::string("a report\n"), std::nullopt, std::nullopt);
+    std::string many;
+    for (int i = 0; i < 10000; i++)
+        many += std::string("--") + reportgen::kBoundary +
+                "\r\nContent-Disposition: form-data; name=\"why\"\r\n\r\nx\r\n";
+    many += std::string("--") + reportgen::kBoundary + "--\r\n";
+    std::string big = reportgen::body(std::string(100u << 20, 'x'), std::nullopt, std::nullopt);
+
+    struct Case {
+        std::string name;
+        std::vector<std::string> pieces;
+        int trickleFrom = -1; // from this byte on, one byte a second
+    };
+    std::vector<Case> cases = {
+        {"Content-Length larger than the body", {head(ct, body.size() + 100), body}},
+        {"Content-Length smaller than the body", {head(ct, body.size() - 20), body}},
+        {"Content-Length not a number", {head(ct, 0).replace(70, 1, "1x"), body}},
+        {"missing boundary", {head("Content-Type: multipart/form-data\r\n", body.size()), body}},
+        {"10,000 parts", {head(ct, many.size()), many}},
+        {"a part of 100 MiB", {head(ct, big.size()), big}},
+        {"body trickling at one byte per second", {head(ct, body.size()), body}, 0},
+        {"head trickling at one byte per second", {head(ct, body.size()) + body}, 0},
+    };
+    cases[6].trickleFrom = static_cast<int>(cases[6].pieces[0].size());
+    cases[6].pieces = {cases[6].pieces[0] + cases[6].pieces[1]};
+
+    bool allEnded = true;
+    std::vector<std::thread> running;
+    std::mutex out;
+    for (auto &c : cases) {
+        running.emplace_back([&, c] {
+            auto t0 = Clock::now();
+            int fd = connectTo(port);
+            if (fd < 0)
+                return;
+            struct timeval tv = {60, 0};
+            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+            if (c.trickleFrom < 0) {
+                for (const auto &p : c.pieces) {
+                    size_t off = 0;
+                    while (off < p.size()) {
+                        ssize_t n = send(fd, p.data() + off, p.size() - off, MSG_NOSIGNAL);
+                        if (n <= 0)
+                            break;
+                        off += static_cast<size_t>(n);
+                    }
+                }
+            } else {
+                const std::string &all = c.pieces[0];
+                send(fd, all.data(), static_cast<size_t>(c.trickleFrom), MSG_NOSIGNAL);
+                for (size_t i = static_cast<size_t>(c.trickleFrom); i < all.size(); i++) {
+                    if (send(fd, &all[i], 1, MSG_NOSIGNAL) != 1)
+                        break;
+                    struct pollfd pf = {fd, POLLIN, 0};
+                    if (poll(&pf, 1, 1000) != 0)
+                        break;
+                }
+            }
+            auto r = reportd::parse(readAll(fd));
+            close(fd);
+            double took = secondsSince(t0);
+            std::lock_guard<std::mutex> lock(out);
+            std::string what = r.ok ? "answered " + std::to_string(r.status)
+                                    : std::string("closed without an answer");
+            std::printf("  %-40s %-28s after %.1f s\n", c.name.c_str(), what.c_str(), took);
+            if (r.ok && r.status == 200)
+                allEnded = false;
+        });
+    }
+    for (auto &t : running)
+        t.join();
+    stop = true;
+    good.join();
+    std::printf("  meanwhile a normal client: %d uploads answered 200, %d not; worst latency %lld "
+                "ms\n",
+                goodOk.load(), goodBad.load(), worstMs.load());
+    bool pass = allEnded && goodBad == 0 && goodOk > 0;
+    std::printf("  %s\n", pass ? "PASS: every hostile request got its error or timed out; "
+                                 "the server kept serving"
+                               : "FAIL");
+    return pass ? 0 : 1;
+}
+
+int usage() {
+    std::fprintf(stderr, "usage: kobreportd-stress load|crash|hostile KOBREPORTD [--postgres] "
+                         "[--count N] [--size BYTES] [--cycles N]\n");
+    return 2;
+}
+
+} // namespace
+
+int main(int argc, char *argv[]) {
+    if (argc < 3)
+        return usage();
+    std::signal(SIGPIPE, SIG_IGN);
+    std::string mode = argv[1];
+    Options o;
+    o.binary = argv[2];
+    for (int i = 3; i < argc; i++) {
+        std::string a = argv[i];
+        if (a == "--postgres")
+            o.postgres = true;
+        else if (a == "--count" && i + 1 < argc)
+            o.count = std::atoi(argv[++i]);
+        else if (a == "--size" && i + 1 < argc)
+            o.size = static_cast<size_t>(std::atoll(argv[++i]));
+        else if (a == "--cycles" && i + 1 < argc)
+            o.cycles = std::atoi(argv[++i]);
+        else
+            return usage();
+    }
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    if (mode == "load")
+        return load(o);
+    if (mode == "crash")
+        return crash(o);
+    if (mode == "hostile")
+        return hostile(o);
+    return usage();
+}
