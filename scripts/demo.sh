@@ -3,9 +3,11 @@
 # network played by koblab on loopback addresses.  Builds kobdiag-lab and
 # koblab, starts koblab, puts sample client logs into the lab's application
 # directory (one left missing), runs `kobdiag-lab -u demo -m <comment file>`
-# through the countdown and the upload, then shows what the report server
-# received and where it stored it.  koblab is stopped afterwards, also when
-# the demo is interrupted.
+# through the countdown and the upload to kobreportd, the operator's report
+# intake that koblab runs as its report server, then shows the reference the
+# user saw, the verdict table of the stored report and the address of the
+# browser view.  koblab (and with it kobreportd) is stopped afterwards, also
+# when the demo is interrupted.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,7 +16,7 @@ scripts/deps.sh
 
 build=build/demo
 cmake -S . -B "$build" -G Ninja -DKOB_BUILD_TESTS=OFF -DKOB_BUILD_BENCH=OFF >/dev/null
-cmake --build "$build" --target kobdiag-lab koblab
+cmake --build "$build" --target kobdiag-lab koblab kobreportd kobreport
 
 labdir=$root/$build/lab/var
 reports=$(mktemp -d /tmp/kobdiag-demo-reports.XXXXXX)
@@ -32,7 +34,7 @@ trap stop_koblab EXIT
 trap 'echo; echo "==> interrupted"; exit 130' INT TERM
 
 echo "==> starting koblab (the operator's network on loopback addresses)"
-"$build/tools/koblab" -d "$reports" >"$koblab_log" 2>&1 &
+"$build/tools/koblab" -d "$reports" -s "$build/tools/kobreportd" >"$koblab_log" 2>&1 &
 koblab_pid=$!
 for _ in $(seq 1 100); do
   grep -q '^koblab: ready$' "$koblab_log" && break
@@ -58,35 +60,38 @@ ls -l "$labdir"
 echo
 echo "==> kobdiag-lab -u demo -m $comment"
 status=0
-"$build/bin/kobdiag/kobdiag-lab" -u demo -m "$comment" || status=$?
+# Its test-log lines (standard output) are kept: the "dia" log carries the
+# server's answer.
+"$build/bin/kobdiag/kobdiag-lab" -u demo -m "$comment" | tee "$reports/kobdiag.out" ||
+  status=$?
 echo "==> kobdiag-lab exit status: $status"
 
+view=$(sed -n 's/^koblab: browser view *//p' "$koblab_log")
+reference=$(grep -o 'KOB-[0-9]\{8\}-[0-9]\{6,\}' "$reports/kobdiag.out" | tail -n 1 || true)
 echo
-echo "==> what the report server received"
-stored=$(ls "$reports"/report-*.http 2>/dev/null | tail -n 1 || true)
-if [ -z "$stored" ]; then
-  echo "nothing was stored"
+if [ -z "$reference" ]; then
+  echo "==> the report server gave no reference"
+  cat "$koblab_log"
   exit 1
 fi
-# The head, then each form part's name and size.
-sed -n '1,/^\r$/p' "$stored" | tr -d '\r'
-python3 - "$stored" <<'PY' 2>/dev/null || awk 'BEGIN{RS="--------kobvaneFormBoundaryj2U6RdY2ckKXjaso"} NR>1 {print "part:", length($0), "bytes"}' "$stored"
-import re, sys
-data = open(sys.argv[1], 'rb').read()
-head, body = data.split(b'\r\n\r\n', 1)
-delim = b'--------kobvaneFormBoundaryj2U6RdY2ckKXjaso'
-print(f"body: {len(body)} bytes")
-for part in body.split(delim)[1:]:
-    if part.startswith(b'--'):
-        print("closing delimiter")
-        continue
-    phead, content = part[2:].split(b'\r\n\r\n', 1)
-    name = re.search(rb'name="([^"]*)"', phead).group(1).decode()
-    content = content[:-2]  # the part's closing CR LF
-    first = content.split(b'\n', 1)[0][:60].decode(errors='replace')
-    print(f"part {name!r}: {len(content)} bytes, begins: {first!r}")
-PY
-echo "stored in: $stored"
+echo "==> the reference the user saw: $reference"
+
+# The stored report, fetched from the intake's API with bash alone.
+hostport=${view#http://}
+hostport=${hostport%/}
+stored=$reports/$reference.txt
+exec 3<>"/dev/tcp/${hostport%:*}/${hostport##*:}"
+printf 'GET /api/reports/%s/raw HTTP/1.1\r\nHost: %s\r\nConnection: close\r\n\r\n' \
+  "$reference" "$hostport" >&3
+sed '1,/^\r$/d' <&3 >"$stored"
+exec 3<&-
+echo
+echo "==> kobreport: the verdicts on report $reference ($(wc -c <"$stored") bytes stored)"
+"$build/tools/kobreport" "$stored"
+echo
+echo "==> browser view: $view (report page: ${view}reports/$reference)"
+echo "    It is served while koblab runs; to browse the stored reports again later:"
+echo "    $build/tools/kobreportd --listen 127.0.0.1:8080 --db $reports/reports.db"
 stop_koblab
 echo
-tail -n 1 "$koblab_log"
+tail -n 2 "$koblab_log"

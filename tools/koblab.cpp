@@ -7,6 +7,11 @@
 // byte for byte, as one file per report.  Everything runs in one thread
 // around poll(); SIGINT and SIGTERM stop it cleanly.
 //
+// With -s the report server is kobreportd instead, the operator's real
+// intake, run as a child on the same address with its database in the
+// report directory: the user then gets a reference to quote, and the report
+// can be browsed and triaged.
+//
 // The default addresses are those of the lab build; options move any of
 // them, so that the same program can play the shipped build's network
 // inside a network namespace.
@@ -22,7 +27,9 @@
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -59,6 +66,7 @@ struct Options {
     std::vector<std::string> intranet = {KOBDIAG_INTRANET_ADDR_1, KOBDIAG_INTRANET_ADDR_2,
                                          KOBDIAG_INTRANET_ADDR_3, KOBDIAG_INTRANET_ADDR_4};
     Endpoint report = {KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT};
+    std::string reportd; // kobreportd to run as the report server, if any
 };
 
 constexpr int kIntranetPort = 8081;
@@ -81,7 +89,7 @@ void onStop(int) {
 [[noreturn]] void usage() {
     fprintf(stderr,
             "usage: koblab [-d dir] [-p addr] [-a addr] [-k addr] [-j addr]\n"
-            "              [-i addr,addr,addr,addr] [-r addr[:port]]\n"
+            "              [-i addr,addr,addr,addr] [-r addr[:port]] [-s kobreportd]\n"
             "    -d dir    store reports here (default: a new directory under /tmp)\n"
             "    -p addr   pass-through test server (UDP echo %d, TCP 10007, 10008)\n"
             "    -a addr   authentication server (TCP 80)\n"
@@ -89,7 +97,8 @@ void onStop(int) {
             "    -j addr   JP node (TCP 10008)\n"
             "    -i list   intranet gateways on %d: answering, never completing, refused,"
             " refused\n"
-            "    -r ep     problem-report server (default %s:%d)\n",
+            "    -r ep     problem-report server (default %s:%d)\n"
+            "    -s path   serve reports with this kobreportd (database reports.db in dir)\n",
             kPassThroughPort, kIntranetPort, KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT);
     exit(2);
 }
@@ -185,7 +194,7 @@ std::vector<std::string> splitList(const char *s) {
 Options parseOptions(int argc, char *argv[]) {
     Options o;
     int ch;
-    while ((ch = getopt(argc, argv, "d:p:a:k:j:i:r:h")) != -1) {
+    while ((ch = getopt(argc, argv, "d:p:a:k:j:i:r:s:h")) != -1) {
         switch (ch) {
         case 'd':
             o.dir = optarg;
@@ -209,6 +218,9 @@ Options parseOptions(int argc, char *argv[]) {
             break;
         case 'r':
             o.report = parseEndpoint(optarg);
+            break;
+        case 's':
+            o.reportd = optarg;
             break;
         default:
             usage();
@@ -274,9 +286,13 @@ class Lab {
         for (int i = 2; i < 4; i++)
             printf("koblab: intranet, refused      %s\n",
                    text(opt_.intranet[i], kIntranetPort).c_str());
-        add(Kind::ReportListener, listener(opt_.report.addr, opt_.report.port, 64));
-        printf("koblab: report server          %s, storing reports in %s\n",
-               text(opt_.report.addr, opt_.report.port).c_str(), opt_.dir.c_str());
+        if (opt_.reportd.empty()) {
+            add(Kind::ReportListener, listener(opt_.report.addr, opt_.report.port, 64));
+            printf("koblab: report server          %s, storing reports in %s\n",
+                   text(opt_.report.addr, opt_.report.port).c_str(), opt_.dir.c_str());
+        } else {
+            startReportd();
+        }
         printf("koblab: ready\n");
     }
 
@@ -311,11 +327,70 @@ class Lab {
                 (void)close(c.fd);
         for (int fd : stalled_)
             (void)close(fd);
+        if (reportdPid_ > 0) {
+            (void)kill(reportdPid_, SIGTERM);
+            int st = 0;
+            while (waitpid(reportdPid_, &st, 0) < 0 && errno == EINTR) {
+            }
+            printf("koblab: kobreportd stopped (%s)\n",
+                   WIFEXITED(st) && WEXITSTATUS(st) == 0 ? "exit status 0" : "failed");
+        }
         printf("koblab: stopped after %lu UDP echoes, %lu TCP connections, %lu reports\n", echoes_,
                accepts_, reports_);
     }
 
   private:
+    // kobreportd on the report server's address; koblab is ready only once
+    // it has said that it accepts connections.  It goes when koblab goes,
+    // even when koblab is killed.
+    void startReportd() {
+        std::string listen = text(opt_.report.addr, opt_.report.port);
+        std::string db = opt_.dir + "/reports.db";
+        int p[2];
+        if (pipe(p) != 0)
+            die("pipe");
+        fflush(nullptr);
+        reportdPid_ = fork();
+        if (reportdPid_ < 0)
+            die("fork");
+        if (reportdPid_ == 0) {
+            (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+            dup2(p[1], 1);
+            close(p[0]);
+            close(p[1]);
+            close(wakePipe[0]);
+            close(wakePipe[1]);
+            signal(SIGINT, SIG_DFL);
+            signal(SIGTERM, SIG_DFL);
+            signal(SIGPIPE, SIG_DFL);
+            execl(opt_.reportd.c_str(), opt_.reportd.c_str(), "--listen", listen.c_str(), "--db",
+                  db.c_str(), static_cast<char *>(nullptr));
+            fprintf(stderr, "koblab: cannot run %s: %s\n", opt_.reportd.c_str(), strerror(errno));
+            _exit(127);
+        }
+        close(p[1]);
+        std::string line;
+        char c;
+        pollfd pfd = {p[0], POLLIN, 0};
+        while (line.empty() || line.back() != '\n') {
+            if (poll(&pfd, 1, 30000) <= 0 || read(p[0], &c, 1) != 1)
+                break;
+            line.push_back(c);
+        }
+        close(p[0]);
+        const std::string ready = "kobreportd: serving ";
+        if (line.rfind(ready, 0) != 0 || line.back() != '\n') {
+            fprintf(stderr, "koblab: kobreportd did not start\n");
+            (void)kill(reportdPid_, SIGTERM);
+            (void)waitpid(reportdPid_, nullptr, 0);
+            exit(1);
+        }
+        std::string url = line.substr(ready.size(), line.size() - ready.size() - 1);
+        printf("koblab: report server          %s, kobreportd with %s\n", listen.c_str(),
+               db.c_str());
+        printf("koblab: browser view           %s\n", url.c_str());
+    }
+
     void add(Kind kind, int fd, std::string peer = "") {
         conns_.push_back({kind, fd, std::move(peer), {}});
     }
@@ -439,6 +514,7 @@ class Lab {
     unsigned long accepts_ = 0;
     unsigned long reports_ = 0;
     unsigned long seq_ = 0;
+    pid_t reportdPid_ = -1;
 };
 
 } // namespace

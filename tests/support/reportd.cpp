@@ -167,11 +167,19 @@ Response parse(const std::string &raw) {
 }
 
 Response exchange(int port, const std::vector<std::string> &pieces, int timeoutSeconds) {
+    return exchangeAt("127.0.0.1", port, pieces, timeoutSeconds);
+}
+
+Response exchangeAt(const std::string &host, int port, const std::vector<std::string> &pieces,
+                    int timeoutSeconds) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in a {};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1) {
+        close(fd);
+        return {};
+    }
     if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
         close(fd);
         return {};
@@ -207,7 +215,11 @@ Response upload(int port, const std::string &desc, const char *username, const c
 }
 
 Response get(int port, const std::string &path) {
-    return exchange(port, {"GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"});
+    return getAt("127.0.0.1", port, path);
+}
+
+Response getAt(const std::string &host, int port, const std::string &path) {
+    return exchangeAt(host, port, {"GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n"});
 }
 
 std::string reference(const Response &r) {

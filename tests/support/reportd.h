@@ -47,12 +47,16 @@ struct Response {
 // Connects to 127.0.0.1:port, writes each piece with one write (as kobdiag
 // writes its head and then its body), reads until the server closes.
 Response exchange(int port, const std::vector<std::string> &pieces, int timeoutSeconds = 30);
+// The same with another loopback address than 127.0.0.1.
+Response exchangeAt(const std::string &host, int port, const std::vector<std::string> &pieces,
+                    int timeoutSeconds = 30);
 
 // An upload as kobdiag sends it.
 Response upload(int port, const std::string &desc, const char *username = nullptr,
                 const char *why = nullptr);
 
 Response get(int port, const std::string &path);
+Response getAt(const std::string &host, int port, const std::string &path);
 
 // The reference from "Report received: KOB-..." or empty.
 std::string reference(const Response &r);
