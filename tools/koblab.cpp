@@ -335,8 +335,13 @@ class Lab {
             printf("koblab: kobreportd stopped (%s)\n",
                    WIFEXITED(st) && WEXITSTATUS(st) == 0 ? "exit status 0" : "failed");
         }
-        printf("koblab: stopped after %lu UDP echoes, %lu TCP connections, %lu reports\n", echoes_,
-               accepts_, reports_);
+        if (reportdPid_ > 0)
+            printf("koblab: stopped after %lu UDP echoes, %lu TCP connections (reports went to "
+                   "kobreportd)\n",
+                   echoes_, accepts_);
+        else
+            printf("koblab: stopped after %lu UDP echoes, %lu TCP connections, %lu reports\n",
+                   echoes_, accepts_, reports_);
     }
 
   private:

@@ -87,9 +87,10 @@ std::optional<double> toDouble(sv s) {
     return v;
 }
 
+// One decimal, or three below a millisecond, where loopback times live.
 std::string fmt1(double v) {
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%.1f", v);
+    std::snprintf(buf, sizeof buf, v < 1.0 && v > -1.0 ? "%.3f" : "%.1f", v);
     return buf;
 }
 
@@ -825,7 +826,8 @@ void Parser::judge() {
         else if (t.reached())
             add(L::Ok, "traceroute",
                 "traceroute reached " + t.destination + " in " +
-                    std::to_string(t.hops.back().number) + " hops");
+                    std::to_string(t.hops.back().number) +
+                    (t.hops.back().number == 1 ? " hop" : " hops"));
         else if (!last)
             add(L::Fail, "traceroute", "traceroute: no hop answered");
         else

@@ -161,6 +161,15 @@ TEST(Triage, LossyUdpGivesLossAndTimes) {
                            }));
 }
 
+TEST(Triage, LoopbackTimesKeepTheirDigitsAndOneHopIsOneHop) {
+    auto run = reportgen::healthyRun();
+    run.udp.assign(5, reportgen::udpRtt(0.25, "192.0.2.7"));
+    run.traceroute = " 1  192.0.2.2  0.050 ms  0.031 ms  0.029 ms\n";
+    auto r = parse(reportgen::report(run));
+    EXPECT_EQ(verdicts(r)[0], "ok udp: UDP pass-through works (5/5 answered, avg 0.250 ms)");
+    EXPECT_EQ(verdicts(r)[2], "ok traceroute: traceroute reached 192.0.2.2 in 1 hop");
+}
+
 TEST(Triage, LogsAreCutAtTheirLabelsEvenWithoutLineFeeds) {
     auto run = reportgen::healthyRun();
     run.logs["kobvane_stdout.txt"] = "no line feed at the end";
