@@ -357,3 +357,31 @@ TEST_F(Reportd, BusyServerStopsCleanlyWithNothingOnStandardError) {
     EXPECT_EQ(s.errors(), "");
     EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "48");
 }
+
+// A client that waits for "100 Continue" before it sends the body gets it
+// at once, although answers are otherwise sent whole.
+TEST_F(Reportd, ExpectContinueIsAnsweredBeforeTheBody) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string body = reportgen::body(std::string("report\n"), std::nullopt, std::nullopt);
+    std::string head = reportgen::head("h", body.size());
+    head.insert(head.size() - 2, "Expect: 100-continue\r\n");
+    struct sockaddr_in a {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(s.port()));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    ASSERT_EQ(send(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+    struct pollfd pf = {fd, POLLIN, 0};
+    ASSERT_EQ(poll(&pf, 1, 5000), 1);
+    char buf[4096];
+    ssize_t n = recv(fd, buf, sizeof buf, 0);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "HTTP/1.1 100 Continue\r\n\r\n");
+    ASSERT_EQ(send(fd, body.data(), body.size(), 0), static_cast<ssize_t>(body.size()));
+    std::string raw;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+        raw.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_EQ(reportd::parse(raw).body, "Report received: KOB-" + today() + "-000001");
+}

@@ -31,6 +31,9 @@ class DeadlineStream : public httplib::Stream {
     bool is_writable() const override { return wait(POLLOUT); }
 
     ssize_t read(char *ptr, size_t size) override {
+        // An interim answer ("100 Continue") must go out before we wait.
+        if (!out_.empty() && !flush())
+            return -1;
         if (pos_ < len_) {
             size_t n = std::min(size, len_ - pos_);
             std::memcpy(ptr, buf_ + pos_, n);
@@ -51,15 +54,34 @@ class DeadlineStream : public httplib::Stream {
         return recvSome(ptr, size);
     }
 
+    // Writes are gathered and sent together, so that a short answer leaves
+    // in one piece: kobdiag logs every piece it reads as a record of its own.
     ssize_t write(const char *ptr, size_t size) override {
-        if (!wait(POLLOUT))
+        if (failed_)
             return -1;
-        for (;;) {
-            ssize_t n = ::send(sock_, ptr, size, MSG_NOSIGNAL);
+        out_.append(ptr, size);
+        if (out_.size() >= kGather && !flush())
+            return -1;
+        return static_cast<ssize_t>(size);
+    }
+
+    bool flush() {
+        size_t off = 0;
+        while (off < out_.size() && !failed_) {
+            if (!wait(POLLOUT)) {
+                failed_ = true;
+                break;
+            }
+            ssize_t n = ::send(sock_, out_.data() + off, out_.size() - off, MSG_NOSIGNAL);
             if (n < 0 && errno == EINTR)
                 continue;
-            return n;
+            if (n <= 0)
+                failed_ = true;
+            else
+                off += static_cast<size_t>(n);
         }
+        out_.clear();
+        return !failed_;
     }
 
     void get_remote_ip_and_port(std::string &ip, int &port) const override {
@@ -126,7 +148,10 @@ class DeadlineStream : public httplib::Stream {
         ip = host;
     }
 
+    static constexpr size_t kGather = 64 * 1024;
     int sock_;
+    std::string out_;
+    bool failed_ = false;
     Clock::time_point deadline_;
     Clock::duration ioTimeout_;
     char buf_[16384];
@@ -162,6 +187,14 @@ IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_
     set_read_timeout(limits_.read_timeout_s, 0);
     set_write_timeout(limits_.read_timeout_s, 0);
     set_keep_alive_max_count(1);
+    // Rebinding at once after a restart needs SO_REUSEADDR (connections of
+    // the previous run may still sit in TIME_WAIT); the library's default,
+    // SO_REUSEPORT, would instead let a second server share the port
+    // unnoticed.
+    set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
 
     // Decided from the head alone, before any of the body is read: a body
     // that is not wanted is never taken into memory.
@@ -289,6 +322,7 @@ bool IntakeServer::process_and_close_socket(socket_t sock) {
         DeadlineStream strm(sock, deadline, limits_.read_timeout_s);
         bool closed = false;
         ret = process_request(strm, true, closed, nullptr);
+        ret = strm.flush() && ret;
     }
     // Stop sending, then take what the client still sends for a moment, so
     // that an answer given before the whole body arrived (413, 400) is not
