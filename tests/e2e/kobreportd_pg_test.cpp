@@ -52,7 +52,7 @@ TEST(ReportdPostgres, TwoInstancesShareOneDatabase) {
               0u);
 
     // A restarted instance finds everything and goes on numbering.
-    EXPECT_EQ(a.stop(), 0);
+    EXPECT_EQ(a.stop(), 0) << a.errors();
     reportd::Server again(KOBREPORTD_BIN, pg.url());
     auto list = reportd::get(again.port(), "/api/reports");
     EXPECT_EQ(list.body.rfind("{\"total\":20,", 0), 0u);

@@ -119,11 +119,14 @@ int main(int argc, char *argv[]) {
         sigwait(&stopSignals, &sig);
         svr.stop();
     });
-    stopper.detach();
 
     std::string shown = host.find(':') != std::string::npos ? "[" + host + "]" : host;
     std::printf("kobreportd: serving http://%s:%d/\n", shown.c_str(), port);
     std::fflush(stdout);
     bool ok = svr.listen_after_bind();
+    // The server may only go once the stopping thread is done with it; wake
+    // that thread if the server ended for another reason.
+    pthread_kill(stopper.native_handle(), SIGTERM);
+    stopper.join();
     return ok ? 0 : 1;
 }
