@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <set>
 #include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -384,4 +385,23 @@ TEST_F(Reportd, ExpectContinueIsAnsweredBeforeTheBody) {
         raw.append(buf, static_cast<size_t>(n));
     close(fd);
     EXPECT_EQ(reportd::parse(raw).body, "Report received: KOB-" + today() + "-000001");
+}
+
+// A burst of simultaneous uploads, far more than the workers: every one is
+// queued and answered, none is turned away at the door.
+TEST_F(Reportd, ABurstOfUploadsIsAllAnsweredWithUniqueReferences) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--threads", "4"});
+    constexpr int kClients = 150;
+    std::vector<std::string> refs(kClients);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; i++)
+        threads.emplace_back([&, i] {
+            refs[i] = reportd::reference(reportd::upload(s.port(), "burst " + std::to_string(i)));
+        });
+    for (auto &t : threads)
+        t.join();
+    std::set<std::string> unique(refs.begin(), refs.end());
+    EXPECT_EQ(unique.count(""), 0u);
+    EXPECT_EQ(unique.size(), static_cast<size_t>(kClients));
+    EXPECT_EQ(sqlValue(db, "SELECT count(DISTINCT desc) FROM reports"), std::to_string(kClients));
 }

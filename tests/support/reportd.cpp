@@ -181,8 +181,10 @@ Response exchangeAt(const std::string &host, int port, const std::vector<std::st
         return {};
     }
     if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+        Response r;
+        r.raw = std::string("connect: ") + std::strerror(errno);
         close(fd);
-        return {};
+        return r;
     }
     struct timeval tv = {timeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);

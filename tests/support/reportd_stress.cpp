@@ -79,6 +79,7 @@ int load(const Options &o) {
     }
     std::vector<double> lat(o.count);
     std::vector<int> status(o.count);
+    std::vector<std::string> failures(o.count);
     std::atomic<int> ready{0};
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
@@ -93,6 +94,8 @@ int load(const Options &o) {
                 120);
             lat[i] = secondsSince(t0);
             status[i] = r.status;
+            if (!r.ok)
+                failures[i] = r.raw.empty() ? "closed without an answer" : r.raw.substr(0, 80);
             refs[i] = reportd::reference(r);
         });
     }
@@ -105,6 +108,14 @@ int load(const Options &o) {
     double wall = secondsSince(start);
 
     int ok = static_cast<int>(std::count(status.begin(), status.end(), 200));
+    std::map<int, int> byStatus;
+    for (int st : status)
+        byStatus[st]++;
+    std::string statuses;
+    for (const auto &[st, n] : byStatus)
+        statuses += (statuses.empty() ? "" : ", ") +
+                    (st == 0 ? std::string("no answer") : std::to_string(st)) + ": " +
+                    std::to_string(n);
     std::set<std::string> unique(refs.begin(), refs.end());
     unique.erase("");
     // Every answered report is stored once and whole.
@@ -125,6 +136,13 @@ int load(const Options &o) {
     };
     std::printf("%s: %d concurrent uploads of %zu bytes\n", db.name.c_str(), o.count,
                 bodies[0].size());
+    std::printf("  answers: %s\n", statuses.c_str());
+    std::map<std::string, int> whyFailed;
+    for (const auto &f : failures)
+        if (!f.empty())
+            whyFailed[f]++;
+    for (const auto &[f, n] : whyFailed)
+        std::printf("  no answer (%d): %s\n", n, f.c_str());
     std::printf("  answered 200: %d/%d, unique references: %zu, stored whole: %d, rows: %lld\n", ok,
                 o.count, unique.size(), whole, total);
     std::printf("  wall %.2f s, %.1f reports/s, %.1f MiB/s\n", wall, o.count / wall,

@@ -114,6 +114,8 @@ int main(int argc, char *argv[]) {
         return 1;
     }
 
+    svr.widenBacklog();
+
     std::thread stopper([&svr, stopSignals] {
         int sig = 0;
         sigwait(&stopSignals, &sig);

@@ -250,6 +250,11 @@ IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_
     });
 }
 
+void IntakeServer::widenBacklog() {
+    // listen() again on a listening socket only changes its queue length.
+    ::listen(svr_sock_, SOMAXCONN);
+}
+
 void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
                           const httplib::ContentReader &reader) {
     tl_timedOut = false;

@@ -24,6 +24,11 @@ class IntakeServer : public httplib::Server {
   public:
     IntakeServer(Store &store, Limits limits);
 
+    // After binding: a deeper accept queue than the library's five, so that
+    // a burst of uploads (every user of a failing network at once) waits
+    // for a worker instead of being turned away.
+    void widenBacklog();
+
   private:
     // One request per connection, read under a deadline for the whole
     // request: a per-read timeout alone lets a client that trickles a byte
