@@ -115,6 +115,7 @@ int main(int argc, char *argv[]) {
     }
 
     svr.widenBacklog();
+    svr.warmUp();
 
     std::thread stopper([&svr, stopSignals] {
         int sig = 0;

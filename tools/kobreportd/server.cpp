@@ -158,6 +158,34 @@ class DeadlineStream : public httplib::Stream {
     size_t pos_ = 0, len_ = 0;
 };
 
+// A request held in memory, for running the library without a connection.
+class MemoryStream : public httplib::Stream {
+  public:
+    explicit MemoryStream(std::string in) : in_(std::move(in)) {}
+    bool is_readable() const override { return pos_ < in_.size(); }
+    bool is_writable() const override { return true; }
+    ssize_t read(char *ptr, size_t size) override {
+        size_t n = std::min(size, in_.size() - pos_);
+        std::memcpy(ptr, in_.data() + pos_, n);
+        pos_ += n;
+        return static_cast<ssize_t>(n);
+    }
+    ssize_t write(const char *, size_t size) override { return static_cast<ssize_t>(size); }
+    void get_remote_ip_and_port(std::string &ip, int &port) const override {
+        ip.clear();
+        port = 0;
+    }
+    void get_local_ip_and_port(std::string &ip, int &port) const override {
+        ip.clear();
+        port = 0;
+    }
+    socket_t socket() const override { return -1; }
+
+  private:
+    std::string in_;
+    size_t pos_ = 0;
+};
+
 bool strictLength(const std::string &s, size_t &out) {
     if (s.empty() || s.size() > 19)
         return false;
@@ -253,6 +281,19 @@ IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_
 void IntakeServer::widenBacklog() {
     // listen() again on a listening socket only changes its queue length.
     ::listen(svr_sock_, SOMAXCONN);
+}
+
+void IntakeServer::warmUp() {
+    const std::string boundary = "warm-up";
+    // A field the form does not have: refused before anything is stored.
+    std::string body = "--" + boundary +
+                       "\r\nContent-Disposition: form-data; name=\"warm-up\"\r\n\r\nx\r\n--" +
+                       boundary + "--\r\n";
+    MemoryStream strm("POST " + std::string(kUploadPath) +
+                      " HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=" + boundary +
+                      "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
+    bool closed = false;
+    process_request(strm, true, closed, nullptr);
 }
 
 void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,

@@ -29,6 +29,13 @@ class IntakeServer : public httplib::Server {
     // for a worker instead of being turned away.
     void widenBacklog();
 
+    // Runs one refused form through the library before any worker exists.
+    // The library builds its form parser's patterns on first use, as
+    // function-local statics; built here, every worker finds them complete
+    // through thread creation alone, which also lets ThreadSanitizer see
+    // that (it cannot see the library's own guard checks).
+    void warmUp();
+
   private:
     // One request per connection, read under a deadline for the whole
     // request: a per-read timeout alone lets a client that trickles a byte
