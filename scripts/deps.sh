@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   pkg-config groff-base dpkg-dev
   net-tools traceroute iproute2 time
+  libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
 )
 
 missing=()
