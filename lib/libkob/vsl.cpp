@@ -137,10 +137,12 @@ void vsl_close(VSM_data *vd, vsl *vsl) {
 
 // The segment was closed, or closed and mapped again, under an open log:
 // by the caller, or by a counter walk that reopens the segment on the same
-// handle.  The log's positions then point into a mapping that is gone.
+// handle.  The log's positions then point into a mapping that is gone, or
+// (mapped again at the same place) may run past a smaller one.
 bool mappingGone(const VSM_data *vd, const vsl *vsl) {
     auto *start = reinterpret_cast<const char *>(vsl->log_start);
-    return vd->head == nullptr || start < vd->seg_start || start >= vd->seg_end;
+    auto *end = reinterpret_cast<const char *>(vsl->log_end);
+    return vd->head == nullptr || start < vd->seg_start || end > vd->seg_end;
 }
 
 // One step through the ring.  *wraps counts the wrap markers followed in
