@@ -10,6 +10,7 @@ packages=(
   net-tools traceroute iproute2 time
   # the operator's side: kobreportd, its databases and the browser test
   libcpp-httplib-dev libsqlite3-dev libpq-dev postgresql chromium
+  libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
 )
 
 missing=()

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: a GCC build with warnings as errors,
-# a Clang build under AddressSanitizer and UndefinedBehaviorSanitizer, and a
-# ThreadSanitizer build; then the formatting check.  Any failure fails it.
+# then over that build the static analysis, valgrind memcheck of whole runs
+# and the network guard; a Clang build under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and a ThreadSanitizer build; the fuzz targets,
+# each run briefly; then the formatting check.  Any failure fails it.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -21,10 +23,24 @@ build_and_test() {
 }
 
 build_and_test build/ci-gcc -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++
+echo "==> build/ci-gcc: static analysis"
+scripts/analyze.sh build/ci-gcc
+echo "==> build/ci-gcc: valgrind memcheck"
+scripts/memcheck.sh build/ci-gcc
+echo "==> build/ci-gcc: network guard"
+scripts/netguard.sh build/ci-gcc
 build_and_test build/ci-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=Debug -DKOB_SANITIZE=address,undefined -DKOB_BUILD_BENCH=OFF
 build_and_test build/ci-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=Debug -DKOB_SANITIZE=thread -DKOB_BUILD_BENCH=OFF
+
+echo "==> build/ci-fuzz: configure and build the fuzz targets"
+cmake -S . -B build/ci-fuzz -G Ninja -DKOB_WERROR=ON -DCMAKE_C_COMPILER=clang \
+  -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DKOB_FUZZ=ON -DKOB_BUILD_TESTS=OFF \
+  -DKOB_BUILD_BENCH=OFF -DKOB_BUILD_SHARED=OFF >/dev/null
+cmake --build build/ci-fuzz -j "$jobs" --target fuzz
+echo "==> build/ci-fuzz: smoke run, 20 s per target"
+scripts/fuzz.sh build/ci-fuzz 20
 
 echo "==> formatting"
 git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format --dry-run --Werror

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "kobdiag_config.h"
+#include "koblab_request.h"
 
 namespace {
 
@@ -229,26 +230,6 @@ Options parseOptions(int argc, char *argv[]) {
     if (optind != argc)
         usage();
     return o;
-}
-
-// The bytes of a request so far make a whole one: a head, and as many body
-// bytes as its Content-Length says (none without one).
-bool requestComplete(const std::string &data) {
-    auto end = data.find("\r\n\r\n");
-    if (end == std::string::npos)
-        return false;
-    size_t bodyStart = end + 4;
-    size_t length = 0;
-    size_t pos = 0;
-    while ((pos = data.find("\r\n", pos)) != std::string::npos && pos < end) {
-        pos += 2;
-        static const char name[] = "content-length:";
-        if (strncasecmp(data.c_str() + pos, name, sizeof name - 1) == 0) {
-            length = strtoul(data.c_str() + pos + sizeof name - 1, nullptr, 10);
-            break;
-        }
-    }
-    return data.size() >= bodyStart + length;
 }
 
 class Lab {
@@ -474,7 +455,7 @@ class Lab {
             drop(i);
             return;
         }
-        if (!requestComplete(c.data))
+        if (!koblab::requestComplete(c.data))
             return;
         std::string path = store(c.data);
         printf("koblab: report %lu from %s: %zu bytes stored in %s\n", reports_, c.peer.c_str(),

@@ -186,7 +186,7 @@ int main(int argc, char **argv) {
                 (void)VSL_Arg(vd, 'n', instance);
             }
         }
-        struct timespec pause = {0, 20 * 1000 * 1000};
+        struct timespec pause = {0, 20L * 1000 * 1000};
         nanosleep(&pause, nullptr);
     }
     fflush(stdout);

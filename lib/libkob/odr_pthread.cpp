@@ -33,6 +33,8 @@ extern "C" {
 int ODR_pthread_create(ODR_pthread_t *thread, const void *attr, void *(*start_routine)(void *),
                        void *arg) {
     VAS_CHECK(attr == nullptr, "attr == NULL");
+    // The handle's first level holds one pointer to the record.
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
     auto t = static_cast<ODR_pthread_t>(malloc(sizeof(odr_thread *)));
     VAS_CHECK(t != nullptr, "t != NULL");
     auto it = static_cast<odr_thread *>(malloc(sizeof(odr_thread)));
@@ -66,6 +68,7 @@ int ODR_pthread_equal(pthread_t t1, pthread_t t2) {
 }
 
 int ODR_pthread_mutex_init(ODR_pthread_mutex_t *mutex, const ODR_pthread_mutexattr_t *attr) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
     auto m = static_cast<ODR_pthread_mutex_t>(malloc(sizeof(odr_mutex *)));
     VAS_CHECK(m != nullptr, "m != NULL");
     auto im = static_cast<odr_mutex *>(malloc(sizeof(odr_mutex)));
@@ -117,6 +120,7 @@ int ODR_pthread_mutex_destroy(ODR_pthread_mutex_t *mutex) {
 }
 
 int ODR_pthread_mutexattr_init(ODR_pthread_mutexattr_t *attr) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
     auto a = static_cast<ODR_pthread_mutexattr_t>(malloc(sizeof(odr_mutexattr *)));
     VAS_CHECK(a != nullptr, "a != NULL");
     auto ia = static_cast<odr_mutexattr *>(malloc(sizeof(odr_mutexattr)));
@@ -151,6 +155,7 @@ int ODR_pthread_mutexattr_destroy(ODR_pthread_mutexattr_t *attr) {
 
 int ODR_pthread_cond_init(ODR_pthread_cond_t *cond, const void *attr) {
     VAS_CHECK(attr == nullptr, "attr == NULL");
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
     auto c = static_cast<ODR_pthread_cond_t>(malloc(sizeof(odr_cond *)));
     VAS_CHECK(c != nullptr, "c != NULL");
     auto ic = static_cast<odr_cond *>(malloc(sizeof(odr_cond)));

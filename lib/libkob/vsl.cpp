@@ -135,11 +135,29 @@ void vsl_close(VSM_data *vd, vsl *vsl) {
     vsl->ptr = nullptr;
 }
 
+// The segment was closed, or closed and mapped again, under an open log:
+// by the caller, or by a counter walk that reopens the segment on the same
+// handle.  The log's positions then point into a mapping that is gone, or
+// (mapped again at the same place) may run past a smaller one.
+bool mappingGone(const VSM_data *vd, const vsl *vsl) {
+    auto *start = reinterpret_cast<const char *>(vsl->log_start);
+    auto *end = reinterpret_cast<const char *>(vsl->log_end);
+    return vd->head == nullptr || start < vd->seg_start || end > vd->seg_end;
+}
+
 // One step through the ring.  *wraps counts the wrap markers followed in
 // this read, so that a ring without an end marker cannot keep one call
 // going round for ever.
 int vsl_nextslt(VSM_data *vd, vsl *vsl, uint32_t **pp, int *wraps) {
     VAS_CHECK(vsl->r_fd == -1, "0 == 1");
+    if (vsl->ptr != nullptr && mappingGone(vd, vsl)) {
+        // Forget the old positions and open the log afresh, as after the
+        // chunk went away; an open segment stays as it is.
+        memset(&vsl->vf, 0, sizeof vsl->vf);
+        vsl->log_start = nullptr;
+        vsl->log_end = nullptr;
+        vsl->ptr = nullptr;
+    }
     if (vsl->ptr == nullptr && vsl_open(vd, vsl) != 0)
         return 0;
     uint32_t *first = vsl->log_start + 1;

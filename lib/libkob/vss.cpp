@@ -109,6 +109,8 @@ int VSS_resolve(const char *str, const char *def_port, struct vss_addr ***vap, i
         return 0;
     }
 
+    // An array of record pointers, one per address.
+    // NOLINTNEXTLINE(bugprone-sizeof-expression)
     auto va = static_cast<vss_addr **>(calloc(static_cast<size_t>(n), sizeof(vss_addr *)));
     VAS_NOTNULL(va);
     *vap = va;

@@ -15,6 +15,7 @@
 
 #include "segtest.h"
 #include "segwriter.h"
+#include "vsc.h"
 #include "vbm.h"
 
 using kobseg::LogRing;
@@ -451,6 +452,40 @@ TEST_F(Vsl, FiltersSelectSuppressAndSides) {
             ids.push_back(r.id);
         EXPECT_EQ(ids, c.ids);
     }
+}
+
+TEST_F(Vsl, SegmentClosedUnderTheLogIsOpenedAfresh) {
+    // Found by the log ring fuzz target: closing the segment while the log
+    // stood in it left the reader stepping through the unmapped ring.  The
+    // next read now opens the log again, from the start here.
+    ring_->append(1, 1, 0, "one");
+    ring_->append(2, 2, 0, "two");
+    fromStart();
+    uint32_t *p;
+    ASSERT_EQ(VSL_NextLog(vd_, &p, nullptr), 1);
+    EXPECT_EQ(VSL_ID(p), 1u);
+    VSM_Close(vd_);
+    EXPECT_EQ(drain(), (std::vector<Rec>{{1, 1, 0, "one"}, {2, 2, 0, "two"}}));
+    EXPECT_NE(vd_->head, nullptr);
+}
+
+TEST_F(Vsl, CounterWalkReopeningTheSegmentLeavesTheLogReadable) {
+    // A segment without the main counter block: the counter walk closes and
+    // reopens the segment on the same handle, which maps it anew.
+    Segment seg(kName, 1 << 16);
+    LogRing ring(seg, seg.addChunk("Log", "", "", ringBytes_), 1);
+    ring.append(1, 7, 0, "seven");
+    fromStart();
+    uint32_t *p;
+    ASSERT_EQ(VSL_NextLog(vd_, &p, nullptr), 1);
+    auto none = [](void *, const VSC_point *) { return 0; };
+    EXPECT_EQ(VSC_Iter(vd_, none, nullptr), -1);
+    // Mapped at another address the log opens afresh and delivers the
+    // record again; at the same one it reads on where it stood.
+    std::vector<Rec> again = drain();
+    EXPECT_LE(again.size(), 1u);
+    for (const Rec &r : again)
+        EXPECT_EQ(r, (Rec{1, 7, 0, "seven"}));
 }
 
 TEST_F(Vsl, MissingLogChunkLeavesItsTextAndClosesTheSegment) {
