@@ -22,12 +22,10 @@ int main(int argc, char *argv[]) {
     for (int i = 1; i < argc; i++) {
         if (std::strcmp(argv[i], "--json") == 0 && !json)
             json = true;
-        else if (argv[i][0] == '-' && argv[i][1] != '\0')
-            return usage();
-        else if (!path)
-            path = argv[i];
+        else if ((argv[i][0] == '-' && argv[i][1] != '\0') || path)
+            return usage(); // an unknown option, or a second file
         else
-            return usage();
+            path = argv[i];
     }
     if (!path)
         return usage();

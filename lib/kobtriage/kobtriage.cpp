@@ -423,13 +423,14 @@ class Parser {
 };
 
 void Parser::keepUnknown(sv heading, std::string text) {
-    if (heading.empty() && text.find_first_not_of("\n") == std::string::npos)
+    if (heading.empty() && text.find_first_not_of('\n') == std::string::npos)
         return;
     r_.unknown.push_back({std::string(heading), std::move(text)});
 }
 
 void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &body) {
     std::vector<sv> lines;
+    lines.reserve(body.size());
     for (const auto &l : body)
         lines.push_back(l.text);
     auto unexpected = [&](bool allowEmpty) {
@@ -494,6 +495,7 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
         c.lines = body.size();
         if (h.value.find("traceroute") != sv::npos) {
             std::vector<sv> ls;
+            ls.reserve(body.size());
             for (const auto &l : body)
                 ls.push_back(l.text);
             r_.traceroute = parseTraceroute(h.value, ls);

@@ -2,6 +2,7 @@
 // shows them to support staff.
 
 #include <csignal>
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -128,8 +129,9 @@ int main(int argc, char *argv[]) {
     std::fflush(stdout);
     bool ok = svr.listen_after_bind();
     // The server may only go once the stopping thread is done with it; wake
-    // that thread if the server ended for another reason.
-    pthread_kill(stopper.native_handle(), SIGTERM);
+    // that thread if the server ended for another reason.  Every thread
+    // blocks SIGTERM, so the signal goes to the one waiting for it.
+    kill(getpid(), SIGTERM);
     stopper.join();
     return ok ? 0 : 1;
 }

@@ -148,13 +148,13 @@ class DeadlineStream : public httplib::Stream {
         ip = host;
     }
 
-    static constexpr size_t kGather = 64 * 1024;
+    static constexpr size_t kGather = size_t{64} * 1024;
     int sock_;
     std::string out_;
     bool failed_ = false;
     Clock::time_point deadline_;
     Clock::duration ioTimeout_;
-    char buf_[16384];
+    char buf_[16384] = {};
     size_t pos_ = 0, len_ = 0;
 };
 
@@ -208,7 +208,7 @@ void answer(httplib::Response &res, int status, const std::string &text) {
     res.set_content(text, "text/plain; charset=utf-8");
 }
 
-IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_(limits) {
+IntakeServer::IntakeServer(Store &store, const Limits &limits) : store_(store), limits_(limits) {
     int threads = limits_.threads;
     new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
     set_payload_max_length(limits_.max_body);
@@ -273,9 +273,8 @@ IntakeServer::IntakeServer(Store &store, Limits limits) : store_(store), limits_
             answer(res, res.status, text);
         }
     });
-    set_exception_handler([](const httplib::Request &, httplib::Response &res, std::exception_ptr) {
-        answer(res, 500, "Internal error\n");
-    });
+    set_exception_handler([](const httplib::Request &, httplib::Response &res,
+                             const std::exception_ptr &) { answer(res, 500, "Internal error\n"); });
 }
 
 void IntakeServer::widenBacklog() {

@@ -22,7 +22,7 @@ struct Limits {
 
 class IntakeServer : public httplib::Server {
   public:
-    IntakeServer(Store &store, Limits limits);
+    IntakeServer(Store &store, const Limits &limits);
 
     // After binding: a deeper accept queue than the library's five, so that
     // a burst of uploads (every user of a failing network at once) waits

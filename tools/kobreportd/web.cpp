@@ -225,8 +225,15 @@ void reportView(const StoredReport &s, httplib::Response &res) {
          "<th>Verdict</th></tr></thead><tbody>\n";
     for (const auto &v : r.verdicts) {
         std::string lv = kobtriage::levelName(v.level);
-        b += "<tr class=\"" + lv + "\"><td class=\"level\">" + lv + "</td><td>" + esc(v.area) +
-             "</td><td>" + esc(v.text) + "</td></tr>\n";
+        b += "<tr class=\"";
+        b += lv;
+        b += "\"><td class=\"level\">";
+        b += lv;
+        b += "</td><td>";
+        b += esc(v.area);
+        b += "</td><td>";
+        b += esc(v.text);
+        b += "</td></tr>\n";
     }
     b += "</tbody></table>\n";
 
@@ -271,9 +278,15 @@ void reportView(const StoredReport &s, httplib::Response &res) {
                 times += (times.empty() ? "" : " ") + ms(v);
             for (const auto &n : h.notes)
                 times += " " + esc(n);
-            b += "<tr><td class=\"num\">" + std::to_string(h.number) + "</td><td>" + addrs +
-                 "</td><td>" + times + "</td><td class=\"num\">" + std::to_string(h.lost) +
-                 "</td></tr>\n";
+            b += "<tr><td class=\"num\">";
+            b += std::to_string(h.number);
+            b += "</td><td>";
+            b += addrs;
+            b += "</td><td>";
+            b += times;
+            b += "</td><td class=\"num\">";
+            b += std::to_string(h.lost);
+            b += "</td></tr>\n";
         }
         b += "</tbody></table>\n";
     }
