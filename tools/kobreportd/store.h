@@ -1,6 +1,7 @@
-// Where kobreportd keeps the reports: one table, in SQLite or PostgreSQL.
-// A report is committed before insert() returns, so an answer of 200 always
-// means the report is on disk.
+// The reports, in SQLite or PostgreSQL through one set of queries.  A report
+// is committed before insert() returns, so an answer of 200 always means the
+// report is on disk.  Opening a database brings its tables to this version's
+// layout first.
 
 #ifndef KOBREPORTD_STORE_H
 #define KOBREPORTD_STORE_H
@@ -9,9 +10,10 @@
 #include <ctime>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "sql.h"
 
 namespace kobreportd {
 
@@ -35,6 +37,9 @@ struct StoredReport {
     std::string peer;
     std::string desc;
     std::optional<std::string> why;
+    bool raw_expired = false; // desc, why and peer are gone; findings remain
+    std::string findings;     // JSON, kept when the raw text expires
+    int64_t size = 0;
 };
 
 struct ListItem {
@@ -44,6 +49,7 @@ struct ListItem {
     std::optional<std::string> report_username;
     std::string summary;
     int64_t size = 0;
+    bool raw_expired = false;
 };
 
 struct ListPage {
@@ -51,32 +57,39 @@ struct ListPage {
     int64_t total = 0; // matching reports in all pages
 };
 
-struct StoreError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 class Store {
   public:
-    virtual ~Store() = default;
+    explicit Store(sql::Db &db);
+    sql::Db &db() { return db_; }
+
     // Stores the report durably; returns its reference.  Throws StoreError.
-    virtual std::string insert(const NewReport &r) = 0;
-    virtual std::optional<StoredReport> get(const std::string &reference) = 0;
+    std::string insert(const NewReport &r);
+    std::optional<StoredReport> get(const std::string &reference);
     // Newest first.  query matches a reference (whole or its beginning) or
     // part of a user name, without regard to case.
-    virtual ListPage list(const std::string &query, int64_t offset, int64_t limit) = 0;
-};
+    ListPage list(const std::string &query, int64_t offset, int64_t limit);
+    // Removes the report whole and leaves no copy of its text in the
+    // database file.  False when there is no such report.
+    bool remove(const std::string &reference);
+    // Drops the raw text (report, comment, sender's address) of reports
+    // received before cutoff, keeping their reference, time, user names,
+    // summary and findings.  Returns how many were expired.
+    int64_t expireBefore(std::time_t cutoff);
 
-std::unique_ptr<Store> openSqlite(const std::string &path);
-std::unique_ptr<Store> openPostgres(const std::string &url);
+  private:
+    void migrate();
+    sql::Db &db_;
+};
 
 // "KOB-YYYYMMDD-NNNNNN": the day of receipt (UTC) and the report's number.
 std::string makeReference(std::time_t receivedAt, int64_t id);
 
-// Text fit for a text column: valid UTF-8 without zero bytes.
-std::string cleanText(const std::string &s);
+// A reference as written: nothing else is looked up.
+bool plausibleReference(const std::string &s);
 
-// A LIKE pattern for s with its wildcard characters escaped by '\'.
-std::string likeEscape(const std::string &s);
+// Opens the database named on the command line: a postgresql:// URL or a
+// file.
+std::unique_ptr<sql::Db> openDatabase(const std::string &name);
 
 } // namespace kobreportd
 

@@ -3,19 +3,19 @@
 // on a mutex is fairer than its busy-retry sleeps); readers have a pool and
 // never wait for a writer.
 
-#include "store.h"
+#include "sql.h"
 
-#include <condition_variable>
+#include <cctype>
 #include <mutex>
 #include <sqlite3.h>
 
-namespace kobreportd {
+namespace kobreportd::sql {
 
 namespace {
 
-class Db {
+class Handle {
   public:
-    explicit Db(const std::string &path) {
+    explicit Handle(const std::string &path) {
         int rc = sqlite3_open_v2(path.c_str(), &db_,
                                  SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                                  nullptr);
@@ -28,10 +28,12 @@ class Db {
         // An answered report must survive a crash of the machine, not only of
         // the process: every commit reaches the disk.
         exec("PRAGMA synchronous=FULL");
+        // Deleted reports are overwritten in the file, not only unlinked.
+        exec("PRAGMA secure_delete=ON");
     }
-    ~Db() { sqlite3_close(db_); }
-    Db(const Db &) = delete;
-    Db &operator=(const Db &) = delete;
+    ~Handle() { sqlite3_close(db_); }
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
 
     void exec(const char *sql) {
         char *err = nullptr;
@@ -41,195 +43,162 @@ class Db {
             throw StoreError(std::string(sql) + ": " + msg);
         }
     }
-    sqlite3 *get() { return db_; }
+
+    Rows query(std::string_view text, std::initializer_list<Param> params) {
+        // $n becomes ?n, SQLite's numbered parameter.
+        std::string q(text);
+        for (size_t i = 0; i + 1 < q.size(); i++)
+            if (q[i] == '$' && std::isdigit(static_cast<unsigned char>(q[i + 1])))
+                q[i] = '?';
+        sqlite3_stmt *st = nullptr;
+        if (sqlite3_prepare_v2(db_, q.c_str(), static_cast<int>(q.size()), &st, nullptr) !=
+            SQLITE_OK)
+            throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db_));
+        std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> guard(st, sqlite3_finalize);
+        int i = 1;
+        for (const Param &p : params) {
+            int rc = SQLITE_OK;
+            switch (p.kind) {
+            case Param::Kind::Null:
+                rc = sqlite3_bind_null(st, i);
+                break;
+            case Param::Kind::Int:
+                rc = sqlite3_bind_int64(st, i, p.i);
+                break;
+            case Param::Kind::Text:
+                rc = sqlite3_bind_text64(st, i, p.s.data(), p.s.size(), SQLITE_STATIC, SQLITE_UTF8);
+                break;
+            case Param::Kind::Blob:
+                rc = sqlite3_bind_blob64(st, i, p.s.data(), p.s.size(), SQLITE_STATIC);
+                break;
+            }
+            if (rc != SQLITE_OK)
+                throw StoreError(std::string("bind: ") + sqlite3_errmsg(db_));
+            i++;
+        }
+        Rows rows;
+        for (;;) {
+            int rc = sqlite3_step(st);
+            if (rc == SQLITE_DONE)
+                break;
+            if (rc != SQLITE_ROW)
+                throw StoreError(std::string("step: ") + sqlite3_errmsg(db_));
+            auto &row = rows.addRow();
+            int n = sqlite3_column_count(st);
+            for (int c = 0; c < n; c++) {
+                Cell cell;
+                switch (sqlite3_column_type(st, c)) {
+                case SQLITE_NULL:
+                    break;
+                case SQLITE_INTEGER:
+                    cell.null = false;
+                    cell.isInt = true;
+                    cell.i = sqlite3_column_int64(st, c);
+                    break;
+                default: {
+                    cell.null = false;
+                    const void *b = sqlite3_column_blob(st, c);
+                    int len = sqlite3_column_bytes(st, c);
+                    if (b)
+                        cell.s.assign(static_cast<const char *>(b), static_cast<size_t>(len));
+                }
+                }
+                row.push_back(std::move(cell));
+            }
+        }
+        return rows;
+    }
 
   private:
     sqlite3 *db_ = nullptr;
 };
 
-class Stmt {
+class HandleConn : public Conn {
   public:
-    Stmt(Db &db, const char *sql) : db_(db) {
-        if (sqlite3_prepare_v2(db.get(), sql, -1, &st_, nullptr) != SQLITE_OK)
-            throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db.get()));
-    }
-    ~Stmt() { sqlite3_finalize(st_); }
-    Stmt(const Stmt &) = delete;
-    Stmt &operator=(const Stmt &) = delete;
-
-    void bind(int i, const std::optional<std::string> &s, bool blob = false) {
-        int rc;
-        if (!s)
-            rc = sqlite3_bind_null(st_, i);
-        else if (blob)
-            rc = sqlite3_bind_blob64(st_, i, s->data(), s->size(), SQLITE_TRANSIENT);
-        else
-            rc = sqlite3_bind_text64(st_, i, s->data(), s->size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-        check(rc);
-    }
-    void bind(int i, int64_t v) { check(sqlite3_bind_int64(st_, i, v)); }
-    bool step() {
-        int rc = sqlite3_step(st_);
-        if (rc == SQLITE_ROW)
-            return true;
-        if (rc == SQLITE_DONE)
-            return false;
-        throw StoreError(std::string("step: ") + sqlite3_errmsg(db_.get()));
-    }
-    int64_t integer(int col) { return sqlite3_column_int64(st_, col); }
-    std::optional<std::string> text(int col) {
-        if (sqlite3_column_type(st_, col) == SQLITE_NULL)
-            return std::nullopt;
-        const void *p = sqlite3_column_blob(st_, col);
-        int n = sqlite3_column_bytes(st_, col);
-        return std::string(static_cast<const char *>(p), p ? static_cast<size_t>(n) : 0);
+    explicit HandleConn(Handle &h) : h_(h) {}
+    Rows query(std::string_view sql, std::initializer_list<Param> params) override {
+        return h_.query(sql, params);
     }
 
   private:
-    void check(int rc) {
-        if (rc != SQLITE_OK)
-            throw StoreError(std::string("bind: ") + sqlite3_errmsg(db_.get()));
-    }
-    Db &db_;
-    sqlite3_stmt *st_ = nullptr;
+    Handle &h_;
 };
 
-class SqliteStore : public Store {
+class SqliteDb : public Db {
   public:
-    explicit SqliteStore(std::string path) : path_(std::move(path)), writer_(path_) {
+    explicit SqliteDb(std::string path) : path_(std::move(path)), writer_(path_) {
         writer_.exec("PRAGMA journal_mode=WAL");
-        writer_.exec("CREATE TABLE IF NOT EXISTS reports ("
-                     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
-                     " reference TEXT UNIQUE,"
-                     " received_at INTEGER NOT NULL,"
-                     " form_username TEXT,"
-                     " report_username TEXT,"
-                     " summary TEXT NOT NULL,"
-                     " peer TEXT NOT NULL,"
-                     " size INTEGER NOT NULL,"
-                     " desc BLOB NOT NULL,"
-                     " why BLOB)");
     }
 
-    std::string insert(const NewReport &r) override {
+    Dialect dialect() const override { return Dialect::Sqlite; }
+
+    Rows read(std::string_view sql, std::initializer_list<Param> params) override {
+        Reader rd(*this);
+        return rd.h->query(sql, params);
+    }
+
+    void transaction(const std::function<void(Conn &)> &body) override {
         std::lock_guard<std::mutex> lock(writeMutex_);
         writer_.exec("BEGIN IMMEDIATE");
         try {
-            Stmt st(writer_, "INSERT INTO reports (received_at, form_username, report_username,"
-                             " summary, peer, size, desc, why) VALUES (?,?,?,?,?,?,?,?)");
-            st.bind(1, static_cast<int64_t>(r.received_at));
-            st.bind(2, r.form_username ? std::optional(cleanText(*r.form_username)) : std::nullopt);
-            st.bind(3, r.report_username ? std::optional(cleanText(*r.report_username))
-                                         : std::nullopt);
-            st.bind(4, cleanText(r.summary));
-            st.bind(5, r.peer);
-            st.bind(6, static_cast<int64_t>(r.desc.size()));
-            st.bind(7, r.desc, true);
-            st.bind(8, r.why, true);
-            st.step();
-            int64_t id = sqlite3_last_insert_rowid(writer_.get());
-            std::string ref = makeReference(r.received_at, id);
-            Stmt up(writer_, "UPDATE reports SET reference = ? WHERE id = ?");
-            up.bind(1, ref);
-            up.bind(2, id);
-            up.step();
+            HandleConn c(writer_);
+            body(c);
             writer_.exec("COMMIT");
-            return ref;
         } catch (...) {
-            sqlite3_exec(writer_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+            try {
+                writer_.exec("ROLLBACK");
+            } catch (const StoreError &) {
+                // A failed COMMIT may already have ended the transaction.
+            }
             throw;
         }
     }
 
-    std::optional<StoredReport> get(const std::string &reference) override {
-        Reader rd(*this);
-        Stmt st(*rd.db, "SELECT id, reference, received_at, form_username, report_username,"
-                        " summary, peer, desc, why FROM reports WHERE reference = ?");
-        st.bind(1, reference);
-        if (!st.step())
-            return std::nullopt;
-        StoredReport s;
-        s.id = st.integer(0);
-        s.reference = st.text(1).value_or("");
-        s.received_at = static_cast<std::time_t>(st.integer(2));
-        s.form_username = st.text(3);
-        s.report_username = st.text(4);
-        s.summary = st.text(5).value_or("");
-        s.peer = st.text(6).value_or("");
-        s.desc = st.text(7).value_or("");
-        s.why = st.text(8);
-        return s;
-    }
-
-    ListPage list(const std::string &query, int64_t offset, int64_t limit) override {
-        Reader rd(*this);
-        const char *where = " WHERE reference IS NOT NULL AND (?1 = '' OR reference = ?1 COLLATE"
-                            " NOCASE OR reference LIKE ?2 ESCAPE '\\' OR form_username LIKE ?3"
-                            " ESCAPE '\\' OR report_username LIKE ?3 ESCAPE '\\')";
-        std::string esc = likeEscape(query);
-        ListPage page;
+    void scrub() override {
+        std::lock_guard<std::mutex> lock(writeMutex_);
+        // Readers may hold old pages of the log; only pages no reader needs
+        // are folded back, so drop the idle readers first.
         {
-            Stmt st(*rd.db, (std::string("SELECT count(*) FROM reports") + where).c_str());
-            st.bind(1, query);
-            st.bind(2, esc + "%");
-            st.bind(3, "%" + esc + "%");
-            if (st.step())
-                page.total = st.integer(0);
+            std::lock_guard<std::mutex> plock(poolMutex_);
+            pool_.clear();
         }
-        Stmt st(*rd.db, (std::string("SELECT reference, received_at, form_username,"
-                                     " report_username, summary, size FROM reports") +
-                         where + " ORDER BY id DESC LIMIT ?4 OFFSET ?5")
-                            .c_str());
-        st.bind(1, query);
-        st.bind(2, esc + "%");
-        st.bind(3, "%" + esc + "%");
-        st.bind(4, limit);
-        st.bind(5, offset);
-        while (st.step()) {
-            ListItem it;
-            it.reference = st.text(0).value_or("");
-            it.received_at = static_cast<std::time_t>(st.integer(1));
-            it.form_username = st.text(2);
-            it.report_username = st.text(3);
-            it.summary = st.text(4).value_or("");
-            it.size = st.integer(5);
-            page.items.push_back(std::move(it));
-        }
-        return page;
+        writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", {});
     }
 
   private:
     // A reader connection from the pool for the time of one query.
     struct Reader {
-        explicit Reader(SqliteStore &s) : store(s) {
+        explicit Reader(SqliteDb &s) : db(s) {
             std::lock_guard<std::mutex> lock(s.poolMutex_);
             if (!s.pool_.empty()) {
-                db = std::move(s.pool_.back());
+                h = std::move(s.pool_.back());
                 s.pool_.pop_back();
             }
-            if (!db)
-                db = std::make_unique<Db>(s.path_);
+            if (!h)
+                h = std::make_unique<Handle>(s.path_);
         }
         ~Reader() {
-            std::lock_guard<std::mutex> lock(store.poolMutex_);
-            if (store.pool_.size() < 16)
-                store.pool_.push_back(std::move(db));
+            std::lock_guard<std::mutex> lock(db.poolMutex_);
+            if (db.pool_.size() < 16)
+                db.pool_.push_back(std::move(h));
         }
-        SqliteStore &store;
-        std::unique_ptr<Db> db;
+        Reader(const Reader &) = delete;
+        Reader &operator=(const Reader &) = delete;
+        SqliteDb &db;
+        std::unique_ptr<Handle> h;
     };
 
     std::string path_;
-    Db writer_;
+    Handle writer_;
     std::mutex writeMutex_;
     std::mutex poolMutex_;
-    std::vector<std::unique_ptr<Db>> pool_;
+    std::vector<std::unique_ptr<Handle>> pool_;
 };
 
 } // namespace
 
-std::unique_ptr<Store> openSqlite(const std::string &path) {
-    return std::make_unique<SqliteStore>(path);
+std::unique_ptr<Db> openSqlite(const std::string &path) {
+    return std::make_unique<SqliteDb>(path);
 }
 
-} // namespace kobreportd
+} // namespace kobreportd::sql

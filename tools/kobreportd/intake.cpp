@@ -1,7 +1,8 @@
-#include "server.h"
+#include "intake.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cmath>
 #include <chrono>
 #include <cstring>
 #include <map>
@@ -10,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "clock.h"
 #include "kobtriage.h"
 
 namespace kobreportd {
@@ -21,6 +23,8 @@ using Clock = std::chrono::steady_clock;
 // Set when the connection of this worker ran out of time, so the handler
 // can answer 408 instead of 400 for a body that stopped arriving.
 thread_local bool tl_timedOut = false;
+// Set while this worker's upload counts against the in-flight limit.
+thread_local bool tl_inflight = false;
 
 class DeadlineStream : public httplib::Stream {
   public:
@@ -203,12 +207,44 @@ constexpr const char *kUploadPath = "/report/problem.php";
 
 } // namespace
 
+int RateLimiter::take(const std::string &address) {
+    if (rate_ <= 0)
+        return 0;
+    auto t = std::chrono::steady_clock::now();
+    double perSecond = rate_ / 60.0;
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Full buckets carry no state worth keeping; drop them now and then so
+    // that many one-time senders do not grow the map without bound.
+    if (buckets_.size() > 100000) {
+        for (auto it = buckets_.begin(); it != buckets_.end();) {
+            double age = std::chrono::duration<double>(t - it->second.at).count();
+            if (it->second.tokens + age * perSecond >= rate_)
+                it = buckets_.erase(it);
+            else
+                ++it;
+        }
+    }
+    auto [it, fresh] = buckets_.try_emplace(address, Bucket{static_cast<double>(rate_), t});
+    Bucket &b = it->second;
+    if (!fresh) {
+        double age = std::chrono::duration<double>(t - b.at).count();
+        b.tokens = std::min(static_cast<double>(rate_), b.tokens + age * perSecond);
+        b.at = t;
+    }
+    if (b.tokens >= 1) {
+        b.tokens -= 1;
+        return 0;
+    }
+    return static_cast<int>(std::ceil((1 - b.tokens) / perSecond));
+}
+
 void answer(httplib::Response &res, int status, const std::string &text) {
     res.status = status;
     res.set_content(text, "text/plain; charset=utf-8");
 }
 
-IntakeServer::IntakeServer(Store &store, const Limits &limits) : store_(store), limits_(limits) {
+IntakeServer::IntakeServer(Store &store, const Limits &limits)
+    : store_(store), limits_(limits), rate_(limits.rate_per_minute) {
     int threads = limits_.threads;
     new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
     set_payload_max_length(limits_.max_body);
@@ -252,19 +288,30 @@ IntakeServer::IntakeServer(Store &store, const Limits &limits) : store_(store), 
                            " bytes\n");
                 return HR::Handled;
             }
+            if (int wait = rate_.take(req.remote_addr)) {
+                answer(res, 429, "Too many reports from this address, please wait\n");
+                res.set_header("Retry-After", std::to_string(wait));
+                return HR::Handled;
+            }
+            if (inflight_.fetch_add(1) >= limits_.max_inflight) {
+                inflight_.fetch_sub(1);
+                answer(res, 503, "Too busy, please send the report again shortly\n");
+                res.set_header("Retry-After", "10");
+                return HR::Handled;
+            }
+            tl_inflight = true;
             return HR::Unhandled;
         }
-        if (chunked || length > 0 || req.method == "POST" || req.method == "PUT" ||
-            req.method == "PATCH") {
-            answer(res, 404, "Not found\n");
+        if (req.path == "/healthz" && req.method == "GET" && !chunked && length == 0) {
+            answer(res, 200, "ok");
             return HR::Handled;
         }
-        return HR::Unhandled;
+        answer(res, 404, "Not found\n");
+        return HR::Handled;
     });
 
     Post(kUploadPath, [this](const httplib::Request &req, httplib::Response &res,
                              const httplib::ContentReader &reader) { upload(req, res, reader); });
-    addViews(*this, store_);
     set_error_handler([](const httplib::Request &, httplib::Response &res) {
         if (res.body.empty()) {
             std::string text = res.status == 404   ? "Not found\n"
@@ -293,6 +340,10 @@ void IntakeServer::warmUp() {
                       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body);
     bool closed = false;
     process_request(strm, true, closed, nullptr);
+    if (tl_inflight) {
+        tl_inflight = false;
+        inflight_.fetch_sub(1);
+    }
 }
 
 void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
@@ -340,7 +391,7 @@ void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
         return;
     }
     NewReport nr;
-    nr.received_at = std::time(nullptr);
+    nr.received_at = now();
     nr.desc = std::move(desc->second);
     if (auto u = fields.find("username"); u != fields.end())
         nr.form_username = u->second;
@@ -368,6 +419,10 @@ bool IntakeServer::process_and_close_socket(socket_t sock) {
         bool closed = false;
         ret = process_request(strm, true, closed, nullptr);
         ret = strm.flush() && ret;
+        if (tl_inflight) {
+            tl_inflight = false;
+            inflight_.fetch_sub(1);
+        }
     }
     // Stop sending, then take what the client still sends for a moment, so
     // that an answer given before the whole body arrived (413, 400) is not

@@ -1,12 +1,17 @@
-// The intake server: the upload endpoint kobdiag posts to, and the views for
-// support staff, on one cpp-httplib server.
+// The public intake: the upload endpoint kobdiag posts to and a health
+// check, nothing else.  Every other path is 404 here, the staff pages
+// included; they live on a listener of their own (staff.h).
 
-#ifndef KOBREPORTD_SERVER_H
-#define KOBREPORTD_SERVER_H
+#ifndef KOBREPORTD_INTAKE_H
+#define KOBREPORTD_INTAKE_H
 
 #include <httplib.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "store.h"
@@ -18,6 +23,26 @@ struct Limits {
     int read_timeout_s = 10;     // for any one read or write
     int request_timeout_s = 120; // for the whole request, head and body
     int threads = 64;
+    int rate_per_minute = 30; // uploads per source address; 0: no limit
+    int max_inflight = 64;    // uploads being received at once
+};
+
+// Uploads allowed per source address: a bucket of `rate` tokens that
+// refills at `rate` a minute.
+class RateLimiter {
+  public:
+    explicit RateLimiter(int perMinute) : rate_(perMinute) {}
+    // 0 when the upload may go ahead, else the seconds until it may.
+    int take(const std::string &address);
+
+  private:
+    struct Bucket {
+        double tokens;
+        std::chrono::steady_clock::time_point at;
+    };
+    int rate_;
+    std::mutex mutex_;
+    std::map<std::string, Bucket> buckets_;
 };
 
 class IntakeServer : public httplib::Server {
@@ -46,10 +71,9 @@ class IntakeServer : public httplib::Server {
                 const httplib::ContentReader &reader);
     Store &store_;
     Limits limits_;
+    RateLimiter rate_;
+    std::atomic<int> inflight_{0};
 };
-
-// The browser view and /api/ (web.cpp).
-void addViews(httplib::Server &svr, Store &store);
 
 // A plain-text answer; every answer closes its connection.
 void answer(httplib::Response &res, int status, const std::string &text);

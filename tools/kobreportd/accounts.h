@@ -1,0 +1,90 @@
+// Staff accounts, their sign-in sessions and API tokens.  Passwords and
+// tokens are kept only as Argon2id hashes, session ids only as BLAKE2b
+// hashes; the secrets themselves exist only on the wire and in the
+// browser's cookie.
+
+#ifndef KOBREPORTD_ACCOUNTS_H
+#define KOBREPORTD_ACCOUNTS_H
+
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audit.h"
+#include "sql.h"
+
+namespace kobreportd {
+
+enum class Role { Viewer, Admin };
+
+const char *roleName(Role r);
+std::optional<Role> parseRole(const std::string &s);
+
+// Who is asking: a signed-in person or a token.
+struct Principal {
+    std::string account; // user name, or "token:NAME"
+    Role role = Role::Viewer;
+    std::string session; // the session id (signed-in people only)
+};
+
+struct AccountInfo {
+    std::string name;
+    Role role = Role::Viewer;
+    std::time_t created_at = 0;
+};
+
+// The limits of a session and of failed sign-ins.
+constexpr std::time_t kSessionIdle = 30 * 60;
+constexpr std::time_t kSessionAbsolute = 12 * 60 * 60;
+constexpr int kSignInFailures = 5;
+constexpr std::time_t kSignInWindow = 5 * 60;
+
+class Accounts {
+  public:
+    Accounts(sql::Db &db, Audit &audit);
+
+    // Account management (command line and the admin page).  Names are 1 to
+    // 64 letters, digits, '.', '_', '-' or '@'.
+    static bool validName(const std::string &name);
+    void addUser(const std::string &name, Role role, const std::string &password);
+    bool deleteUser(const std::string &name); // also ends the user's sessions
+    std::vector<AccountInfo> users();
+    // Returns the token, which is shown once and kept nowhere.
+    std::string addToken(const std::string &name, Role role);
+    bool deleteToken(const std::string &name);
+    std::vector<AccountInfo> tokens();
+
+    struct SignIn {
+        enum class Result { Ok, Wrong, Locked } result = Result::Wrong;
+        std::string session;         // Ok: the new session id, for the cookie
+        std::time_t retry_after = 0; // Locked: seconds
+    };
+    // The same answer, and about the same time, for an unknown name and a
+    // wrong password.  Five failures for one account or one address within
+    // five minutes shut the door for five minutes.
+    SignIn signIn(const std::string &name, const std::string &password, const std::string &address);
+    std::optional<Principal> session(const std::string &id);
+    void signOut(const std::string &id);
+    std::optional<Principal> bearer(const std::string &token);
+
+    // The form token that goes with a session id (or a sign-in form's id).
+    static std::string csrfToken(const std::string &id);
+    // A fresh random id, 256 bits as 64 hex digits.
+    static std::string randomId();
+
+  private:
+    sql::Db &db_;
+    Audit &audit_;
+    std::string dummyHash_; // verified against for unknown names
+    std::mutex cacheMutex_;
+    // token id -> digest of the token last verified, and until when that
+    // saves the Argon2id check.
+    std::map<std::string, std::pair<std::string, std::time_t>> tokenCache_;
+};
+
+} // namespace kobreportd
+
+#endif

@@ -1,0 +1,40 @@
+// The audit log: who did what to which report, and when.  Rows are only
+// ever added; the database refuses to change or delete them.
+
+#ifndef KOBREPORTD_AUDIT_H
+#define KOBREPORTD_AUDIT_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "sql.h"
+
+namespace kobreportd {
+
+struct AuditEntry {
+    int64_t id = 0;
+    std::time_t at = 0;
+    std::string account, address, action, reference, detail;
+};
+
+class Audit {
+  public:
+    explicit Audit(sql::Db &db) : db_(db) {}
+    void record(const std::string &account, const std::string &address, const std::string &action,
+                const std::string &reference = "", const std::string &detail = "");
+    // Newest first.
+    std::vector<AuditEntry> page(int64_t offset, int64_t limit, int64_t &total);
+    // When the last of `count` entries of action for this account (or address)
+    // within `window` seconds before now was made, if there are that many.
+    std::time_t burstEnd(const std::string &action, const char *column, const std::string &who,
+                         int count, std::time_t window, std::time_t now);
+
+  private:
+    sql::Db &db_;
+};
+
+} // namespace kobreportd
+
+#endif

@@ -1,0 +1,19 @@
+// The time kobreportd goes by: the system's, unless a test sets
+// KOBREPORTD_TEST_CLOCK to a file holding the seconds since the epoch, so that
+// it can move time on for sessions and retention without waiting.
+
+#ifndef KOBREPORTD_CLOCK_H
+#define KOBREPORTD_CLOCK_H
+
+#include <ctime>
+
+namespace kobreportd {
+
+std::time_t now();
+
+// True when the test clock is in use (the server says so at start).
+bool testClock();
+
+} // namespace kobreportd
+
+#endif

@@ -1,0 +1,48 @@
+// The staff pages as HTML: plain markup and one stylesheet, no script, so
+// that a strict Content-Security-Policy holds.  Everything a user or a
+// report supplied goes in through html::text().
+
+#ifndef KOBREPORTD_PAGES_H
+#define KOBREPORTD_PAGES_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "accounts.h"
+#include "audit.h"
+#include "html.h"
+#include "store.h"
+
+namespace kobreportd::pages {
+
+extern const char *const kStyle;
+
+// Who is looking, for the header bar and the forms.
+struct Viewer {
+    const Principal *who = nullptr; // null on the sign-in page
+    std::string csrf;
+};
+
+std::string frame(const std::string &title, const Viewer &v, const std::string &query,
+                  const html::Html &body);
+
+html::Html list(const ListPage &page, const std::string &query, int64_t pageNumber,
+                int64_t pageSize);
+// text is the report as this viewer may see it (masked unless revealed).
+html::Html report(const StoredReport &s, const std::string &text, bool revealed, const Viewer &v,
+                  int retainDays);
+html::Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pageNumber,
+                 int64_t pageSize);
+html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountInfo> &tokens,
+                    const Viewer &v, const std::string &message,
+                    const std::optional<std::string> &newToken);
+html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message);
+html::Html message(const std::string &text);
+
+std::string shownTime(std::time_t t);
+std::string isoTime(std::time_t t);
+
+} // namespace kobreportd::pages
+
+#endif

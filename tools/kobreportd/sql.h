@@ -1,0 +1,111 @@
+// One small interface over the two databases kobreportd can keep its data
+// in, so that every query is written once.  Statements name their
+// parameters $1, $2, ...; values are always bound, never pasted into SQL.
+
+#ifndef KOBREPORTD_SQL_H
+#define KOBREPORTD_SQL_H
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kobreportd {
+
+struct StoreError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+namespace sql {
+
+// A bound value.  Text and blobs are views: the caller keeps them alive for
+// the call.
+struct Param {
+    enum class Kind { Null, Int, Text, Blob };
+    Kind kind = Kind::Null;
+    int64_t i = 0;
+    std::string_view s;
+};
+
+inline Param null() {
+    return {};
+}
+inline Param integer(int64_t v) {
+    return {Param::Kind::Int, v, {}};
+}
+inline Param text(std::string_view v) {
+    return {Param::Kind::Text, 0, v};
+}
+inline Param blob(std::string_view v) {
+    return {Param::Kind::Blob, 0, v};
+}
+inline Param optText(const std::optional<std::string> &v) {
+    return v ? text(*v) : null();
+}
+inline Param optBlob(const std::optional<std::string> &v) {
+    return v ? blob(*v) : null();
+}
+
+struct Cell {
+    bool null = true;
+    bool isInt = false;
+    int64_t i = 0;
+    std::string s;
+};
+
+class Rows {
+  public:
+    size_t size() const { return rows_.size(); }
+    bool empty() const { return rows_.empty(); }
+    bool isNull(size_t r, size_t c) const { return rows_.at(r).at(c).null; }
+    int64_t integer(size_t r, size_t c) const;
+    const std::string &str(size_t r, size_t c) const { return rows_.at(r).at(c).s; }
+    std::optional<std::string> opt(size_t r, size_t c) const {
+        if (isNull(r, c))
+            return std::nullopt;
+        return str(r, c);
+    }
+    std::vector<Cell> &addRow() { return rows_.emplace_back(); }
+
+  private:
+    std::vector<std::vector<Cell>> rows_;
+};
+
+enum class Dialect { Sqlite, Postgres };
+
+// One connection, held for a transaction.
+class Conn {
+  public:
+    virtual ~Conn() = default;
+    virtual Rows query(std::string_view sql, std::initializer_list<Param> params = {}) = 0;
+};
+
+class Db {
+  public:
+    virtual ~Db() = default;
+    virtual Dialect dialect() const = 0;
+    // A read on a connection of its own; never waits for a writer.
+    virtual Rows read(std::string_view sql, std::initializer_list<Param> params = {}) = 0;
+    // Runs body in one transaction that is committed when body returns and
+    // rolled back when it throws.  Writers take turns.
+    virtual void transaction(const std::function<void(Conn &)> &body) = 0;
+    // One statement in a transaction of its own.
+    Rows write(std::string_view sql, std::initializer_list<Param> params = {});
+    // After deleting text that must not stay on disk: make the database file
+    // itself hold no copy of it (SQLite's log is folded back and emptied).
+    virtual void scrub() = 0;
+};
+
+std::unique_ptr<Db> openSqlite(const std::string &path);
+std::unique_ptr<Db> openPostgres(const std::string &url);
+
+} // namespace sql
+
+} // namespace kobreportd
+
+#endif

@@ -1,0 +1,272 @@
+#include "store.h"
+
+#include <cstdio>
+
+#include "kobtriage.h"
+#include "mask.h"
+#include "text.h"
+
+namespace kobreportd {
+
+namespace {
+
+// The layout this version writes.  1: the reports alone; 2: accounts,
+// sessions, tokens, the audit log, and expired raw text.
+constexpr int kSchemaVersion = 2;
+
+constexpr const char *kColumns =
+    "id, reference, received_at, form_username, report_username, summary, peer, size,"
+    " \"desc\", why, raw_expired, findings";
+
+std::string ddl(sql::Dialect d, std::string s) {
+    auto put = [&s](const std::string &what, const char *with) {
+        for (size_t p; (p = s.find(what)) != std::string::npos;)
+            s.replace(p, what.size(), with);
+    };
+    bool pg = d == sql::Dialect::Postgres;
+    put("{ID}", pg ? "BIGSERIAL PRIMARY KEY" : "INTEGER PRIMARY KEY AUTOINCREMENT");
+    put("{INT}", pg ? "BIGINT" : "INTEGER");
+    put("{BLOB}", pg ? "BYTEA" : "BLOB");
+    return s;
+}
+
+bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
+    const char *q = d == sql::Dialect::Postgres
+                        ? "SELECT count(*) FROM pg_catalog.pg_tables"
+                          " WHERE schemaname = current_schema() AND tablename = $1"
+                        : "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = $1";
+    return c.query(q, {sql::text(name)}).integer(0, 0) > 0;
+}
+
+StoredReport fromRow(const sql::Rows &r, size_t i) {
+    StoredReport s;
+    s.id = r.integer(i, 0);
+    s.reference = r.str(i, 1);
+    s.received_at = static_cast<std::time_t>(r.integer(i, 2));
+    s.form_username = r.opt(i, 3);
+    s.report_username = r.opt(i, 4);
+    s.summary = r.str(i, 5);
+    s.peer = r.str(i, 6);
+    s.size = r.integer(i, 7);
+    s.desc = r.str(i, 8);
+    s.why = r.opt(i, 9);
+    s.raw_expired = r.integer(i, 10) != 0;
+    s.findings = r.str(i, 11);
+    return s;
+}
+
+} // namespace
+
+std::unique_ptr<sql::Db> openDatabase(const std::string &name) {
+    if (name.rfind("postgresql://", 0) == 0 || name.rfind("postgres://", 0) == 0)
+        return sql::openPostgres(name);
+    return sql::openSqlite(name);
+}
+
+Store::Store(sql::Db &db) : db_(db) {
+    migrate();
+}
+
+void Store::migrate() {
+    sql::Dialect d = db_.dialect();
+    db_.transaction([&](sql::Conn &c) {
+        // Instances starting together must not race to change the layout.
+        if (d == sql::Dialect::Postgres)
+            c.query("SELECT pg_advisory_xact_lock(7246001)");
+        int version = 0;
+        if (tableExists(d, c, "kob_meta")) {
+            auto v = c.query("SELECT value FROM kob_meta WHERE key = 'schema'");
+            version = v.empty() ? 0 : std::atoi(v.str(0, 0).c_str());
+        }
+        if (version > kSchemaVersion)
+            throw StoreError("the database was written by a newer kobreportd (layout " +
+                             std::to_string(version) + ")");
+        if (version == kSchemaVersion)
+            return;
+        if (!tableExists(d, c, "reports"))
+            c.query(ddl(d, "CREATE TABLE reports ("
+                           " id {ID},"
+                           " reference TEXT UNIQUE,"
+                           " received_at {INT} NOT NULL,"
+                           " form_username TEXT,"
+                           " report_username TEXT,"
+                           " summary TEXT NOT NULL,"
+                           " peer TEXT NOT NULL,"
+                           " size {INT} NOT NULL,"
+                           " \"desc\" {BLOB} NOT NULL,"
+                           " why {BLOB})"));
+        // From the first layout: expired raw text and the findings kept for it.
+        c.query(ddl(d, "ALTER TABLE reports ADD COLUMN raw_expired {INT} NOT NULL DEFAULT 0"));
+        c.query("ALTER TABLE reports ADD COLUMN findings TEXT NOT NULL DEFAULT ''");
+        c.query("CREATE INDEX IF NOT EXISTS reports_by_time ON reports (received_at)");
+        c.query(ddl(d, "CREATE TABLE IF NOT EXISTS users ("
+                       " name TEXT PRIMARY KEY, role TEXT NOT NULL, pw_hash TEXT NOT NULL,"
+                       " created_at {INT} NOT NULL)"));
+        c.query(ddl(d, "CREATE TABLE IF NOT EXISTS tokens ("
+                       " name TEXT PRIMARY KEY, token_id TEXT NOT NULL UNIQUE,"
+                       " role TEXT NOT NULL, hash TEXT NOT NULL, created_at {INT} NOT NULL)"));
+        c.query(ddl(d, "CREATE TABLE IF NOT EXISTS sessions ("
+                       " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
+                       " created_at {INT} NOT NULL, last_seen {INT} NOT NULL)"));
+        c.query(ddl(d, "CREATE TABLE IF NOT EXISTS audit ("
+                       " id {ID}, at {INT} NOT NULL, account TEXT NOT NULL,"
+                       " address TEXT NOT NULL, action TEXT NOT NULL, reference TEXT NOT NULL,"
+                       " detail TEXT NOT NULL)"));
+        c.query("CREATE INDEX IF NOT EXISTS audit_by_account ON audit (action, account, at)");
+        c.query("CREATE INDEX IF NOT EXISTS audit_by_address ON audit (action, address, at)");
+        if (d == sql::Dialect::Postgres) {
+            c.query("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
+                    " LANGUAGE plpgsql AS"
+                    " $body$BEGIN RAISE EXCEPTION 'the audit log is append-only'; END$body$");
+            c.query("CREATE OR REPLACE TRIGGER audit_append_only BEFORE UPDATE OR DELETE ON"
+                    " audit FOR EACH ROW EXECUTE FUNCTION kob_audit_append_only()");
+            c.query("CREATE OR REPLACE TRIGGER audit_no_truncate BEFORE TRUNCATE ON audit"
+                    " FOR EACH STATEMENT EXECUTE FUNCTION kob_audit_append_only()");
+        } else {
+            for (const char *op : {"UPDATE", "DELETE"})
+                c.query(std::string("CREATE TRIGGER IF NOT EXISTS audit_append_only_") + op +
+                        " BEFORE " + op +
+                        " ON audit BEGIN SELECT RAISE(ABORT, 'the audit log is append-only');"
+                        " END");
+        }
+        c.query("CREATE TABLE IF NOT EXISTS kob_meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
+        c.query("DELETE FROM kob_meta WHERE key = 'schema'");
+        c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
+                {sql::text(std::to_string(kSchemaVersion))});
+    });
+}
+
+std::string makeReference(std::time_t receivedAt, int64_t id) {
+    std::tm tm{};
+    gmtime_r(&receivedAt, &tm);
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "KOB-%04d%02d%02d-%06lld", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, static_cast<long long>(id));
+    return buf;
+}
+
+bool plausibleReference(const std::string &s) {
+    if (s.size() < 19 || s.size() > 32 || s.compare(0, 4, "KOB-") != 0 || s[12] != '-')
+        return false;
+    for (size_t i = 4; i < s.size(); i++)
+        if (i != 12 && (s[i] < '0' || s[i] > '9'))
+            return false;
+    return true;
+}
+
+std::string Store::insert(const NewReport &r) {
+    std::optional<std::string> formUser, reportUser;
+    if (r.form_username)
+        formUser = cleanText(*r.form_username);
+    if (r.report_username)
+        reportUser = cleanText(*r.report_username);
+    std::string summary = cleanText(r.summary), peer = cleanText(r.peer);
+    std::string ref;
+    bool pg = db_.dialect() == sql::Dialect::Postgres;
+    db_.transaction([&](sql::Conn &c) {
+        int64_t id = 0;
+        if (pg) {
+            // The number comes from the table's sequence, so references stay
+            // unique across instances sharing the database.
+            id = c.query("SELECT nextval(pg_get_serial_sequence('reports', 'id'))").integer(0, 0);
+            ref = makeReference(r.received_at, id);
+        }
+        auto rows = c.query(
+            "INSERT INTO reports (id, reference, received_at, form_username, report_username,"
+            " summary, peer, size, \"desc\", why) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9,"
+            " $10) RETURNING id",
+            {pg ? sql::integer(id) : sql::null(), pg ? sql::text(ref) : sql::null(),
+             sql::integer(r.received_at), sql::optText(formUser), sql::optText(reportUser),
+             sql::text(summary), sql::text(peer), sql::integer(static_cast<int64_t>(r.desc.size())),
+             sql::blob(r.desc), sql::optBlob(r.why)});
+        if (!pg) {
+            id = rows.integer(0, 0);
+            ref = makeReference(r.received_at, id);
+            c.query("UPDATE reports SET reference = $1 WHERE id = $2",
+                    {sql::text(ref), sql::integer(id)});
+        }
+    });
+    return ref;
+}
+
+std::optional<StoredReport> Store::get(const std::string &reference) {
+    if (!plausibleReference(reference))
+        return std::nullopt;
+    auto rows = db_.read(std::string("SELECT ") + kColumns + " FROM reports WHERE reference = $1",
+                         {sql::text(reference)});
+    if (rows.empty())
+        return std::nullopt;
+    return fromRow(rows, 0);
+}
+
+ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
+    const char *like = db_.dialect() == sql::Dialect::Postgres ? "ILIKE" : "LIKE";
+    std::string where = std::string(" WHERE reference IS NOT NULL AND ($1 = '' OR"
+                                    " upper(reference) = upper($1) OR reference ") +
+                        like + " $2 ESCAPE '\\' OR form_username " + like +
+                        " $3 ESCAPE '\\' OR report_username " + like + " $3 ESCAPE '\\')";
+    std::string q = cleanText(query), esc = likeEscape(q);
+    std::string prefix = esc + "%", part = "%" + esc + "%";
+    ListPage page;
+    page.total = db_.read("SELECT count(*) FROM reports" + where,
+                          {sql::text(q), sql::text(prefix), sql::text(part)})
+                     .integer(0, 0);
+    auto rows = db_.read("SELECT reference, received_at, form_username, report_username, summary,"
+                         " size, raw_expired FROM reports" +
+                             where + " ORDER BY id DESC LIMIT $4 OFFSET $5",
+                         {sql::text(q), sql::text(prefix), sql::text(part), sql::integer(limit),
+                          sql::integer(offset)});
+    for (size_t i = 0; i < rows.size(); i++) {
+        ListItem it;
+        it.reference = rows.str(i, 0);
+        it.received_at = static_cast<std::time_t>(rows.integer(i, 1));
+        it.form_username = rows.opt(i, 2);
+        it.report_username = rows.opt(i, 3);
+        it.summary = rows.str(i, 4);
+        it.size = rows.integer(i, 5);
+        it.raw_expired = rows.integer(i, 6) != 0;
+        page.items.push_back(std::move(it));
+    }
+    return page;
+}
+
+bool Store::remove(const std::string &reference) {
+    if (!plausibleReference(reference))
+        return false;
+    bool found =
+        !db_.write("DELETE FROM reports WHERE reference = $1 RETURNING id", {sql::text(reference)})
+             .empty();
+    if (found)
+        db_.scrub();
+    return found;
+}
+
+int64_t Store::expireBefore(std::time_t cutoff) {
+    int64_t done = 0;
+    for (;;) {
+        // In batches, each its own transaction: intake never waits long.
+        auto rows = db_.read("SELECT id, \"desc\" FROM reports WHERE received_at < $1 AND"
+                             " raw_expired = 0 ORDER BY id LIMIT 50",
+                             {sql::integer(cutoff)});
+        if (rows.empty())
+            break;
+        db_.transaction([&](sql::Conn &c) {
+            for (size_t i = 0; i < rows.size(); i++) {
+                // What stays is what the triage found, from the text as a
+                // viewer sees it, without the sections it did not understand.
+                auto report = kobtriage::parse(maskReport(rows.str(i, 1)));
+                report.unknown.clear();
+                std::string findings = kobtriage::toJson(report);
+                c.query("UPDATE reports SET \"desc\" = $1, why = NULL, peer = '', raw_expired = 1,"
+                        " findings = $2 WHERE id = $3",
+                        {sql::blob(""), sql::text(findings), sql::integer(rows.integer(i, 0))});
+            }
+        });
+        done += static_cast<int64_t>(rows.size());
+    }
+    if (done)
+        db_.scrub();
+    return done;
+}
+
+} // namespace kobreportd
