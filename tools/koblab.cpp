@@ -349,8 +349,10 @@ class Lab {
             signal(SIGINT, SIG_DFL);
             signal(SIGTERM, SIG_DFL);
             signal(SIGPIPE, SIG_DFL);
-            execl(opt_.reportd.c_str(), opt_.reportd.c_str(), "--listen", listen.c_str(), "--db",
-                  db.c_str(), static_cast<char *>(nullptr));
+            // The staff side stays on loopback, on a port of its own.
+            execl(opt_.reportd.c_str(), opt_.reportd.c_str(), "--listen", listen.c_str(),
+                  "--staff-listen", "127.0.0.1:0", "--db", db.c_str(),
+                  static_cast<char *>(nullptr));
             fprintf(stderr, "koblab: cannot run %s: %s\n", opt_.reportd.c_str(), strerror(errno));
             _exit(127);
         }
@@ -364,14 +366,16 @@ class Lab {
             line.push_back(c);
         }
         close(p[0]);
-        const std::string ready = "kobreportd: serving ";
-        if (line.rfind(ready, 0) != 0 || line.back() != '\n') {
+        const std::string ready = "kobreportd: intake on ", staff = "; staff on ";
+        auto staffAt = line.find(staff);
+        if (line.rfind(ready, 0) != 0 || line.back() != '\n' || staffAt == std::string::npos) {
             fprintf(stderr, "koblab: kobreportd did not start\n");
             (void)kill(reportdPid_, SIGTERM);
             (void)waitpid(reportdPid_, nullptr, 0);
             exit(1);
         }
-        std::string url = line.substr(ready.size(), line.size() - ready.size() - 1);
+        std::string url =
+            line.substr(staffAt + staff.size(), line.size() - staffAt - staff.size() - 1);
         printf("koblab: report server          %s, kobreportd with %s\n", listen.c_str(),
                db.c_str());
         printf("koblab: browser view           %s\n", url.c_str());

@@ -30,11 +30,27 @@ std::string today() {
 } // namespace
 
 TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
+    // An API token and an account, made before the server starts, as an
+    // operator would.
+    const std::string db = reports.path() + "/reports.db";
+    auto token =
+        reportd::command(KOBREPORTD_BIN, {"token", "add", "lab", "--role", "admin", "--db", db});
+    ASSERT_EQ(token.status, 0) << token.err;
+    const std::string bearer =
+        "Authorization: Bearer " + token.out.substr(0, token.out.size() - 1) + "\r\n";
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN,
+                               {"user", "add", "support", "--role", "viewer", "--db", db},
+                               "password of support\n")
+                  .status,
+              0);
     kobtest::Koblab lab(kKoblabBin, {"-d", reports.path(), "-s", KOBREPORTD_BIN});
-    const std::string view = std::string("http://") + KOBDIAG_REPORT_HOST + ":" +
-                             std::to_string(KOBDIAG_REPORT_PORT) + "/";
-    EXPECT_NE(lab.output().find("koblab: browser view           " + view + "\n"), std::string::npos)
-        << lab.output();
+    // The staff side is on loopback, on a port of its own.
+    const std::string prefix = "koblab: browser view           http://127.0.0.1:";
+    auto at = lab.output().find(prefix);
+    ASSERT_NE(at, std::string::npos) << lab.output();
+    const int staffPort = std::atoi(lab.output().c_str() + at + prefix.size());
+    ASSERT_GT(staffPort, 0);
+    ASSERT_NE(staffPort, KOBDIAG_REPORT_PORT);
     kobtest::writeFile(kLabDir + "kobvane_stdout.txt", "tunnel up\n");
     kobtest::writeFile(kLabDir + "why.txt", "It drops every hour.\n");
 
@@ -51,13 +67,24 @@ TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
                          "Content-Type: text/plain; charset=utf-8\r\n\r\nReport received: " +
                              ref);
 
-    // Stored as the user saw it, countdown included.
-    auto raw =
-        reportd::getAt(KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT, "/api/reports/" + ref + "/raw");
+    // Stored as the user saw it, countdown included; the lab's addresses
+    // are loopback ones, which a viewer sees masked unless they are the
+    // run's own targets.
+    auto raw = reportd::request(staffPort, "GET", "/api/reports/" + ref + "/raw?reveal=1", bearer);
     EXPECT_EQ(raw.status, 200);
     EXPECT_EQ(raw.body, r.err);
+    auto masked = reportd::request(staffPort, "GET", "/api/reports/" + ref + "/raw", bearer);
+    EXPECT_EQ(masked.status, 200);
+    EXPECT_NE(masked.body.find("127.0.x.x"), std::string::npos) << masked.body;
+    EXPECT_EQ(masked.body.find("127.0.0.1"), std::string::npos) << masked.body;
+    // The intake answers nothing but uploads and its health check.
+    EXPECT_EQ(
+        reportd::getAt(KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT, "/api/reports/" + ref + "/raw")
+            .status,
+        404);
+    EXPECT_EQ(reportd::getAt(KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT, "/healthz").body, "ok");
 
-    auto json = reportd::getAt(KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT, "/api/reports/" + ref);
+    auto json = reportd::request(staffPort, "GET", "/api/reports/" + ref, bearer);
     ASSERT_EQ(json.status, 200);
     for (const std::string part : {
              "\"form_username\":\"alice\"",
@@ -75,7 +102,9 @@ TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
          })
         EXPECT_NE(json.body.find(part), std::string::npos) << part << "\n" << json.body;
 
-    auto list = reportd::getAt(KOBDIAG_REPORT_HOST, KOBDIAG_REPORT_PORT, "/?q=alice");
+    reportd::Browser support(staffPort);
+    ASSERT_EQ(support.signIn("support", "password of support").status, 303);
+    auto list = support.get("/?q=alice");
     EXPECT_NE(list.body.find("<td>alice</td><td><a href=\"/reports/" + ref + "\">"),
               std::string::npos)
         << list.body;

@@ -41,24 +41,23 @@ TEST(ReportdPostgres, TwoInstancesShareOneDatabase) {
     EXPECT_EQ(pg.psql("SELECT count(*), count(DISTINCT reference) FROM reports"), "20|20\n");
     for (int k = 0; k < 20; k += 7) {
         SCOPED_TRACE(k);
-        EXPECT_EQ(reportd::get(a.port(), "/api/reports/" + refs[k] + "/raw").body, descs[k]);
-        EXPECT_EQ(reportd::get(b.port(), "/api/reports/" + refs[k] + "/raw").body, descs[k]);
-        auto j = reportd::get(b.port(), "/api/reports/" + refs[k]).body;
+        EXPECT_EQ(a.api("/api/reports/" + refs[k] + "/raw?reveal=1").body, descs[k]);
+        EXPECT_EQ(b.api("/api/reports/" + refs[k] + "/raw?reveal=1").body, descs[k]);
+        auto j = b.api("/api/reports/" + refs[k]).body;
         EXPECT_NE(j.find("\"username\":\"user" + std::to_string(k) + "\""), std::string::npos);
         EXPECT_NE(j.find("\"why\":\"why?\""), std::string::npos);
     }
-    EXPECT_EQ(reportd::get(a.port(), "/api/reports?q=USER1").body.rfind("{\"total\":11,", 0), 0u);
-    EXPECT_EQ(reportd::get(a.port(), "/api/reports?q=" + refs[3]).body.rfind("{\"total\":1,", 0),
-              0u);
+    EXPECT_EQ(a.api("/api/reports?q=USER1").body.rfind("{\"total\":11,", 0), 0u);
+    EXPECT_EQ(a.api("/api/reports?q=" + refs[3]).body.rfind("{\"total\":1,", 0), 0u);
 
     // A restarted instance finds everything and goes on numbering.
     EXPECT_EQ(a.stop(), 0) << a.errors();
     reportd::Server again(KOBREPORTD_BIN, pg.url());
-    auto list = reportd::get(again.port(), "/api/reports");
+    auto list = again.api("/api/reports");
     EXPECT_EQ(list.body.rfind("{\"total\":20,", 0), 0u);
     std::string next = reportd::reference(reportd::upload(again.port(), "after restart\n"));
     EXPECT_EQ(next.substr(next.size() - 7), "-000021");
-    EXPECT_EQ(reportd::get(again.port(), "/").status, 200);
+    EXPECT_EQ(again.signedIn().get("/").status, 200);
 }
 
 TEST(ReportdPostgres, UnreachableDatabaseAtStartExitsOne) {

@@ -57,10 +57,14 @@ std::string form(const std::vector<std::pair<std::string, std::string>> &parts) 
 
 } // namespace
 
-TEST_F(Reportd, PrintsOneReadyLineWithItsAddress) {
+TEST_F(Reportd, PrintsOneReadyLineWithItsAddresses) {
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(s.readyLine(),
-              "kobreportd: serving http://127.0.0.1:" + std::to_string(s.port()) + "/\n");
+    EXPECT_EQ(s.readyLine(), "kobreportd: intake on http://127.0.0.1:" + std::to_string(s.port()) +
+                                 "/; staff on http://127.0.0.1:" + std::to_string(s.staffPort()) +
+                                 "/\n");
+    reportd::Server intakeOnly(KOBREPORTD_BIN, dir.file("other.db"), {}, false);
+    EXPECT_EQ(intakeOnly.readyLine(), "kobreportd: intake on http://127.0.0.1:" +
+                                          std::to_string(intakeOnly.port()) + "/\n");
     EXPECT_TRUE(kobtest::fileExists(db));
     EXPECT_EQ(sqlValue(db, "PRAGMA journal_mode"), "wal");
 }
@@ -82,10 +86,10 @@ TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
     EXPECT_EQ(sqlValue(db, "SELECT why FROM reports"), "VPN drops\n");
     EXPECT_EQ(sqlValue(db, "SELECT summary FROM reports"), "no problem found");
 
-    auto raw = reportd::get(s.port(), "/api/reports/" + ref + "/raw");
+    auto raw = s.api("/api/reports/" + ref + "/raw?reveal=1");
     EXPECT_EQ(raw.status, 200);
     EXPECT_EQ(raw.body, desc);
-    auto json = reportd::get(s.port(), "/api/reports/" + ref);
+    auto json = s.api("/api/reports/" + ref + "?reveal=1");
     EXPECT_EQ(json.status, 200);
     EXPECT_EQ(json.body.rfind("{\"reference\":\"" + ref + "\",\"received_at\":\"", 0), 0u)
         << json.body;
@@ -106,7 +110,7 @@ TEST_F(Reportd, FormWithTheReportOnlyAndEmptyReport) {
     r = reportd::upload(s.port(), "");
     EXPECT_EQ(r.status, 200) << r.raw;
     EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "2");
-    auto j = reportd::get(s.port(), "/api/reports/" + reportd::reference(r));
+    auto j = s.api("/api/reports/" + reportd::reference(r));
     EXPECT_NE(j.body.find("\"verdicts\":[\"not a kobdiag report"), std::string::npos);
 }
 
@@ -125,7 +129,7 @@ TEST_F(Reportd, ReferencesAreUniqueAndTheListIsNewestFirstPagedAndSearchable) {
         std::snprintf(want, sizeof want, "-%06d", i + 1);
         EXPECT_EQ(refs[i], "KOB-" + today() + want);
     }
-    auto list = reportd::get(s.port(), "/api/reports");
+    auto list = s.api("/api/reports");
     EXPECT_EQ(
         list.body.rfind("{\"total\":53,\"page\":1,\"page_size\":50,\"reports\":[{\"reference\":"
                         "\"" +
@@ -133,23 +137,24 @@ TEST_F(Reportd, ReferencesAreUniqueAndTheListIsNewestFirstPagedAndSearchable) {
                         0),
         0u)
         << list.body.substr(0, 200);
-    auto page2 = reportd::get(s.port(), "/api/reports?page=2");
+    auto page2 = s.api("/api/reports?page=2");
     EXPECT_NE(page2.body.find(refs[2]), std::string::npos);
     EXPECT_EQ(page2.body.find(refs[3]), std::string::npos);
-    auto byUser = reportd::get(s.port(), "/api/reports?q=odd_u");
+    auto byUser = s.api("/api/reports?q=odd_u");
     EXPECT_EQ(byUser.body.rfind("{\"total\":26,", 0), 0u);
-    auto byForm = reportd::get(s.port(), "/api/reports?q=SEVENTH");
+    auto byForm = s.api("/api/reports?q=SEVENTH");
     EXPECT_EQ(byForm.body.rfind("{\"total\":1,", 0), 0u);
     EXPECT_NE(byForm.body.find(refs[7]), std::string::npos);
-    auto byRef = reportd::get(s.port(), "/api/reports?q=" + refs[9]);
+    auto byRef = s.api("/api/reports?q=" + refs[9]);
     EXPECT_EQ(byRef.body.rfind("{\"total\":1,", 0), 0u);
     // A wildcard typed by a user is a plain character.
-    EXPECT_EQ(reportd::get(s.port(), "/api/reports?q=%25").body.rfind("{\"total\":0,", 0), 0u);
+    EXPECT_EQ(s.api("/api/reports?q=%25").body.rfind("{\"total\":0,", 0), 0u);
     // 27 runs of user "even", and the form's user "seventh".
-    auto html = reportd::get(s.port(), "/?q=even&page=2");
+    reportd::Browser staff = s.signedIn();
+    auto html = staff.get("/?q=even&page=2");
     EXPECT_EQ(html.status, 200);
     EXPECT_NE(html.body.find("28 reports matching"), std::string::npos) << html.raw.substr(0, 1500);
-    EXPECT_NE(html.body.find("rel=\"prev\" href=\"/?q=even&page=1\""), std::string::npos);
+    EXPECT_NE(html.body.find("rel=\"prev\" href=\"/?q=even&amp;page=1\""), std::string::npos);
 }
 
 TEST_F(Reportd, KeepsItsReportsAcrossARestart) {
@@ -160,7 +165,7 @@ TEST_F(Reportd, KeepsItsReportsAcrossARestart) {
         EXPECT_EQ(s.stop(), 0);
     }
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(reportd::get(s.port(), "/api/reports/" + ref + "/raw").body, "first\n");
+    EXPECT_EQ(s.api("/api/reports/" + ref + "/raw?reveal=1").body, "first\n");
     EXPECT_EQ(reportd::reference(reportd::upload(s.port(), "second\n")),
               "KOB-" + today() + "-000002");
 }
@@ -290,10 +295,11 @@ TEST_F(Reportd, HalfSentAndTricklingRequestsTimeOut) {
 
 TEST_F(Reportd, ViewsAndApiAnswerUnknownReferencesWith404) {
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(reportd::get(s.port(), "/reports/KOB-20260101-000009").status, 404);
-    EXPECT_EQ(reportd::get(s.port(), "/api/reports/nope").status, 404);
-    EXPECT_EQ(reportd::get(s.port(), "/api/reports/nope/raw").status, 404);
-    auto css = reportd::get(s.port(), "/static/style.css");
+    reportd::Browser staff = s.signedIn();
+    EXPECT_EQ(staff.get("/reports/KOB-20260101-000009").status, 404);
+    EXPECT_EQ(s.api("/api/reports/nope").status, 404);
+    EXPECT_EQ(s.api("/api/reports/nope/raw").status, 404);
+    auto css = reportd::get(s.staffPort(), "/static/style.css");
     EXPECT_EQ(css.status, 200);
     EXPECT_NE(css.raw.find("Content-Type: text/css"), std::string::npos);
 }
@@ -305,7 +311,8 @@ TEST_F(Reportd, ReportPageEscapesWhatTheReportSays) {
     run.logs["kobvane_stdout.txt"] = "<b>&amp;\xff\n";
     auto ref =
         reportd::reference(reportd::upload(s.port(), reportgen::report(run), "<u>", "<i>x</i>"));
-    auto page = reportd::get(s.port(), "/reports/" + ref);
+    reportd::Browser staff = s.signedIn();
+    auto page = staff.get("/reports/" + ref);
     EXPECT_EQ(page.status, 200);
     EXPECT_EQ(page.body.find("<script>"), std::string::npos);
     EXPECT_NE(page.body.find("&lt;script&gt;alert(1)&lt;/script&gt;"), std::string::npos);
@@ -337,15 +344,17 @@ TEST(ReportdCommandLine, BadArgumentsAndUnusableDatabaseExitOne) {
 // busy server must leave it empty and stop cleanly on SIGTERM.
 TEST_F(Reportd, BusyServerStopsCleanlyWithNothingOnStandardError) {
     reportd::Server s(KOBREPORTD_BIN, db, {"--threads", "8"});
+    reportd::Browser staff = s.signedIn();
     std::vector<std::thread> threads;
     for (int t = 0; t < 6; t++) {
         threads.emplace_back([&, t] {
+            reportd::Browser mine = staff;
             for (int i = 0; i < 8; i++) {
                 auto run = reportgen::healthyRun();
                 run.username = "u" + std::to_string(t);
                 auto ref = reportd::reference(reportd::upload(s.port(), reportgen::report(run)));
-                reportd::get(s.port(), "/reports/" + ref);
-                reportd::get(s.port(), "/api/reports?q=u" + std::to_string(t));
+                mine.get("/reports/" + ref);
+                s.api("/api/reports?q=u" + std::to_string(t));
                 reportd::exchange(s.port(), {"POST /report/problem.php HTTP/1.1\r\n"
                                              "Content-Length: 5\r\n\r\nhello"});
             }

@@ -1,6 +1,8 @@
 #include "reportd.h"
 
 #include <arpa/inet.h>
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -80,22 +82,82 @@ int freePort() {
     return ntohs(a.sin_port);
 }
 
+Command command(const std::string &binary, const std::vector<std::string> &args,
+                const std::string &input, const std::vector<std::string> &env) {
+    Command c;
+    char outT[] = "/tmp/kobreportd-out.XXXXXX", errT[] = "/tmp/kobreportd-err.XXXXXX";
+    int ofd = mkstemp(outT), efd = mkstemp(errT);
+    int in[2];
+    if (ofd < 0 || efd < 0 || pipe(in) != 0)
+        throw std::runtime_error("kobreportd: no temporary file");
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(ofd, 1);
+        dup2(efd, 2);
+        close(in[0]);
+        close(in[1]);
+        for (const auto &e : env)
+            putenv(const_cast<char *>(e.c_str()));
+        std::vector<std::string> argv = {binary};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char *> cargs;
+        for (auto &a : argv)
+            cargs.push_back(a.data());
+        cargs.push_back(nullptr);
+        execv(cargs[0], cargs.data());
+        _exit(127);
+    }
+    close(in[0]);
+    size_t off = 0;
+    while (off < input.size()) {
+        ssize_t n = write(in[1], input.data() + off, input.size() - off);
+        if (n <= 0)
+            break;
+        off += static_cast<size_t>(n);
+    }
+    close(in[1]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    c.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    c.out = slurp(outT);
+    c.err = slurp(errT);
+    close(ofd);
+    close(efd);
+    unlink(outT);
+    unlink(errT);
+    return c;
+}
+
 Server::Server(const std::string &binary, const std::string &db,
-               const std::vector<std::string> &extra) {
+               const std::vector<std::string> &extra, bool staff,
+               const std::vector<std::string> &env)
+    : binary_(binary), db_(db), env_(env) {
+    static int made = 0;
+    std::string name = "test-" + std::to_string(getpid()) + "-" + std::to_string(++made);
+    auto t = command(binary, {"token", "add", name, "--role", "admin", "--db", db}, "", env);
+    if (t.status == 0 && !t.out.empty())
+        token_ = t.out.substr(0, t.out.size() - 1);
     char tmpl[] = "/tmp/kobreportd-err.XXXXXX";
     int efd = mkstemp(tmpl);
     errFile_ = tmpl;
     int pfd[2];
     if (efd < 0 || pipe(pfd) != 0)
         throw std::runtime_error("kobreportd: no pipe");
+    std::vector<std::string> argv = {binary, "--listen", "127.0.0.1:0", "--db", db};
+    if (staff)
+        argv.insert(argv.end(), {"--staff-listen", "127.0.0.1:0"});
+    if (std::find(extra.begin(), extra.end(), "--rate") == extra.end())
+        argv.insert(argv.end(), {"--rate", "0"});
+    argv.insert(argv.end(), extra.begin(), extra.end());
     pid_ = fork();
     if (pid_ == 0) {
         dup2(pfd[1], 1);
         dup2(efd, 2);
         close(pfd[0]);
         close(pfd[1]);
-        std::vector<std::string> argv = {binary, "--listen", "127.0.0.1:0", "--db", db};
-        argv.insert(argv.end(), extra.begin(), extra.end());
+        for (const auto &e : env)
+            putenv(const_cast<char *>(e.c_str()));
         std::vector<char *> args;
         for (auto &a : argv)
             args.push_back(a.data());
@@ -116,12 +178,42 @@ Server::Server(const std::string &binary, const std::string &db,
     }
     close(pfd[0]);
     line_ = got;
-    auto colon = got.rfind(':');
-    if (colon == std::string::npos || got.empty() || got.back() != '\n') {
+    auto portAfter = [&got](const std::string &what) {
+        auto at = got.find(what);
+        if (at == std::string::npos)
+            return 0;
+        auto colon = got.find(':', got.find("//", at) + 2);
+        return std::atoi(got.c_str() + colon + 1);
+    };
+    port_ = portAfter("intake on ");
+    staffPort_ = portAfter("staff on ");
+    if (got.empty() || got.back() != '\n' || port_ <= 0 || (staff && staffPort_ <= 0)) {
         kill();
-        throw std::runtime_error("kobreportd did not start: " + got + slurp(errFile_));
+        throw std::runtime_error("kobreportd did not start: " + got + slurp(errFile_) + t.err);
     }
-    port_ = std::atoi(got.c_str() + colon + 1);
+}
+
+Command Server::addUser(const std::string &name, const std::string &role,
+                        const std::string &password) const {
+    return command(binary_, {"user", "add", name, "--role", role, "--db", db_}, password + "\n",
+                   env_);
+}
+
+Browser Server::signedIn(const std::string &role, std::string *nameOut) const {
+    static int made = 0;
+    std::string name = "staff" + std::to_string(++made);
+    if (nameOut)
+        *nameOut = name;
+    auto c = addUser(name, role, "password of " + name);
+    Browser b(staffPort_);
+    auto r = b.signIn(name, "password of " + name);
+    if (c.status != 0 || r.status != 303)
+        throw std::runtime_error("signing in " + name + " (" + role + ") failed: " + c.err + r.raw);
+    return b;
+}
+
+Response Server::api(const std::string &path, const std::string &method) const {
+    return request(staffPort_, method, path, "Authorization: Bearer " + token_ + "\r\n");
 }
 
 Server::~Server() {
@@ -222,6 +314,132 @@ Response get(int port, const std::string &path) {
 
 Response getAt(const std::string &host, int port, const std::string &path) {
     return exchangeAt(host, port, {"GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n"});
+}
+
+Response request(int port, const std::string &method, const std::string &path,
+                 const std::string &headers, const std::string &body) {
+    std::string head = method + " " + path +
+                       " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+                       "\r\nConnection: close\r\n" + headers;
+    if (!body.empty() || method == "POST")
+        head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    return exchange(port, {head + "\r\n" + body});
+}
+
+std::string header(const Response &r, const std::string &name) {
+    auto end = r.raw.find("\r\n\r\n");
+    std::string head = r.raw.substr(0, end);
+    std::string lower = name;
+    for (auto &ch : lower)
+        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    size_t pos = head.find("\r\n");
+    while (pos != std::string::npos && pos < head.size()) {
+        size_t next = head.find("\r\n", pos + 2);
+        std::string line =
+            head.substr(pos + 2, next == std::string::npos ? std::string::npos : next - pos - 2);
+        auto colon = line.find(':');
+        std::string key = line.substr(0, colon);
+        for (auto &ch : key)
+            ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        if (colon != std::string::npos && key == lower) {
+            size_t v = line.find_first_not_of(' ', colon + 1);
+            return v == std::string::npos ? "" : line.substr(v);
+        }
+        pos = next;
+    }
+    return "";
+}
+
+std::string formEncode(const std::vector<std::pair<std::string, std::string>> &fields) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (const auto &[k, v] : fields) {
+        if (!out.empty())
+            out += '&';
+        for (const std::string *part : {&k, &v}) {
+            for (unsigned char c : *part) {
+                if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+                    out += static_cast<char>(c);
+                } else {
+                    out += '%';
+                    out += hex[c >> 4];
+                    out += hex[c & 15];
+                }
+            }
+            if (part == &k)
+                out += '=';
+        }
+    }
+    return out;
+}
+
+std::string Browser::cookie(const std::string &name) const {
+    for (const auto &[k, v] : cookies_)
+        if (k == name)
+            return v;
+    return "";
+}
+
+void Browser::setCookie(const std::string &name, const std::string &value) {
+    for (auto &[k, v] : cookies_)
+        if (k == name) {
+            v = value;
+            return;
+        }
+    cookies_.emplace_back(name, value);
+}
+
+void Browser::keep(const Response &r) {
+    auto end = r.raw.find("\r\n\r\n");
+    std::string head = r.raw.substr(0, end);
+    size_t pos = 0;
+    const std::string key = "\r\nSet-Cookie: ";
+    while ((pos = head.find(key, pos)) != std::string::npos) {
+        pos += key.size();
+        std::string line = head.substr(pos, head.find("\r\n", pos) - pos);
+        auto eq = line.find('='), semi = line.find(';');
+        std::string name = line.substr(0, eq), value = line.substr(eq + 1, semi - eq - 1);
+        bool gone = line.find("Max-Age=0") != std::string::npos;
+        for (auto it = cookies_.begin(); it != cookies_.end();)
+            it = it->first == name ? cookies_.erase(it) : it + 1;
+        if (!gone)
+            cookies_.emplace_back(name, value);
+    }
+    const std::string field = "name=\"csrf\" value=\"";
+    auto at = r.body.find(field);
+    if (at != std::string::npos)
+        csrf_ = r.body.substr(at + field.size(),
+                              r.body.find('"', at + field.size()) - at - field.size());
+}
+
+Response Browser::get(const std::string &path) {
+    std::string c;
+    for (const auto &[k, v] : cookies_)
+        c += (c.empty() ? "" : "; ") + k + "=" + v;
+    auto r = request(port_, "GET", path, c.empty() ? "" : "Cookie: " + c + "\r\n");
+    keep(r);
+    return r;
+}
+
+Response Browser::post(const std::string &path,
+                       const std::vector<std::pair<std::string, std::string>> &fields,
+                       const std::string &extraHeaders) {
+    auto all = fields;
+    all.emplace_back("csrf", csrf_);
+    std::string c;
+    for (const auto &[k, v] : cookies_)
+        c += (c.empty() ? "" : "; ") + k + "=" + v;
+    auto r = request(port_, "POST", path,
+                     "Content-Type: application/x-www-form-urlencoded\r\n" +
+                         (c.empty() ? "" : "Cookie: " + c + "\r\n") + extraHeaders,
+                     formEncode(all));
+    keep(r);
+    return r;
+}
+
+Response Browser::signIn(const std::string &name, const std::string &password) {
+    get("/signin");
+    return post("/signin", {{"name", name}, {"password", password}, {"next", "/"}});
 }
 
 std::string reference(const Response &r) {

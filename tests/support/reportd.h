@@ -11,16 +11,61 @@
 
 namespace reportd {
 
-// kobreportd as a child process, listening on a free loopback port.
+struct Response {
+    bool ok = false; // a response arrived
+    int status = 0;
+    std::string raw; // all bytes read until the server closed
+    std::string body;
+};
+
+// A browser-like session on the staff side: it keeps the cookies it is
+// given and sends forms with the page's form token.
+class Browser {
+  public:
+    explicit Browser(int staffPort) : port_(staffPort) {}
+    Response get(const std::string &path);
+    // Posts fields (already without the form token) to path, adding the
+    // token from the last page that carried one.
+    Response post(const std::string &path,
+                  const std::vector<std::pair<std::string, std::string>> &fields,
+                  const std::string &extraHeaders = "");
+    // Opens the sign-in page and signs in; returns the answer to the form.
+    Response signIn(const std::string &name, const std::string &password);
+    std::string cookie(const std::string &name) const;
+    void setCookie(const std::string &name, const std::string &value);
+    const std::string &csrf() const { return csrf_; }
+
+  private:
+    void keep(const Response &r);
+    int port_;
+    std::vector<std::pair<std::string, std::string>> cookies_;
+    std::string csrf_;
+};
+
+// Runs `binary args...` with input on its standard input; returns the exit
+// status with standard output and standard error.
+struct Command {
+    int status = -1;
+    std::string out, err;
+};
+Command command(const std::string &binary, const std::vector<std::string> &args,
+                const std::string &input = "", const std::vector<std::string> &env = {});
+
+// kobreportd as a child process: the intake and the staff side each on a
+// free loopback port, an admin API token made for the test, and no limit
+// on uploads per address unless extra sets one ("--rate").
 class Server {
   public:
     Server(const std::string &binary, const std::string &db,
-           const std::vector<std::string> &extra = {});
+           const std::vector<std::string> &extra = {}, bool staff = true,
+           const std::vector<std::string> &env = {});
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
 
     int port() const { return port_; }
+    int staffPort() const { return staffPort_; }
+    const std::string &token() const { return token_; }
     const std::string &readyLine() const { return line_; }
     pid_t pid() const { return pid_; }
     // SIGTERM and wait; returns the wait status.
@@ -29,19 +74,22 @@ class Server {
     void kill();
     // Everything it wrote to standard error so far (after stop or kill).
     std::string errors() const;
+    // A request to the staff side's /api/ with the admin token.
+    Response api(const std::string &path, const std::string &method = "GET") const;
+    // Makes an account with this role and signs it in; the password is
+    // "password of NAME".  Throws when the sign-in does not go through.
+    Browser signedIn(const std::string &role = "admin", std::string *name = nullptr) const;
+    // Makes an account (password from standard input, as people do).
+    Command addUser(const std::string &name, const std::string &role,
+                    const std::string &password) const;
 
   private:
+    std::string binary_, db_;
+    std::vector<std::string> env_;
     pid_t pid_ = -1;
-    int port_ = 0;
-    std::string line_;
+    int port_ = 0, staffPort_ = 0;
+    std::string line_, token_;
     std::string errFile_;
-};
-
-struct Response {
-    bool ok = false; // a response arrived
-    int status = 0;
-    std::string raw; // all bytes read until the server closed
-    std::string body;
 };
 
 // Connects to 127.0.0.1:port, writes each piece with one write (as kobdiag
@@ -57,6 +105,16 @@ Response upload(int port, const std::string &desc, const char *username = nullpt
 
 Response get(int port, const std::string &path);
 Response getAt(const std::string &host, int port, const std::string &path);
+
+// One request on the loopback address with extra header lines (each ending
+// in CRLF) and a body.
+Response request(int port, const std::string &method, const std::string &path,
+                 const std::string &headers = "", const std::string &body = "");
+
+// The value of the first header called name in a response, or "".
+std::string header(const Response &r, const std::string &name);
+
+std::string formEncode(const std::vector<std::pair<std::string, std::string>> &fields);
 
 // The reference from "Report received: KOB-..." or empty.
 std::string reference(const Response &r);

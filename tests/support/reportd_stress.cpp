@@ -122,9 +122,9 @@ int load(const Options &o) {
     int whole = 0;
     for (int i = 0; i < o.count; i++)
         if (!refs[i].empty() &&
-            reportd::get(s.port(), "/api/reports/" + refs[i] + "/raw").body == descs[i])
+            s.api("/api/reports/" + refs[i] + "/raw?reveal=1").body == descs[i])
             whole++;
-    auto list = reportd::get(s.port(), "/api/reports");
+    auto list = s.api("/api/reports");
     long long total = -1;
     std::sscanf(list.body.c_str(), "{\"total\":%lld", &total);
 
@@ -205,7 +205,7 @@ int crash(const Options &o) {
     reportd::Server s(o.binary, db.where);
     int present = 0;
     for (const auto &[ref, desc] : answered)
-        if (reportd::get(s.port(), "/api/reports/" + ref + "/raw").body == desc)
+        if (s.api("/api/reports/" + ref + "/raw?reveal=1").body == desc)
             present++;
     std::printf("  after restart: %d of %zu answered reports present and whole\n", present,
                 answered.size());
