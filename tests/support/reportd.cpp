@@ -313,7 +313,9 @@ Response get(int port, const std::string &path) {
 }
 
 Response getAt(const std::string &host, int port, const std::string &path) {
-    return exchangeAt(host, port, {"GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n"});
+    return exchangeAt(
+        host, port,
+        {"GET " + path + " HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n"});
 }
 
 Response request(int port, const std::string &method, const std::string &path,
@@ -439,7 +441,11 @@ Response Browser::post(const std::string &path,
 
 Response Browser::signIn(const std::string &name, const std::string &password) {
     get("/signin");
-    return post("/signin", {{"name", name}, {"password", password}, {"next", "/"}});
+    auto r = post("/signin", {{"name", name}, {"password", password}, {"next", "/"}});
+    // Where the browser lands carries the session's own form token.
+    if (r.status == 303)
+        get(header(r, "Location"));
+    return r;
 }
 
 std::string reference(const Response &r) {

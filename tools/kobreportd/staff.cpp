@@ -578,10 +578,10 @@ std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &o, Store &store
     svr->new_task_queue = [threads] {
         return new httplib::ThreadPool(static_cast<size_t>(threads));
     };
-    svr->set_read_timeout(10, 0);
+    svr->set_read_timeout(5, 0);
     svr->set_write_timeout(10, 0);
     svr->set_keep_alive_max_count(20);
-    svr->set_keep_alive_timeout(5);
+    svr->set_keep_alive_timeout(2);
     // Forms are small; nothing bigger is taken in.
     svr->set_payload_max_length(64 * 1024);
     svr->set_socket_options([](socket_t sock) {

@@ -1,0 +1,577 @@
+// kobreportd's staff side on both databases: every route behind its
+// credentials, sign-in and its limits, sessions and their time limits, form
+// tokens, tokens revoked while in use, the audit log, retention, deletion
+// and the migration of a database of the first layout.
+
+#include "kobtest.h"
+#include "reportd.h"
+#include "reportgen.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sqlite3.h>
+
+namespace {
+
+std::string sqliteValue(const std::string &db, const std::string &sql) {
+    sqlite3 *h = nullptr;
+    sqlite3_open_v2(db.c_str(), &h, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    sqlite3_stmt *st = nullptr;
+    std::string v = "<none>";
+    if (sqlite3_prepare_v2(h, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+        v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
+    } else {
+        int rc = sqlite3_step(st);
+        if (rc == SQLITE_ROW && sqlite3_column_type(st, 0) != SQLITE_NULL)
+            v.assign(static_cast<const char *>(sqlite3_column_blob(st, 0)),
+                     static_cast<size_t>(sqlite3_column_bytes(st, 0)));
+        else if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+            v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
+    }
+    sqlite3_finalize(st);
+    sqlite3_close(h);
+    return v;
+}
+
+// One PostgreSQL server for the whole program, a database per test.
+reportd::Postgres &postgres() {
+    static auto pg = std::make_unique<reportd::Postgres>();
+    return *pg;
+}
+
+// A run whose captures name the user's own machine, beside the lab's targets.
+std::string reportWithPersonalAddresses(const std::string &user) {
+    auto run = reportgen::healthyRun();
+    run.username = user;
+    run.logs["kobvane_stdout.txt"] =
+        "en0: inet 192.168.1.23 netmask 0xffffff00 ether a4:83:e7:01:02:03\n"
+        "peer 2001:db8:5:6::17 answered\n";
+    return reportgen::report(run);
+}
+
+class Staff : public ::testing::TestWithParam<std::string> {
+  protected:
+    void SetUp() override {
+        if (GetParam() == "postgres") {
+            if (!postgres().available())
+                GTEST_SKIP() << postgres().reason();
+            static int n = 0;
+            std::string name = "staff" + std::to_string(++n);
+            postgres().psql("CREATE DATABASE " + name);
+            db = postgres().url(name);
+        } else {
+            db = dir.file("reports.db");
+        }
+        kobtest::writeFile(clockFile, "");
+    }
+
+    // A value from the database, whichever it is.
+    std::string value(const std::string &sql) {
+        if (GetParam() == "postgres") {
+            std::string out = postgres().psql(sql, db.substr(db.rfind('/') + 1));
+            if (!out.empty() && out.back() == '\n')
+                out.pop_back();
+            return out.empty() ? "<none>" : out;
+        }
+        return sqliteValue(db, sql);
+    }
+
+    std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
+    void setClock(std::time_t t) { kobtest::writeFile(clockFile, std::to_string(t) + "\n"); }
+
+    kobtest::TempDir dir;
+    std::string db;
+    std::string clockFile = dir.file("clock");
+};
+
+struct Route {
+    const char *method;
+    std::string path;
+    enum Kind { Page, Api } kind;
+    bool admin;
+    int adminStatus; // what an admin gets
+};
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Stores, Staff, ::testing::Values("sqlite", "postgres"),
+                         [](const auto &info) { return info.param; });
+
+TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), "one\n"));
+    std::string doomed = reportd::reference(reportd::upload(s.port(), "two\n"));
+    std::string doomedToo = reportd::reference(reportd::upload(s.port(), "three\n"));
+    ASSERT_FALSE(doomedToo.empty());
+    ASSERT_EQ(s.addUser("victim", "viewer", "password of victim").status, 0);
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "victimtoken", "--db", db}).status,
+              0);
+
+    // Every staff route but the sign-in form and the stylesheet.
+    const std::vector<Route> routes = {
+        {"GET", "/", Route::Page, false, 200},
+        {"GET", "/?q=one&page=1", Route::Page, false, 200},
+        {"GET", "/reports/" + ref, Route::Page, false, 200},
+        {"GET", "/reports/" + ref + "/raw", Route::Page, false, 200},
+        {"GET", "/audit", Route::Page, true, 200},
+        {"GET", "/admin/accounts", Route::Page, true, 200},
+        {"POST", "/reports/" + ref + "/reveal", Route::Page, true, 200},
+        {"POST", "/reports/" + ref + "/raw", Route::Page, true, 200},
+        {"POST", "/reports/" + doomed + "/delete", Route::Page, true, 303},
+        {"POST", "/admin/users", Route::Page, true, 200},
+        {"POST", "/admin/users/victim/delete", Route::Page, true, 200},
+        {"POST", "/admin/tokens", Route::Page, true, 200},
+        {"POST", "/admin/tokens/victimtoken/delete", Route::Page, true, 200},
+        {"GET", "/api/reports", Route::Api, false, 200},
+        {"GET", "/api/reports?q=one", Route::Api, false, 200},
+        {"GET", "/api/reports/" + ref, Route::Api, false, 200},
+        {"GET", "/api/reports/" + ref + "/raw", Route::Api, false, 200},
+        {"GET", "/api/reports/" + ref + "?reveal=1", Route::Api, true, 200},
+        {"GET", "/api/reports/" + ref + "/raw?reveal=1", Route::Api, true, 200},
+        {"GET", "/api/audit", Route::Api, true, 200},
+        {"DELETE", "/api/reports/" + doomedToo, Route::Api, true, 200},
+        {"POST", "/signout", Route::Page, false, 303},
+    };
+    auto fields = [](const Route &r) -> std::vector<std::pair<std::string, std::string>> {
+        if (r.path == "/admin/users")
+            return {{"name", "newcomer"}, {"role", "viewer"}, {"password", "a long password"}};
+        if (r.path == "/admin/tokens")
+            return {{"name", "newtoken"}, {"role", "viewer"}};
+        return {};
+    };
+
+    auto viewerToken = reportd::command(KOBREPORTD_BIN, {"token", "add", "reader", "--db", db});
+    ASSERT_EQ(viewerToken.status, 0);
+    std::string viewerBearer =
+        "Authorization: Bearer " + viewerToken.out.substr(0, viewerToken.out.size() - 1) + "\r\n";
+    reportd::Browser viewer = s.signedIn("viewer");
+    reportd::Browser admin = s.signedIn("admin");
+
+    for (const auto &r : routes) {
+        SCOPED_TRACE(std::string(r.method) + " " + r.path);
+        // On the intake: nothing.
+        auto intake = reportd::request(s.port(), r.method, r.path);
+        EXPECT_EQ(intake.status, 404) << intake.raw;
+
+        // No credentials: the sign-in page for pages, 401 for the API.  A
+        // session cookie of someone who is not signed in counts as none.
+        for (const std::string &cookie :
+             std::vector<std::string>{"", "Cookie: kob_session=" + std::string(64, 'a') + "\r\n"}) {
+            auto none = reportd::request(s.staffPort(), r.method, r.path, cookie);
+            if (r.kind == Route::Page) {
+                EXPECT_EQ(none.status, 303) << none.raw;
+                EXPECT_EQ(reportd::header(none, "Location").rfind("/signin", 0), 0u) << none.raw;
+            } else {
+                EXPECT_EQ(none.status, 401) << none.raw;
+                EXPECT_EQ(none.body, "{\"error\":\"a valid API token is required\"}");
+            }
+        }
+        // A bearer token does not open pages; a session does not open the API.
+        if (r.kind == Route::Page) {
+            EXPECT_EQ(reportd::request(s.staffPort(), r.method, r.path,
+                                       "Authorization: Bearer " + s.token() + "\r\n")
+                          .status,
+                      303);
+        }
+
+        // A viewer: the viewer's routes, and 403 for the admin's.
+        int want = r.admin ? 403 : r.adminStatus;
+        if (r.kind == Route::Api) {
+            auto v = reportd::request(s.staffPort(), r.method, r.path, viewerBearer);
+            EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
+        } else if (r.path != "/signout") {
+            auto v = r.method == std::string("GET") ? viewer.get(r.path)
+                                                    : viewer.post(r.path, fields(r));
+            EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
+        }
+
+        // An admin: everything.
+        auto a = r.kind == Route::Api             ? s.api(r.path, r.method)
+                 : r.method == std::string("GET") ? admin.get(r.path)
+                                                  : admin.post(r.path, fields(r));
+        EXPECT_EQ(a.status, r.adminStatus) << a.raw.substr(0, 400);
+        if (r.kind == Route::Page && a.status == 200) {
+            EXPECT_EQ(reportd::header(a, "Cache-Control"), "no-store");
+        }
+    }
+    // What the admin did took effect; what the viewer tried did not.
+    EXPECT_EQ(s.api("/api/reports/" + doomed).status, 404);
+    EXPECT_EQ(s.api("/api/reports/" + doomedToo).status, 404);
+    EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'victim'"), "0");
+    EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'newcomer'"), "1");
+    EXPECT_EQ(value("SELECT count(*) FROM tokens WHERE name = 'victimtoken'"), "0");
+    // Signed out: the session cookie opens nothing any more.
+    EXPECT_EQ(admin.get("/").status, 303);
+}
+
+TEST_P(Staff, EveryStaffAnswerCarriesTheProtectiveHeaders) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), "one\n"));
+    reportd::Browser b = s.signedIn();
+    for (const std::string &path :
+         std::vector<std::string>{"/signin", "/", "/reports/" + ref, "/audit", "/nowhere"}) {
+        SCOPED_TRACE(path);
+        auto r = path == "/signin" ? reportd::get(s.staffPort(), path) : b.get(path);
+        EXPECT_EQ(reportd::header(r, "Content-Security-Policy"),
+                  "default-src 'self'; frame-ancestors 'none'; form-action 'self'");
+        EXPECT_EQ(reportd::header(r, "X-Content-Type-Options"), "nosniff");
+        EXPECT_EQ(reportd::header(r, "Referrer-Policy"), "no-referrer");
+        EXPECT_EQ(reportd::header(r, "X-Frame-Options"), "DENY");
+        EXPECT_EQ(reportd::header(r, "Cache-Control"), "no-store");
+        // No script at all, so the policy costs the pages nothing.
+        EXPECT_EQ(r.body.find("<script"), std::string::npos);
+    }
+}
+
+TEST_P(Staff, UnknownNameAndWrongPasswordGetTheSameAnswer) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    ASSERT_EQ(s.addUser("carol", "viewer", "password of carol").status, 0);
+    auto answer = [&](const std::string &name) {
+        reportd::Browser b(s.staffPort());
+        auto r = b.signIn(name, "not the password");
+        // The form token differs from form to form; the rest must not.
+        std::string body = r.body;
+        body.replace(body.find(b.csrf()), b.csrf().size(), "TOKEN");
+        return std::make_pair(r.status, body);
+    };
+    auto wrong = answer("carol"), unknown = answer("nobody");
+    EXPECT_EQ(wrong.first, 401);
+    EXPECT_EQ(wrong, unknown);
+    EXPECT_NE(wrong.second.find("<p class=\"error\" id=\"message\">Wrong name or password.</p>"),
+              std::string::npos);
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'signin.failed'"), "2");
+}
+
+TEST_P(Staff, FiveFailuresShutTheDoorForFiveMinutesPerAccountAndPerAddress) {
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    setClock(1800000000);
+    ASSERT_EQ(s.addUser("dave", "viewer", "password of dave").status, 0);
+    ASSERT_EQ(s.addUser("erin", "viewer", "password of erin").status, 0);
+    reportd::Browser b(s.staffPort());
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(b.signIn("dave", "guess " + std::to_string(i)).status, 401);
+    // The right password does not help now.
+    auto locked = b.signIn("dave", "password of dave");
+    EXPECT_EQ(locked.status, 429);
+    EXPECT_EQ(reportd::header(locked, "Retry-After"), "300");
+    EXPECT_NE(locked.body.find("Too many failed sign-ins. Try again in 5 minutes."),
+              std::string::npos);
+    // The address failed five times too: another account from it waits as well.
+    EXPECT_EQ(b.signIn("erin", "password of erin").status, 429);
+    // Four minutes later still shut, with a minute to go; five minutes later open.
+    setClock(1800000000 + 240);
+    auto later = b.signIn("dave", "password of dave");
+    EXPECT_EQ(later.status, 429);
+    EXPECT_EQ(reportd::header(later, "Retry-After"), "60");
+    setClock(1800000000 + 301);
+    EXPECT_EQ(b.signIn("dave", "password of dave").status, 303);
+    // The refused tries were not counted as failures: nothing is shut again.
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'signin.failed'"), "5");
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'signin.locked'"), "3");
+    EXPECT_EQ(s.stop(), 0);
+}
+
+TEST_P(Staff, SignInGivesASessionIdNobodyHasSeenAndEndsAPlantedOne) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    ASSERT_EQ(s.addUser("frank", "admin", "password of frank").status, 0);
+    reportd::Browser b(s.staffPort());
+    const std::string planted(64, 'b');
+    b.setCookie("kob_session", planted);
+    auto r = b.signIn("frank", "password of frank");
+    ASSERT_EQ(r.status, 303);
+    std::string fresh = b.cookie("kob_session");
+    EXPECT_EQ(fresh.size(), 64u);
+    EXPECT_NE(fresh, planted);
+    EXPECT_NE(
+        r.raw.find("Set-Cookie: kob_session=" + fresh + "; HttpOnly; SameSite=Strict; Path=/\r\n"),
+        std::string::npos)
+        << r.raw;
+    // Signing in again gives yet another id.
+    reportd::Browser again(s.staffPort());
+    again.signIn("frank", "password of frank");
+    EXPECT_NE(again.cookie("kob_session"), fresh);
+    // The database holds hashes only: neither the id nor the password.
+    EXPECT_EQ(value("SELECT count(*) FROM sessions WHERE id_hash = '" + fresh + "'"), "0");
+    EXPECT_EQ(value("SELECT count(*) FROM sessions"), "2");
+    EXPECT_EQ(value("SELECT substr(pw_hash, 1, 10) FROM users"), "$argon2id$");
+    EXPECT_EQ(value("SELECT substr(hash, 1, 10) FROM tokens LIMIT 1"), "$argon2id$");
+}
+
+TEST_P(Staff, SessionsEndAfterThirtyIdleMinutesAndTwelveHours) {
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    std::time_t t0 = 1800000000;
+    setClock(t0);
+    reportd::Browser idle = s.signedIn("viewer");
+    reportd::Browser busy = s.signedIn("viewer");
+    setClock(t0 + 29 * 60);
+    EXPECT_EQ(idle.get("/").status, 200);
+    // Thirty minutes after the last request: gone.
+    setClock(t0 + 29 * 60 + 30 * 60);
+    EXPECT_EQ(idle.get("/").status, 303);
+    // Busy all the time, yet twelve hours after signing in: gone.
+    for (std::time_t t = t0; t < t0 + 12 * 3600; t += 25 * 60) {
+        setClock(t);
+        ASSERT_EQ(busy.get("/").status, 200) << "after " << (t - t0) << " s";
+    }
+    setClock(t0 + 12 * 3600);
+    EXPECT_EQ(busy.get("/").status, 303);
+}
+
+TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), "keep me\n"));
+    reportd::Browser admin = s.signedIn("admin");
+    admin.get("/");
+    std::string token = admin.csrf();
+    ASSERT_EQ(token.size(), 64u);
+    struct Case {
+        const char *name;
+        std::string csrf, headers;
+        int status;
+    } cases[] = {
+        {"no token", "", "", 403},
+        {"another token", std::string(64, '0'), "", 403},
+        {"foreign Origin", token, "Origin: http://evil.example\r\n", 403},
+        {"cross-site fetch", token, "Sec-Fetch-Site: cross-site\r\n", 403},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string body = "csrf=" + c.csrf;
+        auto r = reportd::request(s.staffPort(), "POST", "/reports/" + ref + "/delete",
+                                  "Content-Type: application/x-www-form-urlencoded\r\nCookie: "
+                                  "kob_session=" +
+                                      admin.cookie("kob_session") + "\r\n" + c.headers,
+                                  body);
+        EXPECT_EQ(r.status, c.status) << r.raw.substr(0, 300);
+        EXPECT_EQ(s.api("/api/reports/" + ref).status, 200);
+    }
+    // The sign-in form needs its own token too.
+    auto bare = reportd::request(s.staffPort(), "POST", "/signin",
+                                 "Content-Type: application/x-www-form-urlencoded\r\n",
+                                 "name=x&password=y");
+    EXPECT_EQ(bare.status, 403);
+    // With the token and from its own page, it goes through.
+    auto ok = admin.post("/reports/" + ref + "/delete", {},
+                         "Origin: http://127.0.0.1:" + std::to_string(s.staffPort()) + "\r\n");
+    EXPECT_EQ(ok.status, 303) << ok.raw;
+    EXPECT_EQ(s.api("/api/reports/" + ref).status, 404);
+}
+
+TEST_P(Staff, ATokenOrAUserDeletedWhileInUseStopsAtOnce) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto made = reportd::command(KOBREPORTD_BIN, {"token", "add", "dashboard", "--db", db});
+    ASSERT_EQ(made.status, 0) << made.err;
+    std::string bearer =
+        "Authorization: Bearer " + made.out.substr(0, made.out.size() - 1) + "\r\n";
+    EXPECT_EQ(reportd::request(s.staffPort(), "GET", "/api/reports", bearer).status, 200);
+    EXPECT_EQ(reportd::request(s.staffPort(), "GET", "/api/reports", bearer).status, 200);
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "del", "dashboard", "--db", db}).status,
+              0);
+    EXPECT_EQ(reportd::request(s.staffPort(), "GET", "/api/reports", bearer).status, 401);
+
+    std::string name;
+    reportd::Browser b = s.signedIn("viewer", &name);
+    EXPECT_EQ(b.get("/").status, 200);
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"user", "del", name, "--db", db}).status, 0);
+    EXPECT_EQ(b.get("/").status, 303);
+}
+
+TEST_P(Staff, HostileReferencesAndHugeHeadersGetTheirAnswerAndTheServerGoesOn) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), "safe\n"));
+    reportd::Browser b = s.signedIn();
+    struct Case {
+        std::string path;
+        int status;
+    } cases[] = {
+        {"/reports/..%2f..%2fetc%2fpasswd", 404},
+        {"/reports/%2e%2e", 404},
+        {"/reports/" + ref + "%00", 404},
+        {"/reports/KOB-" + std::string(5000, '1'), 404},
+        {"/reports/" + std::string(9000, 'x'), 414},
+        {"/api/reports/..%2f" + ref, 404},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.path.substr(0, 60));
+        auto r = c.path.rfind("/api/", 0) == 0 ? s.api(c.path) : b.get(c.path);
+        EXPECT_EQ(r.status, c.status) << r.raw.substr(0, 200);
+        EXPECT_EQ(b.get("/reports/" + ref).status, 200);
+    }
+    // A 10 MB cookie: refused, and the next request is served.
+    auto huge = reportd::request(s.staffPort(), "GET", "/",
+                                 "Cookie: kob_session=" + std::string(10u << 20, 'c') + "\r\n");
+    EXPECT_TRUE(!huge.ok || huge.status == 400 || huge.status == 431) << huge.raw.substr(0, 200);
+    EXPECT_EQ(b.get("/").status, 200);
+    EXPECT_EQ(s.api("/api/reports").status, 200);
+}
+
+TEST_P(Staff, TheAuditLogListsEachStepAndRefusesChanges) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref =
+        reportd::reference(reportd::upload(s.port(), reportWithPersonalAddresses("u")));
+    std::string name;
+    reportd::Browser admin = s.signedIn("admin", &name);
+    admin.get("/reports/" + ref);
+    admin.post("/reports/" + ref + "/reveal", {});
+    admin.get("/reports/" + ref + "/raw");
+    admin.post("/reports/" + ref + "/delete", {});
+    auto page = admin.get("/audit");
+    ASSERT_EQ(page.status, 200);
+    // Newest first.
+    size_t at = 0;
+    for (const char *action : {"report.deleted", "report.raw", "report.revealed", "report.viewed",
+                               "signin", "user.added"}) {
+        SCOPED_TRACE(action);
+        auto next = page.body.find(std::string("<td class=\"action\">") + action + "</td>", at);
+        ASSERT_NE(next, std::string::npos) << page.body;
+        at = next + 1;
+    }
+    auto api = s.api("/api/audit");
+    EXPECT_NE(api.body.find("{\"total\":"), std::string::npos);
+    EXPECT_NE(api.body.find("\"account\":\"" + name +
+                            "\",\"address\":\"127.0.0.1\","
+                            "\"action\":\"report.deleted\",\"reference\":\"" +
+                            ref + "\""),
+              std::string::npos)
+        << api.body;
+    // The database itself keeps the log as it was written.
+    std::string before = value("SELECT count(*) FROM audit");
+    std::string upd = value("UPDATE audit SET account = 'someone else'");
+    std::string del = value("DELETE FROM audit");
+    EXPECT_EQ(value("SELECT count(*) FROM audit"), before);
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE account = 'someone else'"), "0");
+    if (GetParam() == "sqlite") {
+        EXPECT_EQ(upd, "<error: the audit log is append-only>");
+        EXPECT_EQ(del, "<error: the audit log is append-only>");
+    }
+    // Signing out is the last step.
+    admin.post("/signout", {});
+    EXPECT_NE(s.api("/api/audit").body.find("\"action\":\"signout\""), std::string::npos);
+}
+
+TEST_P(Staff, ViewersSeeTheUsersAddressesMaskedAndAnAdminMayRevealThem) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string desc = reportWithPersonalAddresses("grace");
+    std::string ref =
+        reportd::reference(reportd::upload(s.port(), desc, "grace", "my IP is 10.1.2.3\n"));
+    reportd::Browser viewer = s.signedIn("viewer");
+    auto page = viewer.get("/reports/" + ref);
+    ASSERT_EQ(page.status, 200);
+    for (const char *hidden : {"192.168.1.23", "a4:83:e7:01:02:03", "2001:db8:5:6::17", "10.1.2.3"})
+        EXPECT_EQ(page.body.find(hidden), std::string::npos) << hidden;
+    for (const char *shown :
+         {"192.168.x.x", "a4:83:xx:xx:xx:xx", "2001:db8:x:x:x:x:x:x", "10.1.x.x", "grace"})
+        EXPECT_NE(page.body.find(shown), std::string::npos) << shown;
+    // The targets stay readable: the verdicts are about them.
+    EXPECT_NE(page.body.find("10.243.160.1:8081"), std::string::npos);
+    // The same rule for the raw text and the API; the reveal is an admin's.
+    EXPECT_EQ(viewer.get("/reports/" + ref + "/raw").body.find("192.168.1.23"), std::string::npos);
+    EXPECT_EQ(viewer.post("/reports/" + ref + "/reveal", {}).status, 403);
+    EXPECT_EQ(s.api("/api/reports/" + ref).body.find("10.1.2.3"), std::string::npos);
+    EXPECT_NE(s.api("/api/reports/" + ref + "?reveal=1").body.find("10.1.2.3"), std::string::npos);
+    EXPECT_EQ(s.api("/api/reports/" + ref + "/raw?reveal=1").body, desc);
+    reportd::Browser admin = s.signedIn("admin");
+    auto revealed = admin.post("/reports/" + ref + "/reveal", {});
+    EXPECT_NE(revealed.body.find("192.168.1.23"), std::string::npos);
+    EXPECT_NE(revealed.body.find("<p class=\"notice\" id=\"revealed\">"), std::string::npos);
+}
+
+TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
+    std::time_t t0 = 1800000000;
+    setClock(t0);
+    std::string oldRef, newRef;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        auto run = reportgen::healthyRun();
+        run.username = "heidi";
+        run.udp.assign(5, reportgen::udpTimeout());
+        oldRef = reportd::reference(
+            reportd::upload(s.port(), reportgen::report(run), "heidi", "secret comment\n"));
+        setClock(t0 + 80 * 86400);
+        newRef = reportd::reference(reportd::upload(s.port(), "recent\n", "ivan"));
+        EXPECT_EQ(s.stop(), 0);
+    }
+    // Started again 91 days after the first report: it expires before the
+    // server takes requests; the recent one stays whole.
+    setClock(t0 + 91 * 86400);
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    auto json = s.api("/api/reports/" + oldRef);
+    ASSERT_EQ(json.status, 200);
+    EXPECT_NE(json.body.find("\"raw_expired\":true"), std::string::npos) << json.body;
+    EXPECT_NE(json.body.find("\"form_username\":\"heidi\""), std::string::npos);
+    EXPECT_NE(json.body.find("UDP pass-through blocked (5/5 timeouts)"), std::string::npos);
+    EXPECT_EQ(json.body.find("secret comment"), std::string::npos);
+    EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").status, 410);
+    EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "recent\n");
+    auto page = s.signedIn().get("/reports/" + oldRef);
+    EXPECT_NE(page.body.find("<p class=\"notice\" id=\"expired\">The raw text of this report has "
+                             "expired (reports keep it 90 days); its summary and findings "
+                             "remain.</p>"),
+              std::string::npos)
+        << page.body;
+    EXPECT_NE(page.body.find("<td>UDP pass-through blocked (5/5 timeouts)</td>"),
+              std::string::npos);
+    EXPECT_EQ(value("SELECT length(why) FROM reports WHERE reference = '" + oldRef + "'"),
+              "<none>");
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'retention.expired'"), "1");
+    EXPECT_EQ(s.stop(), 0);
+
+    // The command does the same at once, for any age.
+    auto purge = reportd::command(KOBREPORTD_BIN, {"purge", "--older-than", "5", "--db", db}, "",
+                                  clockEnv());
+    EXPECT_EQ(purge.status, 0) << purge.err;
+    EXPECT_EQ(purge.out, "1 report expired\n");
+}
+
+TEST_P(Staff, ADeletedReportIsGoneAndItsTextLeavesTheDatabaseFile) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    const std::string marker = "UNIQUE-MARKER-7f3a9c";
+    std::string big = marker + "\n" + std::string(200000, 'z') + "\n" + marker + "\n";
+    std::string ref = reportd::reference(reportd::upload(s.port(), big, "judy", marker.c_str()));
+    std::string other = reportd::reference(reportd::upload(s.port(), "stays\n"));
+    auto r = s.api("/api/reports/" + ref, "DELETE");
+    EXPECT_EQ(r.status, 200);
+    EXPECT_EQ(r.body, "{\"deleted\":\"" + ref + "\"}");
+    EXPECT_EQ(s.api("/api/reports/" + ref).status, 404);
+    EXPECT_EQ(s.api("/api/reports/" + ref, "DELETE").status, 404);
+    EXPECT_EQ(s.api("/api/reports/" + other + "/raw?reveal=1").body, "stays\n");
+    if (GetParam() == "sqlite") {
+        // Neither the file nor its log holds a byte of it.
+        for (const std::string &f : std::vector<std::string>{db, db + "-wal"}) {
+            SCOPED_TRACE(f);
+            std::string bytes = kobtest::fileExists(f) ? kobtest::readFile(f) : "";
+            EXPECT_EQ(bytes.find(marker), std::string::npos);
+            EXPECT_EQ(bytes.find(std::string(1000, 'z')), std::string::npos);
+        }
+    }
+}
+
+TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
+    const char *firstLayout =
+        GetParam() == "postgres"
+            ? "CREATE TABLE reports (id BIGSERIAL PRIMARY KEY, reference TEXT NOT NULL UNIQUE,"
+              " received_at BIGINT NOT NULL, form_username TEXT, report_username TEXT,"
+              " summary TEXT NOT NULL, peer TEXT NOT NULL, size BIGINT NOT NULL,"
+              " \"desc\" BYTEA NOT NULL, why BYTEA)"
+            : "CREATE TABLE reports (id INTEGER PRIMARY KEY AUTOINCREMENT, reference TEXT UNIQUE,"
+              " received_at INTEGER NOT NULL, form_username TEXT, report_username TEXT,"
+              " summary TEXT NOT NULL, peer TEXT NOT NULL, size INTEGER NOT NULL,"
+              " desc BLOB NOT NULL, why BLOB)";
+    value(firstLayout);
+    value("INSERT INTO reports (reference, received_at, form_username, report_username, summary,"
+          " peer, size, \"desc\", why) VALUES ('KOB-20260101-000001', 1767225600, 'kim', 'kim',"
+          " 'no problem found', '127.0.0.1', 4, 'old\n', NULL)");
+    if (GetParam() == "postgres")
+        value("SELECT setval(pg_get_serial_sequence('reports', 'id'), 1)");
+    reportd::Server s(KOBREPORTD_BIN, db, {"--retain-days", "0"});
+    EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
+    std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
+    EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "2");
+    EXPECT_EQ(s.signedIn().get("/reports/KOB-20260101-000001").status, 200);
+    EXPECT_EQ(s.stop(), 0);
+    // A second start finds it done.
+    reportd::Server again(KOBREPORTD_BIN, db);
+    EXPECT_EQ(again.api("/api/reports").body.rfind("{\"total\":2,", 0), 0u);
+}
