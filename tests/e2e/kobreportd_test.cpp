@@ -7,6 +7,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <set>
@@ -413,4 +414,183 @@ TEST_F(Reportd, ABurstOfUploadsIsAllAnsweredWithUniqueReferences) {
     EXPECT_EQ(unique.count(""), 0u);
     EXPECT_EQ(unique.size(), static_cast<size_t>(kClients));
     EXPECT_EQ(sqlValue(db, "SELECT count(DISTINCT desc) FROM reports"), std::to_string(kClients));
+}
+
+TEST_F(Reportd, UploadsPerAddressAreLimitedAndAnswered429WithRetryAfter) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--rate", "3"});
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(reportd::upload(s.port(), "burst\n").status, 200) << i;
+    auto refused = reportd::upload(s.port(), "one too many\n");
+    EXPECT_EQ(refused.status, 429);
+    EXPECT_EQ(reportd::header(refused, "Retry-After"), "20");
+    EXPECT_EQ(refused.body, "Too many reports from this address, please wait\n");
+    // Another address has its own allowance, and health checks are not counted.
+    EXPECT_EQ(reportd::uploadFrom("127.0.0.2", s.port(), "elsewhere\n").status, 200);
+    EXPECT_EQ(reportd::get(s.port(), "/healthz").status, 200);
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "4");
+}
+
+TEST_F(Reportd, UploadsBeyondTheInFlightLimitAreAnswered503) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--threads", "8", "--max-inflight", "2"});
+    std::string body = reportgen::body(std::string("slow report\n"), std::nullopt, std::nullopt);
+    std::string head = reportgen::head("h", body.size());
+    head.insert(head.size() - 2, "Expect: 100-continue\r\n");
+    // Two uploads whose bodies have not arrived yet.
+    std::vector<int> slow;
+    for (int i = 0; i < 2; i++) {
+        struct sockaddr_in a {};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(s.port()));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+        ASSERT_EQ(send(fd, head.data(), head.size(), 0), static_cast<ssize_t>(head.size()));
+        // The interim answer comes just before the upload is counted.
+        struct pollfd pf = {fd, POLLIN, 0};
+        ASSERT_EQ(poll(&pf, 1, 5000), 1);
+        char buf[256];
+        ASSERT_GT(recv(fd, buf, sizeof buf, 0), 0);
+        slow.push_back(fd);
+    }
+    reportd::Response busy;
+    for (int i = 0; i < 50 && busy.status != 503; i++)
+        busy = reportd::upload(s.port(), "third\n");
+    EXPECT_EQ(busy.status, 503);
+    EXPECT_EQ(reportd::header(busy, "Retry-After"), "10");
+    EXPECT_EQ(busy.body, "Too busy, please send the report again shortly\n");
+    // The two finish, and the door opens again.
+    for (int fd : slow) {
+        ASSERT_EQ(send(fd, body.data(), body.size(), 0), static_cast<ssize_t>(body.size()));
+        std::string raw;
+        char buf[4096];
+        ssize_t n;
+        while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+            raw.append(buf, static_cast<size_t>(n));
+        close(fd);
+        EXPECT_EQ(reportd::parse(raw).status, 200) << raw;
+    }
+    EXPECT_EQ(reportd::upload(s.port(), "fourth\n").status, 200);
+}
+
+TEST_F(Reportd, WithoutAStaffListenerThereIsNoStaffSideAtAll) {
+    reportd::Server s(KOBREPORTD_BIN, db, {}, false);
+    for (const char *path : {"/", "/signin", "/api/reports", "/static/style.css", "/audit"})
+        EXPECT_EQ(reportd::get(s.port(), path).status, 404) << path;
+    EXPECT_EQ(reportd::get(s.port(), "/healthz").body, "ok");
+}
+
+TEST_F(Reportd, AccountsAreMadeFromTheCommandLineWithThePasswordOnStandardInput) {
+    auto add =
+        reportd::command(KOBREPORTD_BIN, {"user", "add", "lena", "--role", "admin", "--db", db},
+                         "a password of lena\n");
+    EXPECT_EQ(add.status, 0) << add.err;
+    EXPECT_EQ(add.out, "");
+    EXPECT_EQ(add.err, "");
+    auto again =
+        reportd::command(KOBREPORTD_BIN, {"user", "add", "lena", "--role", "viewer", "--db", db},
+                         "another password\n");
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.err, "kobreportd: user lena exists already\n");
+    auto shortPw = reportd::command(
+        KOBREPORTD_BIN, {"user", "add", "mike", "--role", "viewer", "--db", db}, "short\n");
+    EXPECT_EQ(shortPw.status, 1);
+    EXPECT_EQ(shortPw.err, "kobreportd: a password needs 12 or more characters\n");
+    EXPECT_EQ(reportd::command(KOBREPORTD_BIN, {"user", "add", "mike", "--db", db}).status, 1);
+    auto badName =
+        reportd::command(KOBREPORTD_BIN, {"user", "add", "<b>", "--role", "viewer", "--db", db},
+                         "a long enough password\n");
+    EXPECT_EQ(badName.err, "kobreportd: a name is 1 to 64 letters, digits, '.', '_', '-' or '@'\n");
+    // A token is printed once and kept only as a hash.
+    auto tok = reportd::command(KOBREPORTD_BIN, {"token", "add", "grafana", "--db", db});
+    EXPECT_EQ(tok.status, 0);
+    ASSERT_EQ(tok.out.size(), 4u + 16 + 1 + 64 + 1) << tok.out;
+    EXPECT_EQ(tok.out.rfind("kob_", 0), 0u);
+    std::string token = tok.out.substr(0, tok.out.size() - 1);
+    std::string file = kobtest::readFile(db) +
+                       (kobtest::fileExists(db + "-wal") ? kobtest::readFile(db + "-wal") : "");
+    EXPECT_EQ(file.find(token.substr(21)), std::string::npos);
+    EXPECT_EQ(file.find("a password of lena"), std::string::npos);
+    auto users = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
+    EXPECT_EQ(users.out, "lena\tadmin\n");
+    auto tokens = reportd::command(KOBREPORTD_BIN, {"token", "list", "--db", db});
+    EXPECT_EQ(tokens.out, "grafana\tviewer\n");
+    EXPECT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "del", "grafana", "--db", db}).status, 0);
+    auto gone = reportd::command(KOBREPORTD_BIN, {"token", "del", "grafana", "--db", db});
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_EQ(gone.err, "kobreportd: no token grafana\n");
+    // A password never comes from the command line.
+    auto onLine = reportd::command(
+        KOBREPORTD_BIN, {"user", "add", "nina", "--role", "viewer", "--password", "x", "--db", db});
+    EXPECT_EQ(onLine.status, 1);
+    EXPECT_EQ(onLine.err.rfind("usage: kobreportd --listen ADDR:PORT --db PATH_OR_URL", 0), 0u);
+    EXPECT_EQ(
+        sqlValue(db,
+                 "SELECT group_concat(action, ' ') FROM (SELECT action FROM audit ORDER BY id)"),
+        "user.added token.added token.deleted");
+}
+
+TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
+    std::string cert = dir.file("cert.pem"), key = dir.file("key.pem");
+    auto made = kobtest::runProgram({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048",
+                                     "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj",
+                                     "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1"});
+    ASSERT_TRUE(made.exited(0)) << made.err;
+    reportd::Server s(KOBREPORTD_BIN, db, {"--tls-cert", cert, "--tls-key", key});
+    EXPECT_EQ(s.readyLine(), "kobreportd: intake on http://127.0.0.1:" + std::to_string(s.port()) +
+                                 "/; staff on https://127.0.0.1:" + std::to_string(s.staffPort()) +
+                                 "/\n");
+    // The intake stays plain HTTP, as kobdiag speaks it.
+    std::string ref = reportd::reference(reportd::upload(s.port(), "over plain HTTP\n"));
+    ASSERT_FALSE(ref.empty());
+    ASSERT_EQ(s.addUser("olga", "viewer", "password of olga").status, 0);
+
+    httplib::SSLClient c("127.0.0.1", s.staffPort());
+    c.set_ca_cert_path(cert.c_str());
+    c.enable_server_certificate_verification(true);
+    auto signin = c.Get("/signin");
+    ASSERT_TRUE(signin) << httplib::to_string(signin.error());
+    EXPECT_EQ(signin->status, 200);
+    EXPECT_EQ(signin->get_header_value("Strict-Transport-Security"), "max-age=31536000");
+    std::string pre = signin->get_header_value("Set-Cookie");
+    ASSERT_NE(pre.find("; HttpOnly; SameSite=Strict; Path=/; Secure; Max-Age=3600"),
+              std::string::npos)
+        << pre;
+    std::string csrfAt = "name=\"csrf\" value=\"";
+    auto at = signin->body.find(csrfAt) + csrfAt.size();
+    std::string csrf = signin->body.substr(at, 64);
+    httplib::Headers h = {{"Cookie", pre.substr(0, pre.find(';'))}};
+    auto r = c.Post("/signin", h,
+                    reportd::formEncode({{"csrf", csrf},
+                                         {"name", "olga"},
+                                         {"password", "password of olga"},
+                                         {"next", "/reports/" + ref}}),
+                    "application/x-www-form-urlencoded");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 303);
+    EXPECT_EQ(r->get_header_value("Location"), "/reports/" + ref);
+    std::string session;
+    for (size_t i = 0; i < r->get_header_value_count("Set-Cookie"); i++) {
+        std::string v = r->get_header_value("Set-Cookie", i);
+        if (v.rfind("kob_session=", 0) == 0)
+            session = v;
+    }
+    EXPECT_EQ(session.size(), std::string("kob_session=").size() + 64 +
+                                  std::string("; HttpOnly; SameSite=Strict; Path=/; Secure").size())
+        << session;
+    EXPECT_NE(session.find("; Secure"), std::string::npos);
+    auto page =
+        c.Get(("/reports/" + ref).c_str(), {{"Cookie", session.substr(0, session.find(';'))}});
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_NE(page->body.find("over plain HTTP"), std::string::npos);
+    // Plain HTTP to the staff port gets no page.
+    EXPECT_FALSE(reportd::get(s.staffPort(), "/signin").status == 200);
+    // A key that does not go with the certificate stops the start.
+    kobtest::writeFile(dir.file("bad.pem"), "not a key\n");
+    auto bad = kobtest::runProgram({KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--staff-listen",
+                                    "127.0.0.1:0", "--db", db, "--tls-cert", cert, "--tls-key",
+                                    dir.file("bad.pem")});
+    EXPECT_TRUE(bad.exited(1));
+    EXPECT_EQ(bad.err, "kobreportd: cannot use the certificate " + cert + " with the key " +
+                           dir.file("bad.pem") + "\n");
 }

@@ -263,8 +263,17 @@ Response exchange(int port, const std::vector<std::string> &pieces, int timeoutS
 }
 
 Response exchangeAt(const std::string &host, int port, const std::vector<std::string> &pieces,
-                    int timeoutSeconds) {
+                    int timeoutSeconds, const std::string &source) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (!source.empty()) {
+        struct sockaddr_in from {};
+        from.sin_family = AF_INET;
+        if (inet_pton(AF_INET, source.c_str(), &from.sin_addr) != 1 ||
+            bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0) {
+            close(fd);
+            return {};
+        }
+    }
     struct sockaddr_in a {};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port));
@@ -306,6 +315,12 @@ Response upload(int port, const std::string &desc, const char *username, const c
         reportgen::body(desc, username ? std::optional<std::string>(username) : std::nullopt,
                         why ? std::optional<std::string>(why) : std::nullopt);
     return exchange(port, {reportgen::head("report.kobvane.example", body.size()), body});
+}
+
+Response uploadFrom(const std::string &source, int port, const std::string &desc) {
+    std::string body = reportgen::body(desc, std::nullopt, std::nullopt);
+    return exchangeAt("127.0.0.1", port,
+                      {reportgen::head("report.kobvane.example", body.size()), body}, 30, source);
 }
 
 Response get(int port, const std::string &path) {

@@ -95,9 +95,13 @@ class Server {
 // Connects to 127.0.0.1:port, writes each piece with one write (as kobdiag
 // writes its head and then its body), reads until the server closes.
 Response exchange(int port, const std::vector<std::string> &pieces, int timeoutSeconds = 30);
-// The same with another loopback address than 127.0.0.1.
+// The same with another loopback address than 127.0.0.1, and from a given
+// source address (another loopback address, as if another machine sent it).
 Response exchangeAt(const std::string &host, int port, const std::vector<std::string> &pieces,
-                    int timeoutSeconds = 30);
+                    int timeoutSeconds = 30, const std::string &source = "");
+
+// An upload as kobdiag sends it, from the source address given.
+Response uploadFrom(const std::string &source, int port, const std::string &desc);
 
 // An upload as kobdiag sends it.
 Response upload(int port, const std::string &desc, const char *username = nullptr,
