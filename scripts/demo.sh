@@ -33,6 +33,14 @@ stop_koblab() {
 trap stop_koblab EXIT
 trap 'echo; echo "==> interrupted"; exit 130' INT TERM
 
+# Staff sign in to see reports: an admin account with a random password,
+# and an API token for this script to fetch the stored report with.
+rm -f "$reports"/reports.db*
+admin_password=$(head -c 18 /dev/urandom | base64 | tr '+/' '-_')
+printf '%s\n' "$admin_password" |
+  "$build/tools/kobreportd" user add demo-admin --role admin --db "$reports/reports.db"
+token=$("$build/tools/kobreportd" token add demo-script --role admin --db "$reports/reports.db")
+
 echo "==> starting koblab (the operator's network on loopback addresses)"
 "$build/tools/koblab" -d "$reports" -s "$build/tools/kobreportd" >"$koblab_log" 2>&1 &
 koblab_pid=$!
@@ -76,22 +84,25 @@ if [ -z "$reference" ]; then
 fi
 echo "==> the reference the user saw: $reference"
 
-# The stored report, fetched from the intake's API with bash alone.
+# The stored report, as the user sent it, fetched from the staff side's API
+# with bash alone.
 hostport=${view#http://}
 hostport=${hostport%/}
 stored=$reports/$reference.txt
 exec 3<>"/dev/tcp/${hostport%:*}/${hostport##*:}"
-printf 'GET /api/reports/%s/raw HTTP/1.1\r\nHost: %s\r\nConnection: close\r\n\r\n' \
-  "$reference" "$hostport" >&3
+printf 'GET /api/reports/%s/raw?reveal=1 HTTP/1.1\r\nHost: %s\r\nAuthorization: Bearer %s\r\nConnection: close\r\n\r\n' \
+  "$reference" "$hostport" "$token" >&3
 sed '1,/^\r$/d' <&3 >"$stored"
 exec 3<&-
 echo
 echo "==> kobreport: the verdicts on report $reference ($(wc -c <"$stored") bytes stored)"
 "$build/tools/kobreport" "$stored"
 echo
-echo "==> browser view: $view (report page: ${view}reports/$reference)"
+echo "==> staff view: $view (report page: ${view}reports/$reference)"
+echo "    sign in as demo-admin with the password $admin_password"
 echo "    It is served while koblab runs; to browse the stored reports again later:"
-echo "    $build/tools/kobreportd --listen 127.0.0.1:8080 --db $reports/reports.db"
+echo "    $build/tools/kobreportd --listen 127.0.0.1:8080 --staff-listen 127.0.0.1:8081 \\"
+echo "      --db $reports/reports.db"
 stop_koblab
 echo
 tail -n 2 "$koblab_log"

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Load and fault runs against kobreportd, on loopback, that print figures:
 # 200 concurrent uploads of 1 MiB (SQLite, then PostgreSQL), the server
-# killed in the middle of a stream of uploads and restarted, and hostile
-# requests.  Not part of scripts/test.sh: the figures are for reading.
+# killed in the middle of a stream of uploads and restarted, the intake's
+# limits under a flood from one address, and hostile requests.  Not part of scripts/test.sh: the figures are for reading.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -22,6 +22,8 @@ echo "==> load"
 echo "==> kill and restart"
 "$stress" crash "$server" --cycles 3 || status=1
 "$stress" crash "$server" --cycles 3 --postgres || status=1
+echo "==> intake limits"
+"$stress" limits "$server" || status=1
 echo "==> hostile requests"
 "$stress" hostile "$server" || status=1
 exit $status

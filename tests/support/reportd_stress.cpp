@@ -4,6 +4,7 @@
 //   kobreportd-stress load   KOBREPORTD [--postgres] [--count N] [--size BYTES]
 //   kobreportd-stress crash  KOBREPORTD [--postgres] [--cycles N]
 //   kobreportd-stress hostile KOBREPORTD
+//   kobreportd-stress limits KOBREPORTD
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -20,6 +21,7 @@
 #include <set>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -121,8 +123,7 @@ int load(const Options &o) {
     // Every answered report is stored once and whole.
     int whole = 0;
     for (int i = 0; i < o.count; i++)
-        if (!refs[i].empty() &&
-            s.api("/api/reports/" + refs[i] + "/raw?reveal=1").body == descs[i])
+        if (!refs[i].empty() && s.api("/api/reports/" + refs[i] + "/raw?reveal=1").body == descs[i])
             whole++;
     auto list = s.api("/api/reports");
     long long total = -1;
@@ -354,12 +355,95 @@ int hostile(const Options &o) {
 }
 
 int usage() {
-    std::fprintf(stderr, "usage: kobreportd-stress load|crash|hostile KOBREPORTD [--postgres] "
-                         "[--count N] [--size BYTES] [--cycles N]\n");
+    std::fprintf(stderr,
+                 "usage: kobreportd-stress load|crash|hostile|limits KOBREPORTD [--postgres] "
+                 "[--count N] [--size BYTES] [--cycles N]\n");
     return 2;
 }
 
 } // namespace
+
+// One address floods the intake with uploads from many connections, some
+// of them slow to send; the limits per address and in flight answer 429 and
+// 503 while a normal client on another address is served as usual.
+int limits(const Options &o) {
+    Database db(false);
+    reportd::Server s(o.binary, db.where,
+                      {"--rate", "30", "--max-inflight", "8", "--threads", "16"});
+    int port = s.port();
+    std::printf("intake limits (30 uploads a minute per address, 8 in flight, 16 workers)\n");
+    std::atomic<bool> stop{false};
+    std::atomic<int> normalOk{0}, normalOther{0};
+    std::atomic<long long> worstMs{0};
+    std::thread normal([&] {
+        std::string desc = reportgen::report(reportgen::healthyRun());
+        while (!stop) {
+            auto t0 = Clock::now();
+            // Each time from another address, as users of one network are.
+            static int n = 0;
+            std::string from = "127.0.1." + std::to_string(1 + n++ % 250);
+            auto r = reportd::uploadFrom(from, port, desc);
+            long long ms = static_cast<long long>(secondsSince(t0) * 1000);
+            if (ms > worstMs)
+                worstMs = ms;
+            (r.status == 200 ? normalOk : normalOther)++;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    std::map<int, int> answers;
+    std::mutex m;
+    std::string desc = reportgen::report(reportgen::healthyRun());
+    std::string body = reportgen::body(desc, std::nullopt, std::nullopt);
+    std::string head = reportgen::head("h", body.size());
+    auto t0 = Clock::now();
+    std::vector<std::thread> flood;
+    for (int c = 0; c < 32; c++)
+        flood.emplace_back([&, c] {
+            for (int i = 0; i < 40; i++) {
+                reportd::Response r;
+                if (c % 4 == 0) {
+                    // A slow sender: the head, then the body a second later.
+                    int fd = -1;
+                    struct sockaddr_in a {};
+                    a.sin_family = AF_INET;
+                    a.sin_port = htons(static_cast<uint16_t>(port));
+                    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                    fd = socket(AF_INET, SOCK_STREAM, 0);
+                    if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+                        send(fd, head.data(), head.size(), MSG_NOSIGNAL) > 0) {
+                        std::this_thread::sleep_for(std::chrono::seconds(1));
+                        (void)send(fd, body.data(), body.size(), MSG_NOSIGNAL);
+                        r = reportd::parse(readAll(fd));
+                    }
+                    close(fd);
+                } else {
+                    r = reportd::upload(port, desc);
+                }
+                std::lock_guard<std::mutex> lock(m);
+                answers[r.status]++;
+            }
+        });
+    for (auto &t : flood)
+        t.join();
+    double took = secondsSince(t0);
+    stop = true;
+    normal.join();
+    int total = 0;
+    for (auto &[code, n] : answers)
+        total += n;
+    std::printf("  flood from 127.0.0.1: %d uploads in %.1f s: %d answered 200, %d 429, %d 503, "
+                "%d other\n",
+                total, took, answers[200], answers[429], answers[503],
+                total - answers[200] - answers[429] - answers[503]);
+    std::printf("  normal client on other addresses meanwhile: %d answered 200, %d other, worst "
+                "latency %lld ms\n",
+                normalOk.load(), normalOther.load(), worstMs.load());
+    int st = s.stop();
+    bool ok = normalOther == 0 && answers[429] > 0 && WIFEXITED(st) && WEXITSTATUS(st) == 0;
+    std::printf("  %s\n",
+                ok ? "ok: the flood was limited and the normal client was served" : "FAILED");
+    return ok ? 0 : 1;
+}
 
 int main(int argc, char *argv[]) {
     if (argc < 3)
@@ -386,6 +470,8 @@ int main(int argc, char *argv[]) {
         return load(o);
     if (mode == "crash")
         return crash(o);
+    if (mode == "limits")
+        return limits(o);
     if (mode == "hostile")
         return hostile(o);
     return usage();

@@ -37,10 +37,10 @@ struct AccountInfo {
 };
 
 // The limits of a session and of failed sign-ins.
-constexpr std::time_t kSessionIdle = 30 * 60;
-constexpr std::time_t kSessionAbsolute = 12 * 60 * 60;
+constexpr std::time_t kSessionIdle = std::time_t{30} * 60;
+constexpr std::time_t kSessionAbsolute = std::time_t{12} * 60 * 60;
 constexpr int kSignInFailures = 5;
-constexpr std::time_t kSignInWindow = 5 * 60;
+constexpr std::time_t kSignInWindow = std::time_t{5} * 60;
 
 class Accounts {
   public:

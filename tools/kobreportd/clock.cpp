@@ -22,13 +22,15 @@ std::time_t now() {
     const char *file = clockFile();
     if (!file)
         return std::time(nullptr);
-    long long v = 0;
+    char buf[32] = "";
     if (FILE *f = std::fopen(file, "r")) {
-        if (std::fscanf(f, "%lld", &v) != 1)
-            v = 0;
+        if (!std::fgets(buf, sizeof buf, f))
+            buf[0] = '\0';
         std::fclose(f);
     }
-    return v > 0 ? static_cast<std::time_t>(v) : std::time(nullptr);
+    char *end = nullptr;
+    long long v = std::strtoll(buf, &end, 10);
+    return end != buf && v > 0 ? static_cast<std::time_t>(v) : std::time(nullptr);
 }
 
 } // namespace kobreportd

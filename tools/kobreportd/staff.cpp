@@ -126,7 +126,7 @@ class StaffRoutes {
     // A page for signed-in staff.  Without a session it sends the browser to
     // the sign-in page; a form that changes something must also carry the
     // session's form token and come from this server's own pages.
-    void page(Method m, const std::string &pattern, Role need, Handler h) {
+    void page(Method m, const std::string &pattern, Role need, const Handler &h) {
         add(m, pattern, [this, m, need, h](const Request &req, Response &res) {
             auto who = accounts_.session(cookie(req, kSessionCookie));
             if (!who) {
@@ -154,7 +154,7 @@ class StaffRoutes {
     }
 
     // An /api/ route: a bearer token, nothing else.
-    void api(Method m, const std::string &pattern, Role need, Handler h) {
+    void api(Method m, const std::string &pattern, Role need, const Handler &h) {
         add(m, pattern, [this, need, h](const Request &req, Response &res) {
             std::string auth = req.get_header_value("Authorization");
             std::optional<Principal> who;
@@ -583,7 +583,7 @@ std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &o, Store &store
     svr->set_keep_alive_max_count(20);
     svr->set_keep_alive_timeout(2);
     // Forms are small; nothing bigger is taken in.
-    svr->set_payload_max_length(64 * 1024);
+    svr->set_payload_max_length(size_t{64} * 1024);
     svr->set_socket_options([](socket_t sock) {
         int yes = 1;
         setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);

@@ -76,7 +76,8 @@ void Store::migrate() {
         int version = 0;
         if (tableExists(d, c, "kob_meta")) {
             auto v = c.query("SELECT value FROM kob_meta WHERE key = 'schema'");
-            version = v.empty() ? 0 : std::atoi(v.str(0, 0).c_str());
+            version =
+                v.empty() ? 0 : static_cast<int>(std::strtol(v.str(0, 0).c_str(), nullptr, 10));
         }
         if (version > kSchemaVersion)
             throw StoreError("the database was written by a newer kobreportd (layout " +
