@@ -575,3 +575,41 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     reportd::Server again(KOBREPORTD_BIN, db);
     EXPECT_EQ(again.api("/api/reports").body.rfind("{\"total\":2,", 0), 0u);
 }
+
+TEST_P(Staff, NamesAndSearchesAreCleanedAndMatchedLiterallyOnEitherStore) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    // User names with broken UTF-8, a zero byte and every wildcard of LIKE.
+    const std::vector<std::string> names = {"bad\xff\xfe", "nul\x01",     "100%", "under_score",
+                                            "it's",        "back\\slash", "plain"};
+    for (const auto &n : names)
+        ASSERT_FALSE(reportd::reference(reportd::upload(s.port(), "r\n", n.c_str())).empty()) << n;
+    // A form field with a zero byte in it is cut by nothing: it is kept as U+FFFD.
+    std::string body = reportgen::body(std::string("r\n"), std::string("ze\0ro", 5), std::nullopt);
+    ASSERT_EQ(reportd::exchange(s.port(), {reportgen::head("h", body.size()), body}).status, 200);
+    struct Case {
+        std::string q; // as sent, percent-encoded
+        int total;
+    } cases[] = {
+        {"%25", 1},       // "%" matches only "100%"
+        {"_", 1},         // "_" only "under_score"
+        {"%27", 1},       // "'" only "it's"
+        {"%5C", 1},       // "\" only "back\slash"
+        {"%EF%BF%BD", 2}, // U+FFFD: the broken name and the zero byte
+        {"%FF", 2},       // a broken search is cleaned the same way
+        {"ze%EF%BF%BDro", 1},
+        {"PLAIN", 1},
+        {"%25%25", 0},
+        {"", static_cast<int>(names.size()) + 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.q);
+        auto r = s.api("/api/reports?q=" + c.q);
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(r.body.rfind("{\"total\":" + std::to_string(c.total) + ",", 0), 0u)
+            << r.body.substr(0, 300);
+    }
+    auto list = s.api("/api/reports?q=bad");
+    EXPECT_NE(list.body.find("\"form_username\":\"bad\xef\xbf\xbd\xef\xbf\xbd\""),
+              std::string::npos)
+        << list.body;
+}
