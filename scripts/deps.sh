@@ -10,7 +10,7 @@ packages=(
   net-tools traceroute iproute2 time
   # the operator's side: kobreportd, its databases and the browser test
   libcpp-httplib-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
-  libsodium-dev libssl-dev nlohmann-json3-dev openssl
+  libsodium-dev libssl-dev nlohmann-json3-dev openssl prometheus
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
 )
 

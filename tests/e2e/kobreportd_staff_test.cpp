@@ -130,6 +130,7 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
         {"GET", "/api/reports/" + ref + "?reveal=1", Route::Api, true, 200},
         {"GET", "/api/reports/" + ref + "/raw?reveal=1", Route::Api, true, 200},
         {"GET", "/api/audit", Route::Api, true, 200},
+        {"GET", "/metrics", Route::Api, false, 200},
         {"DELETE", "/api/reports/" + doomedToo, Route::Api, true, 200},
         {"POST", "/signout", Route::Page, false, 303},
     };

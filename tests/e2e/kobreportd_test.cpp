@@ -594,3 +594,42 @@ TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
     EXPECT_EQ(bad.err, "kobreportd: cannot use the certificate " + cert + " with the key " +
                            dir.file("bad.pem") + "\n");
 }
+
+TEST_F(Reportd, MetricsCountUploadsAndPassPromtool) {
+    if (access("/usr/bin/promtool", X_OK) != 0)
+        GTEST_SKIP() << "promtool is not installed (Debian package prometheus)";
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::upload(s.port(), "one\n").status, 200);
+    EXPECT_EQ(reportd::upload(s.port(), std::string(1000, 'x')).status, 200);
+    EXPECT_EQ(reportd::exchange(s.port(), {"POST /report/problem.php HTTP/1.1\r\n"
+                                           "Content-Length: 5\r\n\r\nhello"})
+                  .status,
+              400);
+    EXPECT_EQ(reportd::get(s.port(), "/healthz").status, 200);
+    auto m = s.api("/metrics");
+    ASSERT_EQ(m.status, 200);
+    EXPECT_EQ(reportd::header(m, "Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
+    for (const std::string line : {
+             "kobreportd_uploads_total{code=\"200\"} 2\n",
+             "kobreportd_uploads_total{code=\"400\"} 1\n",
+             "kobreportd_uploads_total{code=\"429\"} 0\n",
+             "kobreportd_reports_stored_total 2\n",
+             "kobreportd_upload_duration_seconds_count 3\n",
+             "kobreportd_upload_duration_seconds_bucket{le=\"+Inf\"} 3\n",
+             "kobreportd_triage_duration_seconds_count 2\n",
+             "# TYPE process_resident_memory_bytes gauge\n",
+         })
+        EXPECT_NE(m.body.find(line), std::string::npos) << line << m.body;
+    // The bodies' bytes, as their Content-Length said.
+    auto bytesAt = m.body.find("\nkobreportd_upload_received_bytes_total ");
+    ASSERT_NE(bytesAt, std::string::npos);
+    EXPECT_GT(std::atoll(m.body.c_str() + bytesAt + 40), 1000);
+    kobtest::writeFile(dir.file("metrics.txt"), m.body);
+    auto check = kobtest::runProgram(
+        {"/bin/sh", "-c", "/usr/bin/promtool check metrics < " + dir.file("metrics.txt")});
+    EXPECT_TRUE(check.exited(0)) << check.out << check.err;
+    EXPECT_EQ(check.out + check.err, "");
+    // Not without a token, and not on the intake.
+    EXPECT_EQ(reportd::get(s.staffPort(), "/metrics").status, 401);
+    EXPECT_EQ(reportd::get(s.port(), "/metrics").status, 404);
+}

@@ -25,6 +25,9 @@ using Clock = std::chrono::steady_clock;
 thread_local bool tl_timedOut = false;
 // Set while this worker's upload counts against the in-flight limit.
 thread_local bool tl_inflight = false;
+// When this worker read the head of its upload, and the length it claims.
+thread_local Clock::time_point tl_uploadStart;
+thread_local size_t tl_uploadLength = 0;
 
 class DeadlineStream : public httplib::Stream {
   public:
@@ -243,8 +246,8 @@ void answer(httplib::Response &res, int status, const std::string &text) {
     res.set_content(text, "text/plain; charset=utf-8");
 }
 
-IntakeServer::IntakeServer(Store &store, const Limits &limits)
-    : store_(store), limits_(limits), rate_(limits.rate_per_minute) {
+IntakeServer::IntakeServer(Store &store, const Limits &limits, Metrics &metrics)
+    : store_(store), limits_(limits), metrics_(metrics), rate_(limits.rate_per_minute) {
     int threads = limits_.threads;
     new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
     set_payload_max_length(limits_.max_body);
@@ -273,6 +276,8 @@ IntakeServer::IntakeServer(Store &store, const Limits &limits)
             return HR::Handled;
         }
         if (req.path == kUploadPath) {
+            tl_uploadStart = Clock::now();
+            tl_uploadLength = length;
             if (req.method != "POST") {
                 answer(res, 405, "Method not allowed: the report is sent with POST\n");
                 res.set_header("Allow", "POST");
@@ -310,6 +315,13 @@ IntakeServer::IntakeServer(Store &store, const Limits &limits)
         return HR::Handled;
     });
 
+    // Every upload that got an answer is counted, whatever the answer.
+    set_logger([this](const httplib::Request &req, const httplib::Response &res) {
+        if (req.path != kUploadPath || warming_)
+            return;
+        metrics_.upload(res.status, tl_uploadLength,
+                        std::chrono::duration<double>(Clock::now() - tl_uploadStart).count());
+    });
     Post(kUploadPath, [this](const httplib::Request &req, httplib::Response &res,
                              const httplib::ContentReader &reader) { upload(req, res, reader); });
     set_error_handler([](const httplib::Request &, httplib::Response &res) {
@@ -344,6 +356,7 @@ void IntakeServer::warmUp() {
         tl_inflight = false;
         inflight_.fetch_sub(1);
     }
+    warming_ = false;
 }
 
 void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
@@ -397,12 +410,15 @@ void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
         nr.form_username = u->second;
     if (auto w = fields.find("why"); w != fields.end())
         nr.why = w->second;
+    auto triageStart = Clock::now();
     auto triage = kobtriage::parse(nr.desc);
+    metrics_.triage(std::chrono::duration<double>(Clock::now() - triageStart).count());
     nr.report_username = triage.username;
     nr.summary = triage.summary();
     nr.peer = req.remote_addr;
     try {
         std::string ref = store_.insert(nr);
+        metrics_.stored();
         answer(res, 200, "Report received: " + ref);
     } catch (const StoreError &e) {
         std::fprintf(stderr, "kobreportd: report from %s not stored: %s\n", nr.peer.c_str(),

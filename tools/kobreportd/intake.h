@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 
+#include "metrics.h"
 #include "store.h"
 
 namespace kobreportd {
@@ -47,7 +48,7 @@ class RateLimiter {
 
 class IntakeServer : public httplib::Server {
   public:
-    IntakeServer(Store &store, const Limits &limits);
+    IntakeServer(Store &store, const Limits &limits, Metrics &metrics);
 
     // After binding: a deeper accept queue than the library's five, so that
     // a burst of uploads (every user of a failing network at once) waits
@@ -71,8 +72,12 @@ class IntakeServer : public httplib::Server {
                 const httplib::ContentReader &reader);
     Store &store_;
     Limits limits_;
+    Metrics &metrics_;
     RateLimiter rate_;
     std::atomic<int> inflight_{0};
+    // The warm-up's request is not an upload to count; it runs before any
+    // worker exists.
+    bool warming_ = true;
 };
 
 // A plain-text answer; every answer closes its connection.

@@ -273,7 +273,8 @@ int main(int argc, char *argv[]) {
         return fail(e.what());
     }
 
-    IntakeServer svr(*store, limits);
+    Metrics metrics;
+    IntakeServer svr(*store, limits, metrics);
     port = bindServer(svr, host, port);
     if (port < 0)
         return fail("cannot listen on " + listen + ": " + std::strerror(errno));
@@ -284,7 +285,7 @@ int main(int argc, char *argv[]) {
     if (!staffListen.empty()) {
         staff.threads = std::min(limits.threads, 16);
         std::string error;
-        staffSvr = makeStaffServer(staff, *store, *accounts, *audit, error);
+        staffSvr = makeStaffServer(staff, *store, *accounts, *audit, metrics, error);
         if (!staffSvr)
             return fail(error);
         staffPort = bindServer(*staffSvr->http, staffHost, staffPort);

@@ -94,10 +94,10 @@ void seeOther(Response &res, const std::string &where) {
 
 class StaffRoutes {
   public:
-    StaffRoutes(httplib::Server &svr, Store &store, Accounts &accounts, Audit &audit, bool tls,
-                int retainDays)
-        : svr_(svr), store_(store), accounts_(accounts), audit_(audit), tls_(tls),
-          retainDays_(retainDays) {
+    StaffRoutes(httplib::Server &svr, Store &store, Accounts &accounts, Audit &audit,
+                const Metrics &metrics, bool tls, int retainDays)
+        : svr_(svr), store_(store), accounts_(accounts), audit_(audit), metrics_(metrics),
+          tls_(tls), retainDays_(retainDays) {
         routes();
     }
 
@@ -291,6 +291,7 @@ class StaffRoutes {
     Store &store_;
     Accounts &accounts_;
     Audit &audit_;
+    const Metrics &metrics_;
     bool tls_;
     int retainDays_;
 };
@@ -538,6 +539,11 @@ void StaffRoutes::routes() {
             w.beginObject().key("deleted").value(ref).endObject();
             json(res, 200, w.str());
         });
+    // For Prometheus, with a token like the API.
+    api(Method::Get, "/metrics", Role::Viewer,
+        [this](const Request &, Response &res, const Principal &) {
+            res.set_content(metrics_.text(), "text/plain; version=0.0.4; charset=utf-8");
+        });
     api(Method::Get, "/api/audit", Role::Admin,
         [this](const Request &req, Response &res, const Principal &) {
             int64_t pg = pageNumber(req), total = 0;
@@ -560,7 +566,8 @@ StaffServer::StaffServer() = default;
 StaffServer::~StaffServer() = default;
 
 std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &o, Store &store,
-                                             Accounts &accounts, Audit &audit, std::string &error) {
+                                             Accounts &accounts, Audit &audit,
+                                             const Metrics &metrics, std::string &error) {
     std::unique_ptr<httplib::Server> svr;
     bool tls = !o.tls_cert.empty();
     if (tls) {
@@ -609,7 +616,8 @@ std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &o, Store &store
         answer(res, 500, "Internal error\n");
     });
     auto out = std::make_unique<StaffServer>();
-    out->routes = std::make_unique<StaffRoutes>(*svr, store, accounts, audit, tls, o.retain_days);
+    out->routes =
+        std::make_unique<StaffRoutes>(*svr, store, accounts, audit, metrics, tls, o.retain_days);
     out->http = std::move(svr);
     return out;
 }

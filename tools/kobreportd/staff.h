@@ -11,6 +11,7 @@
 
 #include "accounts.h"
 #include "audit.h"
+#include "metrics.h"
 #include "store.h"
 
 namespace kobreportd {
@@ -34,7 +35,8 @@ struct StaffServer {
 // The server with every staff route; nullptr with a message in error when
 // the certificate or key cannot be used.
 std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &options, Store &store,
-                                             Accounts &accounts, Audit &audit, std::string &error);
+                                             Accounts &accounts, Audit &audit,
+                                             const Metrics &metrics, std::string &error);
 
 } // namespace kobreportd
 
