@@ -26,7 +26,7 @@ thread_local bool tl_timedOut = false;
 // Set while this worker's upload counts against the in-flight limit.
 thread_local bool tl_inflight = false;
 // When this worker read the head of its upload, and the length it claims.
-thread_local Clock::time_point tl_uploadStart;
+thread_local Clock::rep tl_uploadStart = 0;
 thread_local size_t tl_uploadLength = 0;
 
 class DeadlineStream : public httplib::Stream {
@@ -276,7 +276,7 @@ IntakeServer::IntakeServer(Store &store, const Limits &limits, Metrics &metrics)
             return HR::Handled;
         }
         if (req.path == kUploadPath) {
-            tl_uploadStart = Clock::now();
+            tl_uploadStart = Clock::now().time_since_epoch().count();
             tl_uploadLength = length;
             if (req.method != "POST") {
                 answer(res, 405, "Method not allowed: the report is sent with POST\n");
@@ -320,7 +320,9 @@ IntakeServer::IntakeServer(Store &store, const Limits &limits, Metrics &metrics)
         if (req.path != kUploadPath || warming_)
             return;
         metrics_.upload(res.status, tl_uploadLength,
-                        std::chrono::duration<double>(Clock::now() - tl_uploadStart).count());
+                        std::chrono::duration<double>(Clock::now().time_since_epoch() -
+                                                      Clock::duration(tl_uploadStart))
+                            .count());
     });
     Post(kUploadPath, [this](const httplib::Request &req, httplib::Response &res,
                              const httplib::ContentReader &reader) { upload(req, res, reader); });

@@ -1,5 +1,6 @@
 #include "metrics.h"
 
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <dirent.h>
@@ -84,7 +85,7 @@ void Histogram::observe(double seconds) {
     while (i < kBounds.size() && seconds > kBounds[i])
         i++;
     counts_[i]++;
-    micros_ += static_cast<uint64_t>(seconds * 1e6 + 0.5);
+    micros_ += static_cast<uint64_t>(std::llround(seconds * 1e6));
 }
 
 std::string Histogram::text(const char *name, const char *help) const {
