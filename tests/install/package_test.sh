@@ -38,10 +38,11 @@ packages=(kobdiag kob-tools libkob4 libkob-dev kobreportd)
 marker=/var/lib/kob-package-test
 work=$(mktemp -d)
 cleanup() {
-    # Packages this test installed go again, also when a check failed.
+    # Packages this test installed go again, and the state it made, also
+    # when a check failed.
     if [ -e "$marker" ]; then
         "${as_root[@]}" dpkg --purge "${packages[@]}" >/dev/null 2>&1 || true
-        "${as_root[@]}" rm -f "$marker"
+        "${as_root[@]}" rm -rf /var/lib/kobreportd "$marker"
     fi
     rm -rf "$work"
 }
@@ -173,7 +174,7 @@ flock 9
 if [ -e "$marker" ]; then
     echo "purging the packages an interrupted run of this test left installed"
     "${as_root[@]}" dpkg --purge "${packages[@]}" >/dev/null
-    "${as_root[@]}" rm -f "$marker"
+    "${as_root[@]}" rm -rf /var/lib/kobreportd "$marker"
 fi
 for pkg in "${packages[@]}"; do
     [ -z "$(dpkg-query -W -f='${db:Status-Status}' "$pkg" 2>/dev/null | grep -v '^not-installed$')" ] ||
@@ -258,7 +259,6 @@ echo "ok: dpkg -r leaves the settings, the enablement and the reports, nothing e
 
 "${as_root[@]}" dpkg --purge "${packages[@]}" >>"$work/dpkg.log" 2>&1 ||
     { cat "$work/dpkg.log"; fail "dpkg --purge"; }
-"${as_root[@]}" rm -f "$marker"
 left=$(new_files | grep -Ev -e "$kept_always" || true)
 [ -z "$left" ] || fail "dpkg --purge left behind: $left"
 getent passwd kobreportd >/dev/null || fail "the purge removed the user kobreportd"
