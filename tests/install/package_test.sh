@@ -134,15 +134,14 @@ expect_contents libkob-dev $headers "$lib/libkob.a" "$lib/libkobec.a" "$lib/libk
     usr/share/man/man3/libkob.3.gz
 expect_contents kobreportd usr/sbin/kobreportd usr/share/man/man8/kobreportd.8.gz \
     lib/systemd/system/kobreportd.service usr/lib/sysusers.d/kobreportd.conf etc/default/kobreportd
+field() { dpkg-deb -f "$(deb "$1")" "${@:2}"; }
 for pkg in "${packages[@]}"; do
-    field=$(dpkg-deb -f "$(deb "$pkg")" Version)
-    [ "$field" = "$version" ] || fail "$pkg has Version $field"
+    [ "$(field "$pkg" Version)" = "$version" ] || fail "$pkg has Version $(field "$pkg" Version)"
 done
 echo "ok: each package holds exactly its files"
 
-field() { dpkg-deb -f "$(deb "$1")" "$2"; }
 # The user's tool links libkob statically and needs nothing of the server.
-relations=$(dpkg-deb -f "$(deb kobdiag)" Pre-Depends Depends Recommends)
+relations=$(field kobdiag Pre-Depends Depends Recommends)
 for p in kobreportd libkob4 libpq5 libsqlite3-0 libcpp-httplib; do
     ! grep -q "$p" <<<"$relations" || fail "kobdiag pulls in $p: $relations"
 done
