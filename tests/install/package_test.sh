@@ -142,7 +142,7 @@ echo "ok: each package holds exactly its files"
 
 # The user's tool links libkob statically and needs nothing of the server.
 relations=$(field kobdiag Pre-Depends Depends Recommends)
-for p in kobreportd libkob4 libpq5 libsqlite3-0 libcpp-httplib; do
+for p in kobreportd libkob4 libpq5 libsqlite3-0 libcpp-httplib libsodium libssl; do
     ! grep -q "$p" <<<"$relations" || fail "kobdiag pulls in $p: $relations"
 done
 [ "$(field libkob-dev Depends)" = "libkob4 (= $version)" ] ||
@@ -234,10 +234,35 @@ grep -qx ' /etc/default/kobreportd [0-9a-f]*' <<<"$(dpkg-query -W -f='${Conffile
     fail "/etc/default/kobreportd is not a conffile"
 echo "ok: the user kobreportd exists, the service is enabled, /etc/default/kobreportd is a conffile"
 
-# systemd makes the state directory at the first start (StateDirectory=);
-# no systemd runs here, so the test makes it as the service would.
+# The unit's command line with the installed settings, run as the
+# service's user but on loopback ports of the system's choice instead of
+# port 80: kobreportd takes it, makes its database in the state directory
+# and ends with status 0 on SIGTERM.  systemd makes that directory at the
+# first start (StateDirectory=); no systemd runs here, so the test makes it.
 "${as_root[@]}" install -d -o kobreportd -g kobreportd -m 0700 /var/lib/kobreportd
-"${as_root[@]}" install -o kobreportd -g kobreportd -m 0600 /dev/null /var/lib/kobreportd/reports.db
+exec_start=$(sed -n 's/^ExecStart=//p' /lib/systemd/system/kobreportd.service)
+mkfifo "$work/ready"
+(
+    set -a
+    . /etc/default/kobreportd
+    set +a
+    # shellcheck disable=SC2034 # the eval below reads them
+    KOBREPORTD_LISTEN=127.0.0.1:0 KOBREPORTD_STAFF_LISTEN=127.0.0.1:0
+    eval "set -- $exec_start"
+    exec "${as_root[@]}" setpriv --reuid=kobreportd --regid=kobreportd --clear-groups "$@"
+) >"$work/ready" 2>"$work/kobreportd.err" &
+reportd=$!
+ready=""
+read -r -t 60 ready <"$work/ready" || true
+grep -Eqx 'kobreportd: intake on http://127\.0\.0\.1:[0-9]+/; staff on http://127\.0\.0\.1:[0-9]+/' <<<"$ready" ||
+    { kill "$reportd" 2>/dev/null || true; cat "$work/kobreportd.err"; fail "kobreportd from the unit's command line printed [$ready]"; }
+kill -TERM "$reportd"
+status=0
+wait "$reportd" || status=$?
+[ "$status" -eq 0 ] || { cat "$work/kobreportd.err"; fail "kobreportd ended with status $status on SIGTERM"; }
+[ "$(stat -c %U "$(sed -n 's/^KOBREPORTD_DB=//p' /etc/default/kobreportd)")" = kobreportd ] ||
+    fail "kobreportd made no database of its own at the configured place"
+echo "ok: the unit's command line starts kobreportd as its user; it stops with status 0 on SIGTERM"
 
 "${as_root[@]}" dpkg -r kob-tools libkob-dev kobdiag kobreportd libkob4 >>"$work/dpkg.log" 2>&1 ||
     { cat "$work/dpkg.log"; fail "dpkg -r"; }
@@ -248,7 +273,7 @@ left=$(existing <"$work/owned" | grep -vxF -f "$work/owned-before" | grep -vx /e
 # and its state until purge, and always the account (with the backups of
 # the files that list it).
 kept_always='^/etc/(passwd|group|shadow|gshadow)-$'
-kept_after_remove='^(/etc/default/kobreportd|/etc/systemd/system/multi-user\.target\.wants(/kobreportd\.service)?|/var/lib/systemd/deb-systemd-helper-enabled(/multi-user\.target\.wants)?(/kobreportd\.service(\.dsh-also)?)?|/var/lib/kobreportd(/reports\.db)?)$'
+kept_after_remove='^(/etc/default/kobreportd|/etc/systemd/system/multi-user\.target\.wants(/kobreportd\.service)?|/var/lib/systemd/deb-systemd-helper-enabled(/multi-user\.target\.wants)?(/kobreportd\.service(\.dsh-also)?)?|/var/lib/kobreportd(/.*)?)$'
 new_files() { snapshot | comm -13 "$work/before" -; }
 left=$(new_files | grep -Ev -e "$kept_always" -e "$kept_after_remove" || true)
 [ -z "$left" ] || fail "dpkg -r left behind: $left"
