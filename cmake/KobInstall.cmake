@@ -1,7 +1,8 @@
-# What `cmake --install` and the Debian package ship: kobdiag and the programs
-# beside it, libkob and libkobec (static and shared), their headers under
-# include/kob/, pkg-config files, the CMake package kob and the manual pages.
-# The lab build, koblab, the tests and the benchmarks stay in the build tree.
+# What `cmake --install` ships, and what debian/ splits into its packages:
+# kobdiag and the programs beside it, libkob and libkobec (static and
+# shared), their headers under include/kob/, pkg-config files, the CMake
+# package kob and the manual pages.  The lab build, koblab, the tests and the
+# benchmarks stay in the build tree.
 include(CMakePackageConfigHelpers)
 
 set(KOB_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/kob)
@@ -9,18 +10,25 @@ set(KOB_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kob)
 set(KOB_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Programs and their pages, where this build makes them (kobreport and
-# kobreportd come later).  The tests read these lists.
+# kobreportd only with KOB_BUILD_OPERATOR).  kobreportd is a system daemon:
+# sbin, beside its section 8 page.  The tests read these lists.
 set(KOB_INSTALLED_PROGRAMS "")
+set(KOB_INSTALLED_DAEMONS "")
 set(KOB_INSTALLED_MANPAGES libkob.3)
 foreach(entry kobdiag:1 koblog:1 kobstat:1 kobreport:1 kobreportd:8)
   string(REPLACE ":" ";" entry "${entry}")
   list(GET entry 0 program)
   list(GET entry 1 section)
   if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    if(section EQUAL 8)
+      install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+      list(APPEND KOB_INSTALLED_DAEMONS ${program})
+    else()
+      install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+      list(APPEND KOB_INSTALLED_PROGRAMS ${program})
+    endif()
     install(FILES ${PROJECT_SOURCE_DIR}/man/${program}.${section}
             DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
-    list(APPEND KOB_INSTALLED_PROGRAMS ${program})
     list(APPEND KOB_INSTALLED_MANPAGES ${program}.${section})
   endif()
 endforeach()
@@ -60,27 +68,9 @@ foreach(pc libkob libkobec)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${KOB_INSTALL_PKGCONFIGDIR})
 endforeach()
 
-# The Debian package: `cpack -G DEB` in the build directory.
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME kobdiag)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_VENDOR "Kobvane")
-set(CPACK_PACKAGE_CONTACT "Kobvane client team <kobdiag@kobvane.example>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
-    "network diagnostics of the Kobvane VPN client, with libkob")
-set(CPACK_PACKAGE_DESCRIPTION
-    "kobdiag probes the VPN operator's servers, captures the network status and the
-client's logs, and uploads the report or writes it to a file.  koblog and kobstat
-read the daemons' shared log ring and counters.  Includes libkob and libkobec,
-static and shared, with headers, pkg-config files and a CMake package.")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-find_program(KOB_DPKG_SHLIBDEPS dpkg-shlibdeps)
-if(KOB_DPKG_SHLIBDEPS)
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-else()
-  set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 12)")
-endif()
-include(CPack)
+# Everything the install takes, and nothing else: `cmake --build <dir>
+# --target shipped` builds what a package needs without the lab and the
+# test programs (debian/rules builds only this).
+add_custom_target(shipped)
+add_dependencies(shipped ${KOB_INSTALLED_PROGRAMS} ${KOB_INSTALLED_DAEMONS}
+  ${KOB_INSTALLED_LIBRARIES})

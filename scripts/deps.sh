@@ -12,6 +12,8 @@ packages=(
   libcpp-httplib-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
   libsodium-dev libssl-dev nlohmann-json3-dev openssl prometheus
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
+  # the Debian packages: their build, lintian, and systemd-analyze for the unit
+  debhelper lintian systemd man-db
 )
 
 missing=()

@@ -1,6 +1,7 @@
 # Shared by install_test.sh and package_test.sh: checks of an installed tree
-# and of programs built against it.  The test's CMake registration passes the
-# build's facts in the environment (KOB_*, CC, CXX).
+# and of programs built against it.  The caller passes the build's facts in
+# the environment (KOB_*, CC, CXX): install_test.sh gets them from its CMake
+# registration, package_test.sh from the package build.
 
 fail() {
     echo "FAIL: $*" >&2
@@ -27,6 +28,9 @@ check_tree() {
     want=$(printf '%s\n' $KOB_PROGRAMS | sort)
     got=$(ls "$root/$KOB_BINDIR" | sort)
     [ "$got" = "$want" ] || fail "programs in $KOB_BINDIR: got [$got], want [$want]"
+    want=$(printf '%s\n' $KOB_DAEMONS | sed '/^$/d' | sort)
+    got=$(ls "$root/$KOB_SBINDIR" 2>/dev/null | sort)
+    [ "$got" = "$want" ] || fail "programs in $KOB_SBINDIR: got [$got], want [$want]"
 
     for name in kob kobec; do
         [ -f "$lib/lib$name.a" ] || fail "lib$name.a missing"
@@ -58,6 +62,7 @@ check_tree() {
     local extra
     extra=$(cd "$root" && find . \( -type f -o -type l \) | sed 's|^\./||' | grep -Ev \
         -e "^$KOB_BINDIR/[^/]+$" \
+        -e "^$KOB_SBINDIR/[^/]+$" \
         -e "^$KOB_INCLUDEDIR/kob/[^/]+\.h$" \
         -e "^$KOB_LIBDIR/libkob(ec)?\.(a|so(\.[0-9.]+)?)$" \
         -e "^$KOB_LIBDIR/pkgconfig/libkob(ec)?\.pc$" \
