@@ -131,6 +131,10 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
         {"GET", "/api/reports/" + ref + "/raw?reveal=1", Route::Api, true, 200},
         {"GET", "/api/audit", Route::Api, true, 200},
         {"GET", "/metrics", Route::Api, false, 200},
+        {"GET", "/fleet", Route::Page, false, 200},
+        {"GET", "/fleet?window=7d", Route::Page, false, 200},
+        {"GET", "/fleet/reports?area=tcp&target=x&window=6h", Route::Page, false, 200},
+        {"GET", "/api/fleet?window=30d", Route::Api, false, 200},
         {"DELETE", "/api/reports/" + doomedToo, Route::Api, true, 200},
         {"POST", "/signout", Route::Page, false, 303},
     };
@@ -569,7 +573,7 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "2");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "3");
     EXPECT_EQ(s.signedIn().get("/reports/KOB-20260101-000001").status, 200);
     EXPECT_EQ(s.stop(), 0);
     // A second start finds it done.
@@ -613,4 +617,143 @@ TEST_P(Staff, NamesAndSearchesAreCleanedAndMatchedLiterallyOnEitherStore) {
     EXPECT_NE(list.body.find("\"form_username\":\"bad\xef\xbf\xbd\xef\xbf\xbd\""),
               std::string::npos)
         << list.body;
+}
+
+namespace {
+
+std::string iso(std::time_t t) {
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buf;
+}
+
+// A run whose TCP probe to port 443 timed out.
+std::string port443Down() {
+    auto run = reportgen::healthyRun();
+    run.tcp[3] = reportgen::tcpTimeout();
+    return reportgen::report(run);
+}
+
+const std::string k443 = "Testing TCP pass-through to port 443";
+
+} // namespace
+
+TEST_P(Staff, FleetNumbersPerTargetAndHourAreWhatWasSent) {
+    const std::time_t t0 = 1800000000; // on the hour
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    setClock(t0 - 3 * 3600 + 100);
+    for (int i = 0; i < 3; i++)
+        ASSERT_EQ(reportd::upload(s.port(), reportgen::report(reportgen::healthyRun())).status,
+                  200);
+    setClock(t0 - 2 * 3600 + 100);
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(reportd::upload(s.port(), port443Down()).status, 200);
+    ASSERT_EQ(reportd::upload(s.port(), reportgen::report(reportgen::healthyRun())).status, 200);
+    // Not a kobdiag report: no target, not counted anywhere.
+    ASSERT_EQ(reportd::upload(s.port(), "hello\n").status, 200);
+    setClock(t0 + 600);
+
+    auto j = s.api("/api/fleet?window=6h");
+    ASSERT_EQ(j.status, 200);
+    EXPECT_EQ(j.body.rfind("{\"window\":\"6h\",\"from\":\"" + iso(t0 - 5 * 3600) + "\",\"to\":\"" +
+                               iso(t0 + 3600) + "\",\"bucket_seconds\":3600,",
+                           0),
+              0u)
+        << j.body.substr(0, 300);
+    // Hand-counted: six runs, two of them with port 443 down, in two hours.
+    EXPECT_NE(j.body.find("{\"area\":\"tcp\",\"target\":\"" + k443 +
+                          "\",\"reports\":6,\"failing\":2,\"broken\":false,\"last_hour\":{"
+                          "\"reports\":0,\"failing\":0},\"baseline\":{\"reports\":6,\"failing\":2,"
+                          "\"share\":0.375},\"buckets\":[{\"start\":\"" +
+                          iso(t0 - 3 * 3600) + "\",\"reports\":3,\"failing\":0},{\"start\":\"" +
+                          iso(t0 - 2 * 3600) + "\",\"reports\":3,\"failing\":2}]}"),
+              std::string::npos)
+        << j.body;
+    EXPECT_NE(j.body.find("{\"area\":\"udp\",\"target\":\"UDP pass-through\",\"reports\":6,"
+                          "\"failing\":0,"),
+              std::string::npos);
+    EXPECT_NE(j.body.find("{\"area\":\"intranet\",\"target\":\"10.243.160.1:8081\",\"reports\":6,"
+                          "\"failing\":0,"),
+              std::string::npos)
+        << j.body;
+    // Seven TCP probes, the pass-through, four gateways and the traceroute.
+    size_t targets = 0;
+    for (size_t at = 0; (at = j.body.find("{\"area\":", at)) != std::string::npos; at++)
+        targets++;
+    EXPECT_EQ(targets, 13u);
+    // Per day over a week: one bucket holds all six.
+    auto week = s.api("/api/fleet?window=7d");
+    EXPECT_NE(week.body.find("\"target\":\"" + k443 + "\",\"reports\":6,\"failing\":2,"),
+              std::string::npos);
+    EXPECT_NE(week.body.find("\"buckets\":[{\"start\":\"" + iso(t0 - t0 % 86400) +
+                             "\",\"reports\":6,\"failing\":2}]"),
+              std::string::npos)
+        << week.body;
+    EXPECT_EQ(s.api("/api/fleet?window=1y").status, 400);
+    // The page draws the same, as SVG without script.
+    auto page = s.signedIn("viewer").get("/fleet?window=6h");
+    ASSERT_EQ(page.status, 200);
+    EXPECT_NE(page.body.find("<p class=\"ok\" id=\"broken\">Nothing"), std::string::npos);
+    EXPECT_NE(page.body.find("<title>" + iso(t0 - 2 * 3600).substr(0, 10) + " " +
+                             iso(t0 - 2 * 3600).substr(11, 2) + ":00: 2 of 3 failing</title>"),
+              std::string::npos)
+        << page.body;
+    EXPECT_EQ(page.body.find("<script"), std::string::npos);
+}
+
+TEST_P(Staff, AnOutageOfOneTargetIsBrokenNowAndItsReportsAreOneClickAway) {
+    const std::time_t t0 = 1800000000;
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    // A healthy week: twenty reports, every six hours.
+    for (int i = 20; i >= 1; i--) {
+        setClock(t0 - i * 6 * 3600);
+        ASSERT_EQ(reportd::upload(s.port(), reportgen::report(reportgen::healthyRun())).status,
+                  200);
+    }
+    // Then, within the last hour, port 443 fails for five of six users.
+    std::vector<std::string> down;
+    for (int i = 0; i < 6; i++) {
+        setClock(t0 + 60 * i);
+        auto r = reportd::upload(s.port(), i == 2 ? reportgen::report(reportgen::healthyRun())
+                                                  : port443Down());
+        ASSERT_EQ(r.status, 200);
+        if (i != 2)
+            down.push_back(reportd::reference(r));
+    }
+    setClock(t0 + 600);
+    auto j = s.api("/api/fleet?window=24h");
+    size_t broken = 0;
+    for (size_t at = 0; (at = j.body.find("\"broken\":true", at)) != std::string::npos; at++)
+        broken++;
+    EXPECT_EQ(broken, 1u) << j.body;
+    // In the window: the outage hour and three healthy reports of the day.
+    EXPECT_NE(
+        j.body.find("\"target\":\"" + k443 +
+                    "\",\"reports\":9,\"failing\":5,\"broken\":true,\"last_hour\":{"
+                    "\"reports\":6,\"failing\":5},\"baseline\":{\"reports\":20,\"failing\":0,"),
+        std::string::npos)
+        << j.body;
+    reportd::Browser b = s.signedIn("viewer");
+    auto page = b.get("/fleet");
+    auto list = page.body.find("<ul class=\"broken\" id=\"broken\"><li class=\"fail\"><a href=\"");
+    ASSERT_NE(list, std::string::npos) << page.body;
+    EXPECT_NE(page.body.find(k443 + "</a> (tcp): 5 of 6 reports failing in the last hour (83%), "
+                                    "against 0% of 20 over the seven days before</li>",
+                             list),
+              std::string::npos);
+    auto failing =
+        b.get("/fleet/reports?area=tcp&" + reportd::formEncode({{"target", k443}}) + "&window=6h");
+    for (const auto &ref : down)
+        EXPECT_NE(failing.body.find("<a href=\"/reports/" + ref + "\">"), std::string::npos) << ref;
+    size_t items = 0;
+    for (size_t at = 0; (at = failing.body.find("<li>", at)) != std::string::npos; at++)
+        items++;
+    EXPECT_EQ(items, down.size());
+    // A deleted report leaves the numbers.
+    EXPECT_EQ(s.api("/api/reports/" + down[0], "DELETE").status, 200);
+    EXPECT_NE(s.api("/api/fleet?window=24h")
+                  .body.find("\"target\":\"" + k443 + "\",\"reports\":8,\"failing\":4,"),
+              std::string::npos);
 }

@@ -417,6 +417,7 @@ void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
     metrics_.triage(std::chrono::duration<double>(Clock::now() - triageStart).count());
     nr.report_username = triage.username;
     nr.summary = triage.summary();
+    nr.outcomes = outcomesOf(triage);
     nr.peer = req.remote_addr;
     try {
         std::string ref = store_.insert(nr);

@@ -11,6 +11,7 @@
 
 #include "accounts.h"
 #include "audit.h"
+#include "fleet.h"
 #include "html.h"
 #include "store.h"
 
@@ -39,6 +40,9 @@ html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<Acc
                     const std::optional<std::string> &newToken);
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message);
 html::Html message(const std::string &text);
+html::Html fleet(const Fleet &f);
+html::Html failing(const std::string &area, const std::string &target,
+                   const std::vector<std::string> &references);
 
 std::string shownTime(std::time_t t);
 std::string isoTime(std::time_t t);

@@ -4,6 +4,7 @@
 #include <sodium.h>
 
 #include "clock.h"
+#include "fleet.h"
 #include "intake.h"
 #include "kobjson.h"
 #include "kobtriage.h"
@@ -538,6 +539,58 @@ void StaffRoutes::routes() {
             kobjson::Writer w;
             w.beginObject().key("deleted").value(ref).endObject();
             json(res, 200, w.str());
+        });
+    page(Method::Get, "/fleet", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string w = req.has_param("window") ? req.get_param_value("window") : "24h";
+             if (!windowSeconds(w))
+                 w = "24h";
+             show(res, 200, "The fleet", &who, pages::fleet(fleet(store_.db(), w, now())));
+         });
+    page(Method::Get, "/fleet/reports", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string area = req.get_param_value("area"), target = req.get_param_value("target");
+             auto span = windowSeconds(req.get_param_value("window")).value_or(3600);
+             show(res, 200, "Failing reports", &who,
+                  pages::failing(area, target,
+                                 failingReports(store_.db(), area, target, now() - span, 200)));
+         });
+    api(Method::Get, "/api/fleet", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &) {
+            std::string w = req.has_param("window") ? req.get_param_value("window") : "24h";
+            if (!windowSeconds(w)) {
+                jsonError(res, 400, "window is one of 6h, 24h, 7d, 30d");
+                return;
+            }
+            Fleet f = fleet(store_.db(), w, now());
+            kobjson::Writer j;
+            j.beginObject().key("window").value(f.window);
+            j.key("from").value(pages::isoTime(f.from)).key("to").value(pages::isoTime(f.to));
+            j.key("bucket_seconds").value(static_cast<int64_t>(f.bucket_seconds));
+            j.key("targets").beginArray();
+            for (const auto &t : f.targets) {
+                j.beginObject().key("area").value(t.area).key("target").value(t.target);
+                j.key("reports").value(t.reports).key("failing").value(t.failing);
+                j.key("broken").value(t.broken);
+                j.key("last_hour").beginObject().key("reports").value(t.hour_reports);
+                j.key("failing").value(t.hour_failing).endObject();
+                j.key("baseline").beginObject().key("reports").value(t.baseline_reports);
+                j.key("failing").value(t.baseline_failing).key("share").value(t.baseline);
+                j.endObject().key("buckets").beginArray();
+                for (const auto &b : t.buckets)
+                    if (b.reports)
+                        j.beginObject()
+                            .key("start")
+                            .value(pages::isoTime(b.start))
+                            .key("reports")
+                            .value(b.reports)
+                            .key("failing")
+                            .value(b.failing)
+                            .endObject();
+                j.endArray().endObject();
+            }
+            j.endArray().endObject();
+            json(res, 200, j.str());
         });
     // For Prometheus, with a token like the API.
     api(Method::Get, "/metrics", Role::Viewer,

@@ -11,8 +11,9 @@ namespace kobreportd {
 namespace {
 
 // The layout this version writes.  1: the reports alone; 2: accounts,
-// sessions, tokens, the audit log, and expired raw text.
-constexpr int kSchemaVersion = 2;
+// sessions, tokens, the audit log, and expired raw text; 3: each report's
+// outcome per probe target.
+constexpr int kSchemaVersion = 3;
 
 constexpr const char *kColumns =
     "id, reference, received_at, form_username, report_username, summary, peer, size,"
@@ -28,6 +29,19 @@ std::string ddl(sql::Dialect d, std::string s) {
     put("{INT}", pg ? "BIGINT" : "INTEGER");
     put("{BLOB}", pg ? "BYTEA" : "BLOB");
     return s;
+}
+
+// Each report's outcome per target.  Reports stored before this layout
+// have none: the fleet's numbers start with it.
+void upgradeTo3(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS outcomes ("
+                   " report_id {INT} NOT NULL, received_at {INT} NOT NULL, area TEXT NOT NULL,"
+                   " target TEXT NOT NULL, failing {INT} NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS outcomes_by_time ON outcomes (received_at)");
+    c.query("CREATE INDEX IF NOT EXISTS outcomes_by_report ON outcomes (report_id)");
+    c.query("DELETE FROM kob_meta WHERE key = 'schema'");
+    c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
+            {sql::text(std::to_string(kSchemaVersion))});
 }
 
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
@@ -84,6 +98,10 @@ void Store::migrate() {
                              std::to_string(version) + ")");
         if (version == kSchemaVersion)
             return;
+        if (version >= 2) {
+            upgradeTo3(d, c);
+            return;
+        }
         if (!tableExists(d, c, "reports"))
             c.query(ddl(d, "CREATE TABLE reports ("
                            " id {ID},"
@@ -131,9 +149,7 @@ void Store::migrate() {
                         " END");
         }
         c.query("CREATE TABLE IF NOT EXISTS kob_meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
-        c.query("DELETE FROM kob_meta WHERE key = 'schema'");
-        c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
-                {sql::text(std::to_string(kSchemaVersion))});
+        upgradeTo3(d, c);
     });
 }
 
@@ -186,6 +202,13 @@ std::string Store::insert(const NewReport &r) {
             c.query("UPDATE reports SET reference = $1 WHERE id = $2",
                     {sql::text(ref), sql::integer(id)});
         }
+        for (const Outcome &o : r.outcomes) {
+            std::string target = cleanText(o.target);
+            c.query("INSERT INTO outcomes (report_id, received_at, area, target, failing)"
+                    " VALUES ($1, $2, $3, $4, $5)",
+                    {sql::integer(id), sql::integer(r.received_at), sql::text(o.area),
+                     sql::text(target), sql::integer(o.failing ? 1 : 0)});
+        }
     });
     return ref;
 }
@@ -234,9 +257,15 @@ ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
 bool Store::remove(const std::string &reference) {
     if (!plausibleReference(reference))
         return false;
-    bool found =
-        !db_.write("DELETE FROM reports WHERE reference = $1 RETURNING id", {sql::text(reference)})
-             .empty();
+    bool found = false;
+    db_.transaction([&](sql::Conn &c) {
+        auto rows = c.query("DELETE FROM reports WHERE reference = $1 RETURNING id",
+                            {sql::text(reference)});
+        found = !rows.empty();
+        if (found)
+            c.query("DELETE FROM outcomes WHERE report_id = $1",
+                    {sql::integer(rows.integer(0, 0))});
+    });
     if (found)
         db_.scrub();
     return found;

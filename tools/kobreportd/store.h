@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "fleet.h"
 #include "sql.h"
 
 namespace kobreportd {
@@ -25,6 +26,7 @@ struct NewReport {
     std::optional<std::string> report_username; // from the report's own header
     std::string summary;                        // the triage's one-line summary
     std::string peer;
+    std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
 };
 
 struct StoredReport {

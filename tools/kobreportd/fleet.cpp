@@ -1,0 +1,129 @@
+#include "fleet.h"
+
+#include <cmath>
+#include <map>
+
+namespace kobreportd {
+
+std::vector<Outcome> outcomesOf(const kobtriage::Report &r) {
+    using O = kobtriage::ProbeResult::Outcome;
+    std::vector<Outcome> out;
+    int udpResults = 0, udpAnswered = 0;
+    for (const auto &a : r.udp) {
+        if (a.result.outcome == O::Missing)
+            continue;
+        udpResults++;
+        udpAnswered += a.result.outcome == O::Answered;
+    }
+    if (udpResults)
+        out.push_back({"udp", "UDP pass-through", udpAnswered == 0});
+    for (const auto &p : r.tcp)
+        if (p.result.outcome != O::Missing)
+            out.push_back({"tcp", p.heading, p.result.outcome != O::Answered});
+    for (const auto &p : r.intranet)
+        if (p.result.outcome != O::Missing)
+            out.push_back({"intranet", p.address + ":" + std::to_string(p.port),
+                           p.result.outcome != O::Answered});
+    if (r.traceroute && !r.traceroute->printed_nothing)
+        out.push_back(
+            {"traceroute", "traceroute to " + r.traceroute->destination, !r.traceroute->reached()});
+    return out;
+}
+
+std::optional<std::time_t> windowSeconds(const std::string &w) {
+    if (w == "6h")
+        return 6 * 3600;
+    if (w == "24h")
+        return 24 * 3600;
+    if (w == "7d")
+        return 7 * 86400;
+    if (w == "30d")
+        return 30 * 86400;
+    return std::nullopt;
+}
+
+Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
+    Fleet f;
+    f.window = window;
+    std::time_t span = windowSeconds(window).value_or(24 * 3600);
+    f.bucket_seconds = span <= 24 * 3600 ? 3600 : 86400;
+    // Whole buckets, the newest holding now.
+    f.to = (now / f.bucket_seconds + 1) * f.bucket_seconds;
+    f.from = f.to - span;
+    size_t nb = static_cast<size_t>((f.to - f.from) / f.bucket_seconds);
+
+    std::map<std::pair<std::string, std::string>, FleetTarget> byTarget;
+    auto target = [&](const std::string &area, const std::string &name) -> FleetTarget & {
+        auto [it, fresh] = byTarget.try_emplace({area, name});
+        if (fresh) {
+            it->second.area = area;
+            it->second.target = name;
+            it->second.buckets.resize(nb);
+            for (size_t i = 0; i < nb; i++)
+                it->second.buckets[i].start =
+                    f.from + static_cast<std::time_t>(i) * f.bucket_seconds;
+        }
+        return it->second;
+    };
+    auto rows = db.read("SELECT area, target, received_at / $1, count(*),"
+                        " CAST(sum(failing) AS BIGINT) FROM outcomes"
+                        " WHERE received_at >= $2 AND received_at < $3"
+                        " GROUP BY area, target, received_at / $1",
+                        {sql::integer(f.bucket_seconds), sql::integer(f.from), sql::integer(f.to)});
+    for (size_t i = 0; i < rows.size(); i++) {
+        FleetTarget &t = target(rows.str(i, 0), rows.str(i, 1));
+        int64_t b = rows.integer(i, 2) * f.bucket_seconds;
+        size_t k = static_cast<size_t>((b - f.from) / f.bucket_seconds);
+        if (k >= nb)
+            continue;
+        t.buckets[k].reports += rows.integer(i, 3);
+        t.buckets[k].failing += rows.integer(i, 4);
+        t.reports += rows.integer(i, 3);
+        t.failing += rows.integer(i, 4);
+    }
+
+    std::time_t hour = now - 3600;
+    auto recent = db.read(
+        "SELECT area, target,"
+        " CAST(sum(CASE WHEN received_at >= $2 THEN 1 ELSE 0 END) AS BIGINT),"
+        " CAST(sum(CASE WHEN received_at >= $2 THEN failing ELSE 0 END) AS BIGINT),"
+        " CAST(sum(CASE WHEN received_at < $2 THEN 1 ELSE 0 END) AS BIGINT),"
+        " CAST(sum(CASE WHEN received_at < $2 THEN failing ELSE 0 END) AS BIGINT)"
+        " FROM outcomes WHERE received_at >= $1 AND received_at <= $3 GROUP BY area, target",
+        {sql::integer(hour - 7 * 86400), sql::integer(hour), sql::integer(now)});
+    for (size_t i = 0; i < recent.size(); i++) {
+        FleetTarget &t = target(recent.str(i, 0), recent.str(i, 1));
+        t.hour_reports = recent.integer(i, 2);
+        t.hour_failing = recent.integer(i, 3);
+        t.baseline_reports = recent.integer(i, 4);
+        t.baseline_failing = recent.integer(i, 5);
+        double p = (static_cast<double>(t.baseline_failing) + 1) /
+                   (static_cast<double>(t.baseline_reports) + 2);
+        t.baseline = p;
+        if (t.hour_reports >= kBrokenMinReports) {
+            double n = static_cast<double>(t.hour_reports);
+            double s = static_cast<double>(t.hour_failing) / n;
+            double z = (s - p) / std::sqrt(p * (1 - p) / n);
+            t.broken = s - p >= kBrokenMinRise && z >= kBrokenZ;
+        }
+    }
+    for (auto &[key, t] : byTarget)
+        f.targets.push_back(std::move(t));
+    return f;
+}
+
+std::vector<std::string> failingReports(sql::Db &db, const std::string &area,
+                                        const std::string &target, std::time_t since,
+                                        int64_t limit) {
+    auto rows =
+        db.read("SELECT r.reference FROM outcomes o JOIN reports r ON r.id = o.report_id"
+                " WHERE o.area = $1 AND o.target = $2 AND o.failing = 1 AND"
+                " o.received_at >= $3 ORDER BY o.received_at DESC, r.id DESC LIMIT $4",
+                {sql::text(area), sql::text(target), sql::integer(since), sql::integer(limit)});
+    std::vector<std::string> out;
+    for (size_t i = 0; i < rows.size(); i++)
+        out.push_back(rows.str(i, 0));
+    return out;
+}
+
+} // namespace kobreportd
