@@ -32,21 +32,21 @@ std::vector<Outcome> outcomesOf(const kobtriage::Report &r) {
 
 std::optional<std::time_t> windowSeconds(const std::string &w) {
     if (w == "6h")
-        return 6 * 3600;
+        return std::time_t{6} * 3600;
     if (w == "24h")
-        return 24 * 3600;
+        return std::time_t{24} * 3600;
     if (w == "7d")
-        return 7 * 86400;
+        return std::time_t{7} * 86400;
     if (w == "30d")
-        return 30 * 86400;
+        return std::time_t{30} * 86400;
     return std::nullopt;
 }
 
 Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
     Fleet f;
     f.window = window;
-    std::time_t span = windowSeconds(window).value_or(24 * 3600);
-    f.bucket_seconds = span <= 24 * 3600 ? 3600 : 86400;
+    std::time_t span = windowSeconds(window).value_or(std::time_t{24} * 3600);
+    f.bucket_seconds = span <= std::time_t{24} * 3600 ? 3600 : 86400;
     // Whole buckets, the newest holding now.
     f.to = (now / f.bucket_seconds + 1) * f.bucket_seconds;
     f.from = f.to - span;
@@ -90,7 +90,7 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
         " CAST(sum(CASE WHEN received_at < $2 THEN 1 ELSE 0 END) AS BIGINT),"
         " CAST(sum(CASE WHEN received_at < $2 THEN failing ELSE 0 END) AS BIGINT)"
         " FROM outcomes WHERE received_at >= $1 AND received_at <= $3 GROUP BY area, target",
-        {sql::integer(hour - 7 * 86400), sql::integer(hour), sql::integer(now)});
+        {sql::integer(hour - std::time_t{7} * 86400), sql::integer(hour), sql::integer(now)});
     for (size_t i = 0; i < recent.size(); i++) {
         FleetTarget &t = target(recent.str(i, 0), recent.str(i, 1));
         t.hour_reports = recent.integer(i, 2);
