@@ -135,6 +135,10 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
         {"GET", "/fleet?window=7d", Route::Page, false, 200},
         {"GET", "/fleet/reports?area=tcp&target=x&window=6h", Route::Page, false, 200},
         {"GET", "/api/fleet?window=30d", Route::Api, false, 200},
+        {"GET", "/compare?a=" + ref + "&b=" + ref, Route::Page, false, 200},
+        {"GET", "/users/nobody", Route::Page, false, 200},
+        {"GET", "/api/compare?a=" + ref + "&b=" + ref, Route::Api, false, 200},
+        {"GET", "/api/users/nobody", Route::Api, false, 200},
         {"DELETE", "/api/reports/" + doomedToo, Route::Api, true, 200},
         {"POST", "/signout", Route::Page, false, 303},
     };
@@ -756,4 +760,63 @@ TEST_P(Staff, AnOutageOfOneTargetIsBrokenNowAndItsReportsAreOneClickAway) {
     EXPECT_NE(s.api("/api/fleet?window=24h")
                   .body.find("\"target\":\"" + k443 + "\",\"reports\":8,\"failing\":4,"),
               std::string::npos);
+}
+
+TEST_P(Staff, OneUsersReportsShowWhatChangedAndTwoCompareProbeByProbe) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto first = reportgen::healthyRun();
+    first.username = "pat";
+    first.ifconfig = "en0: flags=8863<UP> mtu 1500\n\tinet 192.168.1.23 netmask 0xffffff00\n";
+    auto second = first;
+    second.tcp[3] = reportgen::tcpTimeout();
+    second.ifconfig = "en0: flags=8863<UP> mtu 1500\n\tinet 10.20.30.40 netmask 0xff000000\n"
+                      "utun3: flags=8051<UP> mtu 1400\n";
+    std::vector<std::string> refs;
+    for (const auto *run : {&first, &second, &first})
+        refs.push_back(reportd::reference(reportd::upload(s.port(), reportgen::report(*run))));
+    ASSERT_EQ(refs.size(), 3u);
+    reportd::upload(s.port(), reportgen::report(reportgen::healthyRun()), "someone-else");
+
+    auto api = s.api("/api/users/pat");
+    EXPECT_EQ(
+        api.body,
+        "{\"username\":\"pat\",\"reports\":[{\"reference\":\"" + refs[2] +
+            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
+            ",\"summary\":\"no problem found\",\"now_failing\":[],\"recovered\":[\"" + k443 +
+            "\"]},{\"reference\":\"" + refs[1] +
+            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
+            ",\"summary\":\"TCP 443 to KT IDC unanswered within 15 s\",\"now_failing\":[\"" + k443 +
+            "\"],\"recovered\":[]},{\"reference\":\"" + refs[0] +
+            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
+            ",\"summary\":\"no problem found\"}]}")
+        << api.body;
+    reportd::Browser b = s.signedIn("viewer");
+    auto timeline = b.get("/users/pat");
+    EXPECT_NE(timeline.body.find("<span class=\"fail\">now failing: " + k443 + "</span>"),
+              std::string::npos);
+    EXPECT_NE(timeline.body.find("<span class=\"ok\">recovered: " + k443 + "</span>"),
+              std::string::npos);
+    EXPECT_EQ(timeline.body.find("someone-else"), std::string::npos);
+
+    auto cmp = b.get("/compare?a=" + refs[0] + "&b=" + refs[1]);
+    ASSERT_EQ(cmp.status, 200);
+    EXPECT_NE(cmp.body.find("<tr class=\"changed\"><td>tcp</td><td>" + k443 +
+                            "</td><td class=\"ok\">ok</td><td class=\"fail\">failing</td><td>"
+                            "<strong>changed</strong></td></tr>"),
+              std::string::npos)
+        << cmp.body;
+    EXPECT_NE(cmp.body.find("<tr><td>udp</td><td>UDP pass-through</td><td class=\"ok\">ok</td>"
+                            "<td class=\"ok\">ok</td><td></td></tr>"),
+              std::string::npos);
+    // The captures' differences, masked as everywhere for a viewer.
+    EXPECT_NE(cmp.body.find("<pre id=\"interfaces\">- \tinet 192.168.x.x netmask 0xffffff00\n"
+                            "+ \tinet 10.20.x.x netmask 0xff000000\n+ utun3: flags=8051&lt;UP&gt; "
+                            "mtu 1400\n</pre>"),
+              std::string::npos)
+        << cmp.body;
+    EXPECT_NE(cmp.body.find("<pre id=\"routes\">(the same)</pre>"), std::string::npos);
+    auto cj = s.api("/api/compare?a=" + refs[0] + "&b=" + refs[1]);
+    EXPECT_EQ(cj.body, "{\"a\":\"" + refs[0] + "\",\"b\":\"" + refs[1] + "\",\"now_failing\":[\"" +
+                           k443 + "\"],\"recovered\":[]}");
+    EXPECT_EQ(b.get("/compare?a=" + refs[0] + "&b=KOB-20260101-999999").status, 404);
 }

@@ -41,6 +41,22 @@ html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<Acc
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message);
 html::Html message(const std::string &text);
 html::Html fleet(const Fleet &f);
+
+// One side of a comparison: the report, its outcomes, and its interface
+// and route captures as this viewer may see them.
+struct CompareSide {
+    const StoredReport *report = nullptr;
+    std::vector<Outcome> outcomes;
+    std::string interfaces, routes;
+};
+html::Html compare(const CompareSide &a, const CompareSide &b);
+// What changed from the older outcomes to the newer: "now failing" and
+// "recovered" targets.
+struct Changes {
+    std::vector<std::string> failing, recovered;
+};
+Changes changes(const std::vector<Outcome> &older, const std::vector<Outcome> &newer);
+html::Html user(const std::string &name, const std::vector<Store::UserReport> &reports);
 html::Html failing(const std::string &area, const std::string &target,
                    const std::vector<std::string> &references);
 

@@ -244,6 +244,25 @@ class StaffRoutes {
         return kobtriage::toJson(kobtriage::parse(v.desc), &f);
     }
 
+    // A side of a comparison, masked as the viewer sees reports.
+    pages::CompareSide side(const StoredReport &s) {
+        pages::CompareSide c;
+        c.report = &s;
+        if (s.raw_expired) {
+            c.outcomes = store_.outcomes(s.id);
+            return c;
+        }
+        auto r = kobtriage::parse(visible(s, false).desc);
+        c.outcomes = outcomesOf(r);
+        for (const auto &cap : r.captures) {
+            if (cap.command.find("ifconfig") != std::string::npos)
+                c.interfaces = cap.text;
+            else if (cap.command.find("netstat -rn") != std::string::npos)
+                c.routes = cap.text;
+        }
+        return c;
+    }
+
     void notFound(Response &res, const Principal &who, const std::string &ref) {
         html::Html b;
         b << "<p id=\"message\">No report " << html::text(ref) << ".</p>";
@@ -555,6 +574,74 @@ void StaffRoutes::routes() {
                   pages::failing(area, target,
                                  failingReports(store_.db(), area, target, now() - span, 200)));
          });
+    page(Method::Get, "/compare", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             auto a = store_.get(req.get_param_value("a"));
+             auto b = store_.get(req.get_param_value("b"));
+             if (!a || !b) {
+                 notFound(res, who, !a ? req.get_param_value("a") : req.get_param_value("b"));
+                 return;
+             }
+             for (const auto *r : {&*a, &*b})
+                 audit_.record(who.account, req.remote_addr, "report.viewed", r->reference,
+                               "compare");
+             show(res, 200, "Compare", &who, pages::compare(side(*a), side(*b)));
+         });
+    page(Method::Get, R"(/users/([^/]+))", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string name = req.matches[1];
+             show(res, 200, name, &who, pages::user(name, store_.byUser(name, 200)));
+         });
+    api(Method::Get, "/api/compare", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &who) {
+            auto a = store_.get(req.get_param_value("a"));
+            auto b = store_.get(req.get_param_value("b"));
+            if (!a || !b) {
+                jsonError(res, 404, "not found");
+                return;
+            }
+            for (const auto *r : {&*a, &*b})
+                audit_.record(who.account, req.remote_addr, "report.viewed", r->reference,
+                              "compare");
+            auto sa = side(*a), sb = side(*b);
+            pages::Changes c = pages::changes(sa.outcomes, sb.outcomes);
+            kobjson::Writer w;
+            w.beginObject().key("a").value(a->reference).key("b").value(b->reference);
+            w.key("now_failing").beginArray();
+            for (const auto &t : c.failing)
+                w.value(t);
+            w.endArray().key("recovered").beginArray();
+            for (const auto &t : c.recovered)
+                w.value(t);
+            w.endArray().endObject();
+            json(res, 200, w.str());
+        });
+    api(Method::Get, R"(/api/users/([^/]+))", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &) {
+            auto list = store_.byUser(req.matches[1], 200);
+            kobjson::Writer w;
+            w.beginObject().key("username").value(std::string(req.matches[1]));
+            w.key("reports").beginArray();
+            for (size_t i = 0; i < list.size(); i++) {
+                const auto &r = list[i];
+                w.beginObject().key("reference").value(r.item.reference);
+                w.key("received_at").value(pages::isoTime(r.item.received_at));
+                w.key("summary").value(r.item.summary);
+                if (i + 1 < list.size()) {
+                    auto c = pages::changes(list[i + 1].outcomes, r.outcomes);
+                    w.key("now_failing").beginArray();
+                    for (const auto &t : c.failing)
+                        w.value(t);
+                    w.endArray().key("recovered").beginArray();
+                    for (const auto &t : c.recovered)
+                        w.value(t);
+                    w.endArray();
+                }
+                w.endObject();
+            }
+            w.endArray().endObject();
+            json(res, 200, w.str());
+        });
     api(Method::Get, "/api/fleet", Role::Viewer,
         [this](const Request &req, Response &res, const Principal &) {
             std::string w = req.has_param("window") ? req.get_param_value("window") : "24h";

@@ -254,6 +254,38 @@ ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
     return page;
 }
 
+std::vector<Outcome> Store::outcomes(int64_t id) {
+    auto rows = db_.read("SELECT area, target, failing FROM outcomes WHERE report_id = $1"
+                         " ORDER BY area, target",
+                         {sql::integer(id)});
+    std::vector<Outcome> out;
+    for (size_t i = 0; i < rows.size(); i++)
+        out.push_back({rows.str(i, 0), rows.str(i, 1), rows.integer(i, 2) != 0});
+    return out;
+}
+
+std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t limit) {
+    std::string n = cleanText(name);
+    auto rows = db_.read("SELECT id, reference, received_at, form_username, report_username,"
+                         " summary, size, raw_expired FROM reports WHERE reference IS NOT NULL AND"
+                         " (form_username = $1 OR report_username = $1) ORDER BY id DESC LIMIT $2",
+                         {sql::text(n), sql::integer(limit)});
+    std::vector<UserReport> out;
+    for (size_t i = 0; i < rows.size(); i++) {
+        UserReport u;
+        u.item.reference = rows.str(i, 1);
+        u.item.received_at = static_cast<std::time_t>(rows.integer(i, 2));
+        u.item.form_username = rows.opt(i, 3);
+        u.item.report_username = rows.opt(i, 4);
+        u.item.summary = rows.str(i, 5);
+        u.item.size = rows.integer(i, 6);
+        u.item.raw_expired = rows.integer(i, 7) != 0;
+        u.outcomes = outcomes(rows.integer(i, 0));
+        out.push_back(std::move(u));
+    }
+    return out;
+}
+
 bool Store::remove(const std::string &reference) {
     if (!plausibleReference(reference))
         return false;

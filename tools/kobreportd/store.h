@@ -70,6 +70,15 @@ class Store {
     // Newest first.  query matches a reference (whole or its beginning) or
     // part of a user name, without regard to case.
     ListPage list(const std::string &query, int64_t offset, int64_t limit);
+    // One user's reports (by the form's or the report's user name), newest
+    // first, with each one's outcomes.
+    struct UserReport {
+        ListItem item;
+        std::vector<Outcome> outcomes;
+    };
+    std::vector<UserReport> byUser(const std::string &name, int64_t limit);
+    // The outcomes kept for a report at intake.
+    std::vector<Outcome> outcomes(int64_t id);
     // Removes the report whole and leaves no copy of its text in the
     // database file.  False when there is no such report.
     bool remove(const std::string &reference);
