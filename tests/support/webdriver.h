@@ -1,0 +1,77 @@
+// A real browser for the tests: headless Chromium driven through
+// chromedriver over the W3C WebDriver protocol.  chromedriver runs as a
+// child on a loopback port of its own choosing, and the browser is told to
+// reach nothing beyond loopback: no proxy, no name lookups, none of its
+// background services.
+
+#ifndef KOB_WEBDRIVER_H
+#define KOB_WEBDRIVER_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace webdriver {
+
+// Why no browser can run here ("" when chromium and chromedriver are both
+// installed).
+std::string missing();
+
+struct Element {
+    std::string id;
+};
+
+class Session {
+  public:
+    // Starts chromedriver and a headless Chromium with a fresh profile in
+    // profileDir (which must exist); chromedriver's log goes there too.
+    // Throws std::runtime_error when either does not come up.
+    explicit Session(const std::string &profileDir);
+    ~Session();
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    // Loads url and returns once the page has loaded.
+    void navigate(const std::string &url);
+    void back();
+    std::string url();
+    std::string title();
+    // The document as the browser holds it now (serialised DOM).
+    std::string source();
+
+    // The first element matching a CSS selector; throws when there is none.
+    Element find(const std::string &css);
+    std::vector<Element> findAll(const std::string &css);
+    // The elements matching css inside another one.
+    std::vector<Element> findAll(const Element &within, const std::string &css);
+    // Clicks and, when that submits a form or follows a link, returns after
+    // the next page has loaded.
+    void click(const Element &e);
+    void sendKeys(const Element &e, const std::string &keys);
+    // The element's rendered text.
+    std::string text(const Element &e);
+    std::string attribute(const Element &e, const std::string &name);
+
+    void setWindowSize(int width, int height);
+    // The viewport as a PNG file.
+    void screenshot(const std::string &path);
+    // Runs a function body in the page (for reading state only) and
+    // returns its result.
+    nlohmann::json execute(const std::string &script,
+                           const nlohmann::json &args = nlohmann::json::array());
+
+  private:
+    nlohmann::json command(const std::string &method, const std::string &path,
+                           const nlohmann::json &body = nlohmann::json::object());
+    void stop();
+
+    pid_t driver_ = -1;
+    int out_ = -1; // chromedriver's standard output, kept open so it never gets SIGPIPE
+    int port_ = 0;
+    std::string session_;
+};
+
+} // namespace webdriver
+
+#endif
