@@ -50,7 +50,7 @@ void signIn(webdriver::Session &b, const std::string &url, const std::string &na
     ASSERT_EQ(b.title(), "Sign in");
     b.sendKeys(b.find("#name"), name);
     b.sendKeys(b.find("#password"), password);
-    b.click(b.find("#signin"));
+    b.clickToLoad(b.find("#signin"));
     ASSERT_NE(b.title(), "Sign in") << b.source();
 }
 
@@ -114,7 +114,7 @@ TEST(ReportdBrowser, ViewerSeesAddressesMaskedAndNothingAfterSigningOut) {
     EXPECT_TRUE(b.findAll("a[href='/audit']").empty());
     EXPECT_TRUE(b.findAll("a[href='/admin/accounts']").empty());
 
-    b.click(b.find("#reports a[href='/reports/" + ref + "']"));
+    b.clickToLoad(b.find("#reports a[href='/reports/" + ref + "']"));
     ASSERT_EQ(b.title(), ref);
     std::string raw = b.text(b.find("#raw"));
     EXPECT_TRUE(has(raw, "ether a4:83:xx:xx:xx:xx\n")) << raw;
@@ -131,7 +131,7 @@ TEST(ReportdBrowser, ViewerSeesAddressesMaskedAndNothingAfterSigningOut) {
     EXPECT_TRUE(b.findAll("#delete").empty());
     keepScreenshot(b, "viewer-report");
 
-    b.click(b.find("#signout"));
+    b.clickToLoad(b.find("#signout"));
     EXPECT_EQ(b.url(), base(s) + "/signin");
     EXPECT_EQ(b.title(), "Sign in");
     // Back to the report: the browser kept nothing of it, and the server
@@ -160,13 +160,13 @@ TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
     webdriver::Session b(profile(dir));
     ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "ada", "ada's long password"));
     EXPECT_EQ(b.text(b.find("#who")), "ada (admin)");
-    b.click(b.find("#reports a[href='/reports/" + ref + "']"));
+    b.clickToLoad(b.find("#reports a[href='/reports/" + ref + "']"));
     ASSERT_EQ(b.title(), ref);
     // An admin too sees the masked text until asking for more.
     EXPECT_TRUE(has(b.text(b.find("#raw")), "inet 192.168.x.x netmask"));
     EXPECT_TRUE(b.findAll("#revealed").empty());
 
-    b.click(b.find("#reveal"));
+    b.clickToLoad(b.find("#reveal"));
     ASSERT_EQ(b.title(), ref);
     EXPECT_EQ(b.url(), base(s) + "/reports/" + ref + "/reveal");
     EXPECT_FALSE(b.findAll("#revealed").empty());
@@ -176,7 +176,7 @@ TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
     EXPECT_TRUE(has(b.source(), "<dt>From</dt><dd>127.0.0.1</dd>"));
     keepScreenshot(b, "admin-revealed");
 
-    b.click(b.find("#delete"));
+    b.clickToLoad(b.find("#delete"));
     EXPECT_EQ(b.url(), base(s) + "/");
     EXPECT_EQ(b.text(b.find("p.count")), "1 report");
     EXPECT_TRUE(b.findAll("tr[data-reference='" + ref + "']").empty());
@@ -188,10 +188,10 @@ TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
     EXPECT_EQ(b.text(b.find("#message")), "No report " + ref + ".");
     EXPECT_EQ(s.api("/api/reports/" + ref).status, 404);
 
-    b.click(b.find("#signout"));
+    b.clickToLoad(b.find("#signout"));
     EXPECT_EQ(b.title(), "Sign in");
     ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "ada", "ada's long password"));
-    b.click(b.find("a[href='/audit']"));
+    b.clickToLoad(b.find("a[href='/audit']"));
     ASSERT_EQ(b.title(), "Audit log");
     EXPECT_EQ(pageStatus(b), 200);
     // Newest first, each step with its account, address and report.
@@ -255,7 +255,7 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
     EXPECT_EQ(b.text(b.find("tr[data-reference='" + refs[sql] + "'] td:nth-child(2)")), sql);
     keepScreenshot(b, "hostile-list");
 
-    b.click(b.find("#reports a[href='/reports/" + hostile + "']"));
+    b.clickToLoad(b.find("#reports a[href='/reports/" + hostile + "']"));
     inert(hostile);
     EXPECT_EQ(b.text(b.find(kFormUser)), script);
     EXPECT_EQ(b.text(b.find("#why")), img + "\n" + link + "\n" + sql);
@@ -291,7 +291,7 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
         SCOPED_TRACE(q.query);
         b.navigate(base(s) + "/");
         b.sendKeys(b.find("header input[name='q']"), q.query);
-        b.click(b.find("header button[type='submit']"));
+        b.clickToLoad(b.find("header button[type='submit']"));
         inert("Problem reports");
         EXPECT_EQ(b.attribute(b.find("header input[name='q']"), "value"), q.query);
         EXPECT_EQ(b.text(b.find("p.count")), q.count);

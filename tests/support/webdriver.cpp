@@ -1,6 +1,7 @@
 #include "webdriver.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
@@ -147,11 +148,12 @@ json Session::command(const std::string &method, const std::string &path, const 
         throw std::runtime_error("webdriver: " + method + " " + path + ": answer " +
                                  std::to_string(r->status) + " " + r->body);
     const json &v = j["value"];
-    if (r->status != 200 || (v.is_object() && v.contains("error")))
-        throw std::runtime_error(
-            "webdriver: " + method + " " + path + ": " +
-            v.value("error", std::string("status ") + std::to_string(r->status)) + ": " +
-            v.value("message", std::string()));
+    if (r->status != 200 || (v.is_object() && v.contains("error"))) {
+        std::string code = v.is_object() ? v.value("error", std::string()) : std::string();
+        throw Error(code, "webdriver: " + method + " " + path + ": " +
+                              (code.empty() ? "status " + std::to_string(r->status) : code) + ": " +
+                              (v.is_object() ? v.value("message", std::string()) : ""));
+    }
     return v;
 }
 
@@ -199,6 +201,28 @@ std::vector<Element> Session::findAll(const Element &within, const std::string &
 
 void Session::click(const Element &e) {
     command("POST", "/element/" + e.id + "/click");
+}
+
+void Session::clickToLoad(const Element &e) {
+    Element page = find("html");
+    click(e);
+    // The old document's root goes stale once the next document is in;
+    // each look waits for chromedriver's answer, and chromedriver waits
+    // for a load it knows to be under way.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (;;) {
+        try {
+            command("GET", "/element/" + page.id + "/name");
+        } catch (const Error &err) {
+            if (err.code == "stale element reference" || err.code == "no such element")
+                break;
+            throw;
+        }
+        if (std::chrono::steady_clock::now() > deadline)
+            throw std::runtime_error("webdriver: the click did not lead to another page");
+    }
+    // Commands wait for a pending load; this one makes sure it is over.
+    title();
 }
 
 void Session::sendKeys(const Element &e, const std::string &keys) {

@@ -8,6 +8,7 @@
 #define KOB_WEBDRIVER_H
 
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -17,6 +18,14 @@ namespace webdriver {
 // Why no browser can run here ("" when chromium and chromedriver are both
 // installed).
 std::string missing();
+
+// An error answer from chromedriver; code is WebDriver's name for it
+// ("no such element", "stale element reference", ...).
+struct Error : std::runtime_error {
+    Error(const std::string &code, const std::string &what)
+        : std::runtime_error(what), code(code) {}
+    std::string code;
+};
 
 struct Element {
     std::string id;
@@ -45,9 +54,11 @@ class Session {
     std::vector<Element> findAll(const std::string &css);
     // The elements matching css inside another one.
     std::vector<Element> findAll(const Element &within, const std::string &css);
-    // Clicks and, when that submits a form or follows a link, returns after
-    // the next page has loaded.
     void click(const Element &e);
+    // Clicks a link or a form's button and returns once the browser has
+    // left the page for the next one and loaded it.  chromedriver alone may
+    // answer a click before a form's submission has begun.
+    void clickToLoad(const Element &e);
     void sendKeys(const Element &e, const std::string &keys);
     // The element's rendered text.
     std::string text(const Element &e);
