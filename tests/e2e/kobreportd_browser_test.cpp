@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -81,6 +82,15 @@ int pageStatus(webdriver::Session &b) {
 // The user name from the upload form among a report's facts.
 constexpr const char *kFormUser = "dl.facts dd:nth-of-type(2)";
 
+// The browser closes, and kobreportd stops on SIGTERM having said nothing
+// on standard error (where the sanitizers report) meanwhile.
+void stopsCleanly(webdriver::Session &b, reportd::Server &s) {
+    b.quit();
+    int st = s.stop();
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+    EXPECT_EQ(s.errors(), "");
+}
+
 bool has(const std::string &hay, const std::string &needle) {
     return hay.find(needle) != std::string::npos;
 }
@@ -144,6 +154,7 @@ TEST(ReportdBrowser, ViewerSeesAddressesMaskedAndNothingAfterSigningOut) {
          {"id=\"raw\"", "This program diagnoses", "192.168.x.x", "carol", "a4:83:", "Sign out"})
         EXPECT_FALSE(has(page, shown)) << shown << "\n" << page;
     keepScreenshot(b, "after-signout");
+    stopsCleanly(b, s);
 }
 
 TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
@@ -208,6 +219,7 @@ TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
                                                "report.revealed " + ref, "report.viewed " + ref,
                                                "signin "}));
     keepScreenshot(b, "audit");
+    stopsCleanly(b, s);
 }
 
 TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText) {
@@ -300,4 +312,5 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
     // Nothing was dropped on the way.
     b.navigate(base(s) + "/");
     EXPECT_EQ(b.text(b.find("p.count")), "10 reports");
+    stopsCleanly(b, s);
 }

@@ -104,12 +104,17 @@ Session::Session(const std::string &profileDir) {
 }
 
 Session::~Session() {
+    quit();
+}
+
+void Session::quit() {
     if (!session_.empty()) {
         try {
             command("DELETE", "");
         } catch (const std::exception &) {
             // chromedriver takes its browser down with it below.
         }
+        session_.clear();
     }
     stop();
 }

@@ -38,6 +38,8 @@ class Session {
     // Throws std::runtime_error when either does not come up.
     explicit Session(const std::string &profileDir);
     ~Session();
+    // Closes the browser and stops chromedriver; nothing else may follow.
+    void quit();
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
 
