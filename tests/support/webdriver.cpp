@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sodium.h>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,27 +35,57 @@ std::string missing() {
 }
 
 Session::Session(const std::string &profileDir) {
-    int pfd[2];
+    int pfd[2], alive[2];
     if (pipe(pfd) != 0)
         throw std::runtime_error("webdriver: no pipe");
-    std::string log = "--log-path=" + profileDir + "/chromedriver.log";
-    driver_ = fork();
-    if (driver_ == 0) {
-        // chromedriver and its browser go when the test does.
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        int devnull = open("/dev/null", O_RDWR);
-        dup2(devnull, 0);
-        dup2(pfd[1], 1);
-        dup2(devnull, 2);
+    if (pipe(alive) != 0) {
         close(pfd[0]);
         close(pfd[1]);
-        execl(kChromedriver, kChromedriver, "--port=0", log.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
+        throw std::runtime_error("webdriver: no pipe");
+    }
+    std::string log = "--log-path=" + profileDir + "/chromedriver.log";
+    // A keeper heads a process group of its own with chromedriver in it, and
+    // with it every browser process.  When the test lets go of the other end
+    // of `alive` (on quit, or by dying half-way) the keeper ends the group,
+    // so that no browser outlives its test.
+    keeper_ = fork();
+    if (keeper_ == 0) {
+        setpgid(0, 0);
+        close(alive[1]);
+        pid_t driver = fork();
+        if (driver == 0) {
+            close(alive[0]);
+            int devnull = open("/dev/null", O_RDWR);
+            dup2(devnull, 0);
+            dup2(pfd[1], 1);
+            dup2(devnull, 2);
+            close(pfd[0]);
+            close(pfd[1]);
+            execl(kChromedriver, kChromedriver, "--port=0", log.c_str(),
+                  static_cast<char *>(nullptr));
+            _exit(127);
+        }
+        close(pfd[0]);
+        close(pfd[1]);
+        char c;
+        while (read(alive[0], &c, 1) < 0 && errno == EINTR) {
+        }
+        signal(SIGTERM, SIG_IGN);
+        kill(0, SIGTERM);
+        if (driver > 0)
+            waitpid(driver, nullptr, 0);
+        // Whatever still stands of the browser; the keeper goes with it.
+        kill(0, SIGKILL);
+        _exit(0);
     }
     close(pfd[1]);
+    close(alive[0]);
     out_ = pfd[0];
-    if (driver_ < 0)
+    alive_ = alive[1];
+    if (keeper_ < 0) {
+        stop();
         throw std::runtime_error("webdriver: cannot fork");
+    }
     // chromedriver picks a free port and names it in its ready line.
     std::string got;
     struct pollfd p = {out_, POLLIN, 0};
@@ -120,12 +149,14 @@ void Session::quit() {
 }
 
 void Session::stop() {
-    if (driver_ > 0) {
-        kill(driver_, SIGTERM);
-        int st = 0;
-        while (waitpid(driver_, &st, 0) < 0 && errno == EINTR) {
+    if (alive_ >= 0) {
+        close(alive_);
+        alive_ = -1;
+    }
+    if (keeper_ > 0) {
+        while (waitpid(keeper_, nullptr, 0) < 0 && errno == EINTR) {
         }
-        driver_ = -1;
+        keeper_ = -1;
     }
     if (out_ >= 0) {
         close(out_);

@@ -79,8 +79,9 @@ class Session {
                            const nlohmann::json &body = nlohmann::json::object());
     void stop();
 
-    pid_t driver_ = -1;
-    int out_ = -1; // chromedriver's standard output, kept open so it never gets SIGPIPE
+    pid_t keeper_ = -1; // heads the process group of chromedriver and the browser
+    int alive_ = -1;    // closing it tells the keeper to end them
+    int out_ = -1;      // chromedriver's standard output, kept open so it never gets SIGPIPE
     int port_ = 0;
     std::string session_;
 };
