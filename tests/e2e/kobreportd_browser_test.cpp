@@ -9,6 +9,7 @@
 #include "webdriver.h"
 
 #include <filesystem>
+#include <map>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -44,7 +45,7 @@ std::string profile(const kobtest::TempDir &dir) {
     return p;
 }
 
-// Signs in through the sign-in form, as a person does, starting from path.
+// Signs in through the form, as a person does, starting at url.
 void signIn(webdriver::Session &b, const std::string &url, const std::string &name,
             const std::string &password) {
     b.navigate(url);
