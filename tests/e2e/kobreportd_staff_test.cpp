@@ -343,6 +343,11 @@ TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
         {"another token", std::string(64, '0'), "", 403},
         {"foreign Origin", token, "Origin: http://evil.example\r\n", 403},
         {"cross-site fetch", token, "Sec-Fetch-Site: cross-site\r\n", 403},
+        // A page without a referrer posts with "Origin: null": only its own
+        // site may, as the browser says in Sec-Fetch-Site.
+        {"null Origin alone", token, "Origin: null\r\n", 403},
+        {"null Origin from another site", token, "Origin: null\r\nSec-Fetch-Site: same-site\r\n",
+         403},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
