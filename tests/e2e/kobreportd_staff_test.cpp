@@ -8,7 +8,10 @@
 #include "reportgen.h"
 
 #include <fstream>
+#include <condition_variable>
 #include <gtest/gtest.h>
+#include <httplib.h>
+#include <thread>
 #include <memory>
 #include <sqlite3.h>
 
@@ -824,4 +827,114 @@ TEST_P(Staff, OneUsersReportsShowWhatChangedAndTwoCompareProbeByProbe) {
     EXPECT_EQ(cj.body, "{\"a\":\"" + refs[0] + "\",\"b\":\"" + refs[1] + "\",\"now_failing\":[\"" +
                            k443 + "\"],\"recovered\":[]}");
     EXPECT_EQ(b.get("/compare?a=" + refs[0] + "&b=KOB-20260101-999999").status, 404);
+}
+
+namespace {
+
+// A webhook receiver on loopback: keeps what is posted to it, and refuses
+// the first `refuse` posts with 500 to make the sender try again.
+class Receiver {
+  public:
+    explicit Receiver(int refuse) : refuse_(refuse) {
+        svr_.Post("/hook", [this](const httplib::Request &req, httplib::Response &res) {
+            std::lock_guard<std::mutex> lock(m_);
+            attempts_++;
+            if (refuse_ > 0) {
+                refuse_--;
+                res.status = 500;
+                return;
+            }
+            bodies_.push_back(req.body);
+            cv_.notify_all();
+        });
+        port_ = svr_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { svr_.listen_after_bind(); });
+    }
+    ~Receiver() {
+        svr_.stop();
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/hook"; }
+    // Waits for the n-th delivered body (from 1), up to a minute.
+    std::string wait(size_t n) {
+        std::unique_lock<std::mutex> lock(m_);
+        cv_.wait_for(lock, std::chrono::seconds(60), [&] { return bodies_.size() >= n; });
+        return bodies_.size() >= n ? bodies_[n - 1] : "";
+    }
+    size_t delivered() {
+        std::lock_guard<std::mutex> lock(m_);
+        return bodies_.size();
+    }
+    int attempts() {
+        std::lock_guard<std::mutex> lock(m_);
+        return attempts_;
+    }
+
+  private:
+    httplib::Server svr_;
+    std::thread thread_;
+    int port_ = 0, refuse_ = 0, attempts_ = 0;
+    std::mutex m_;
+    std::condition_variable cv_;
+    std::vector<std::string> bodies_;
+};
+
+} // namespace
+
+TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
+    Receiver hook(1);
+    const std::time_t t0 = 1800000000;
+    std::vector<std::string> down;
+    {
+        // The reports first, on a server that checks nothing yet, so that
+        // the first check sees the whole outage.
+        reportd::Server quiet(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        for (int i = 20; i >= 1; i--) {
+            setClock(t0 - i * 6 * 3600);
+            ASSERT_EQ(
+                reportd::upload(quiet.port(), reportgen::report(reportgen::healthyRun())).status,
+                200);
+        }
+        for (int i = 0; i < 6; i++) {
+            setClock(t0 + 60 * i);
+            auto r = reportd::upload(
+                quiet.port(), i == 2 ? reportgen::report(reportgen::healthyRun()) : port443Down());
+            if (i != 2)
+                down.push_back(reportd::reference(r));
+        }
+        EXPECT_EQ(quiet.stop(), 0);
+    }
+    setClock(t0 + 600);
+    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-webhook", hook.url(), "--alert-check", "1"},
+                      true, clockEnv());
+    std::string raised = hook.wait(1);
+    ASSERT_FALSE(raised.empty()) << "no alert within a minute";
+    EXPECT_EQ(raised.rfind("{\"event\":\"raised\",\"at\":\"" + iso(t0 + 600) + "\",", 0), 0u)
+        << raised;
+    EXPECT_NE(raised.find("\"area\":\"tcp\",\"target\":\"" + k443 +
+                          "\",\"share\":0.8333333333333334,\"baseline\":0.045454545454545456,"
+                          "\"window\":\"1h\",\"reports\":6,\"failing\":5,\"baseline_reports\":20,"
+                          "\"samples\":[\"" +
+                          down[4] + "\",\"" + down[3] + "\",\"" + down[2] + "\",\"" + down[1] +
+                          "\",\"" + down[0] + "\"]}"),
+              std::string::npos)
+        << raised;
+    // The first delivery was refused and tried again.
+    EXPECT_GE(hook.attempts(), 2);
+    // Still broken at the next checks: nothing more is sent.  Two hours on,
+    // six healthy reports bring the share back and the alert clears.
+    setClock(t0 + 2 * 3600);
+    for (int i = 0; i < 6; i++)
+        ASSERT_EQ(reportd::upload(s.port(), reportgen::report(reportgen::healthyRun())).status,
+                  200);
+    std::string cleared = hook.wait(2);
+    EXPECT_EQ(cleared.rfind("{\"event\":\"cleared\",", 0), 0u) << cleared;
+    EXPECT_NE(cleared.find("\"target\":\"" + k443 + "\",\"share\":0,"), std::string::npos)
+        << cleared;
+    EXPECT_EQ(value("SELECT count(*) FROM alerts"), "1");
+    EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "0");
+    EXPECT_NE(s.api("/metrics").body.find("\nkobreportd_alerts_raised_total 1\n"),
+              std::string::npos);
+    EXPECT_EQ(s.stop(), 0);
+    EXPECT_EQ(hook.delivered(), 2u);
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "accounts.h"
+#include "alerts.h"
 #include "audit.h"
 #include "clock.h"
 #include "intake.h"
@@ -32,6 +33,7 @@ int usage() {
         "                  [--tls-cert FILE --tls-key FILE] [--retain-days N]\n"
         "                  [--rate PER_MINUTE] [--max-inflight N] [--max-body BYTES]\n"
         "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
+        "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
         "       kobreportd user del NAME --db PATH_OR_URL\n"
         "       kobreportd user list --db PATH_OR_URL\n"
@@ -201,7 +203,8 @@ int main(int argc, char *argv[]) {
     if (argc > 1 && argv[1][0] != '-')
         return command(std::vector<std::string>(argv + 1, argv + argc));
 
-    std::string listen, staffListen, db;
+    std::string listen, staffListen, db, webhook;
+    int alertCheck = 60;
     Limits limits;
     StaffOptions staff;
     for (int i = 1; i < argc; i++) {
@@ -216,6 +219,11 @@ int main(int argc, char *argv[]) {
             staffListen = v;
         else if (a == "--db")
             db = v;
+        else if (a == "--alert-webhook" && (std::string(v).rfind("http://", 0) == 0 ||
+                                            std::string(v).rfind("https://", 0) == 0))
+            webhook = v;
+        else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
+            alertCheck = static_cast<int>(n);
         else if (a == "--tls-cert")
             staff.tls_cert = v;
         else if (a == "--tls-key")
@@ -274,6 +282,7 @@ int main(int argc, char *argv[]) {
     }
 
     Metrics metrics;
+    AlertTask alerts(*database, metrics, webhook, alertCheck);
     IntakeServer svr(*store, limits, metrics);
     port = bindServer(svr, host, port);
     if (port < 0)

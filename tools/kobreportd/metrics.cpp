@@ -128,6 +128,9 @@ std::string Metrics::text() const {
     sample(out, "kobreportd_reports_stored_total", static_cast<double>(stored_));
     out +=
         triage_.text("kobreportd_triage_duration_seconds", "Time the triage of one report took.");
+    header(out, "kobreportd_alerts_raised_total", "Alerts raised by this instance since the start.",
+           "counter");
+    sample(out, "kobreportd_alerts_raised_total", static_cast<double>(alerts_));
     return out + processText();
 }
 

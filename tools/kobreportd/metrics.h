@@ -33,6 +33,7 @@ class Metrics {
     void upload(int status, uint64_t bytes, double seconds);
     void triage(double seconds) { triage_.observe(seconds); }
     void stored() { stored_++; }
+    void alertRaised() { alerts_++; }
     // The Prometheus text format, version 0.0.4.
     std::string text() const;
 
@@ -40,7 +41,7 @@ class Metrics {
     // Answers that an upload can get, in this order.
     static constexpr std::array<int, 9> kCodes = {200, 400, 404, 405, 408, 413, 429, 500, 503};
     std::array<std::atomic<uint64_t>, kCodes.size() + 1> uploads_{}; // the last: any other
-    std::atomic<uint64_t> bytes_{0}, stored_{0};
+    std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0};
     Histogram duration_, triage_;
 };
 

@@ -335,8 +335,8 @@ Html report(const StoredReport &s, const std::string &raw, bool revealed, const 
                            ? *s.form_username
                            : s.report_username.value_or("");
     if (!user.empty())
-        b << "<a href=\"/users/" << uri(user) << "\" id=\"timeline\">all reports of "
-          << text(user) << "</a>";
+        b << "<a href=\"/users/" << uri(user) << "\" id=\"timeline\">all reports of " << text(user)
+          << "</a>";
     if (!s.raw_expired)
         b << "<a href=\"/reports/" << uri(s.reference) << "/raw\">raw text</a>";
     if (admin && !s.raw_expired && !revealed)

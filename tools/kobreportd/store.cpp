@@ -31,14 +31,21 @@ std::string ddl(sql::Dialect d, std::string s) {
     return s;
 }
 
-// Each report's outcome per target.  Reports stored before this layout
-// have none: the fleet's numbers start with it.
+// Each report's outcome per target, and the alerts on targets.  Reports
+// stored before this layout have no outcomes: the fleet's numbers start
+// with it.
 void upgradeTo3(sql::Dialect d, sql::Conn &c) {
     c.query(ddl(d, "CREATE TABLE IF NOT EXISTS outcomes ("
                    " report_id {INT} NOT NULL, received_at {INT} NOT NULL, area TEXT NOT NULL,"
                    " target TEXT NOT NULL, failing {INT} NOT NULL)"));
     c.query("CREATE INDEX IF NOT EXISTS outcomes_by_time ON outcomes (received_at)");
     c.query("CREATE INDEX IF NOT EXISTS outcomes_by_report ON outcomes (report_id)");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS alerts ("
+                   " id {ID}, area TEXT NOT NULL, target TEXT NOT NULL, raised_at {INT} NOT NULL,"
+                   " cleared_at {INT}, share TEXT NOT NULL, baseline TEXT NOT NULL)"));
+    // One open alert per target, whichever instance raises it.
+    c.query("CREATE UNIQUE INDEX IF NOT EXISTS alerts_open ON alerts (area, target)"
+            " WHERE cleared_at IS NULL");
     c.query("DELETE FROM kob_meta WHERE key = 'schema'");
     c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
             {sql::text(std::to_string(kSchemaVersion))});

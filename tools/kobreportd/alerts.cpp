@@ -1,0 +1,149 @@
+#include "alerts.h"
+
+#include <chrono>
+#include <cstdio>
+#include <httplib.h>
+
+#include "clock.h"
+#include "fleet.h"
+#include "kobjson.h"
+
+namespace kobreportd {
+
+namespace {
+
+std::string iso(std::time_t t) {
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buf;
+}
+
+} // namespace
+
+AlertTask::AlertTask(sql::Db &db, Metrics &metrics, std::string url, int intervalSeconds)
+    : db_(db), metrics_(metrics), url_(std::move(url)), interval_(intervalSeconds) {
+    checker_ = std::thread([this] { run(); });
+    if (!url_.empty())
+        sender_ = std::thread([this] { deliver(); });
+}
+
+AlertTask::~AlertTask() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stop_ = true;
+    }
+    wake_.notify_all();
+    checker_.join();
+    if (sender_.joinable())
+        sender_.join();
+}
+
+int AlertTask::check() {
+    std::time_t t = now();
+    Fleet f = fleet(db_, "24h", t);
+    int changed = 0;
+    for (const auto &target : f.targets) {
+        double share = target.hour_reports ? static_cast<double>(target.hour_failing) /
+                                                 static_cast<double>(target.hour_reports)
+                                           : 0;
+        auto open = db_.read("SELECT id FROM alerts WHERE area = $1 AND target = $2 AND"
+                             " cleared_at IS NULL",
+                             {sql::text(target.area), sql::text(target.target)});
+        const char *event = nullptr;
+        if (open.empty() && target.broken) {
+            try {
+                // Only one instance gets the open alert in: the index allows
+                // one per target.
+                db_.write("INSERT INTO alerts (area, target, raised_at, share, baseline)"
+                          " VALUES ($1, $2, $3, $4, $5)",
+                          {sql::text(target.area), sql::text(target.target), sql::integer(t),
+                           sql::text(std::to_string(share)),
+                           sql::text(std::to_string(target.baseline))});
+            } catch (const StoreError &) {
+                continue;
+            }
+            event = "raised";
+            metrics_.alertRaised();
+        } else if (!open.empty() && share - target.baseline < kBrokenMinRise / 2) {
+            auto done = db_.write("UPDATE alerts SET cleared_at = $1 WHERE id = $2 AND"
+                                  " cleared_at IS NULL RETURNING id",
+                                  {sql::integer(t), sql::integer(open.integer(0, 0))});
+            if (done.empty())
+                continue;
+            event = "cleared";
+        }
+        if (!event)
+            continue;
+        changed++;
+        kobjson::Writer w;
+        w.beginObject().key("event").value(event).key("at").value(iso(t));
+        w.key("area").value(target.area).key("target").value(target.target);
+        w.key("share").value(share).key("baseline").value(target.baseline);
+        w.key("window").value("1h").key("reports").value(target.hour_reports);
+        w.key("failing").value(target.hour_failing);
+        w.key("baseline_reports").value(target.baseline_reports);
+        w.key("samples").beginArray();
+        for (const auto &ref : failingReports(db_, target.area, target.target, t - 3600, 5))
+            w.value(ref);
+        w.endArray().endObject();
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!url_.empty())
+            outbox_.push_back(w.str());
+        wake_.notify_all();
+    }
+    return changed;
+}
+
+void AlertTask::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!wake_.wait_for(lock, std::chrono::seconds(interval_), [this] { return stop_; })) {
+        lock.unlock();
+        try {
+            check();
+        } catch (const StoreError &e) {
+            std::fprintf(stderr, "kobreportd: alert check failed: %s\n", e.what());
+        }
+        lock.lock();
+    }
+}
+
+bool AlertTask::post(const std::string &body) {
+    // "scheme://host:port/path"; the client takes the part before the path.
+    auto slash = url_.find('/', url_.find("://") + 3);
+    std::string base = url_.substr(0, slash),
+                path = slash == std::string::npos ? "/" : url_.substr(slash);
+    httplib::Client c(base);
+    c.set_connection_timeout(5, 0);
+    c.set_read_timeout(10, 0);
+    c.set_write_timeout(10, 0);
+    auto r = c.Post(path, body, "application/json");
+    return r && r->status >= 200 && r->status < 300;
+}
+
+void AlertTask::deliver() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        wake_.wait(lock, [this] { return stop_ || !outbox_.empty(); });
+        if (stop_)
+            return;
+        std::string body = outbox_.front();
+        // Back-off from one second, doubling to a minute, for about an hour.
+        int wait = 1;
+        bool sent = false;
+        for (int attempt = 0; attempt < 64 && !sent && !stop_; attempt++) {
+            lock.unlock();
+            sent = post(body);
+            lock.lock();
+            if (!sent)
+                wake_.wait_for(lock, std::chrono::seconds(wait), [this] { return stop_; });
+            wait = std::min(wait * 2, 60);
+        }
+        if (!sent && !stop_)
+            std::fprintf(stderr, "kobreportd: alert not delivered to the webhook, dropped\n");
+        outbox_.pop_front();
+    }
+}
+
+} // namespace kobreportd
