@@ -65,15 +65,12 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
         }
         return it->second;
     };
-    auto rows = db.read("SELECT area, target, received_at / $1, count(*),"
-                        " CAST(sum(failing) AS BIGINT) FROM outcomes"
-                        " WHERE received_at >= $2 AND received_at < $3"
-                        " GROUP BY area, target, received_at / $1",
-                        {sql::integer(f.bucket_seconds), sql::integer(f.from), sql::integer(f.to)});
+    auto rows = db.read("SELECT area, target, hour, reports, failing FROM outcome_hours"
+                        " WHERE hour >= $1 AND hour < $2 AND reports > 0",
+                        {sql::integer(f.from / 3600), sql::integer(f.to / 3600)});
     for (size_t i = 0; i < rows.size(); i++) {
         FleetTarget &t = target(rows.str(i, 0), rows.str(i, 1));
-        int64_t b = rows.integer(i, 2) * f.bucket_seconds;
-        size_t k = static_cast<size_t>((b - f.from) / f.bucket_seconds);
+        size_t k = static_cast<size_t>((rows.integer(i, 2) * 3600 - f.from) / f.bucket_seconds);
         if (k >= nb)
             continue;
         t.buckets[k].reports += rows.integer(i, 3);
@@ -82,21 +79,29 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
         t.failing += rows.integer(i, 4);
     }
 
-    std::time_t hour = now - 3600;
-    auto recent = db.read(
-        "SELECT area, target,"
-        " CAST(sum(CASE WHEN received_at >= $2 THEN 1 ELSE 0 END) AS BIGINT),"
-        " CAST(sum(CASE WHEN received_at >= $2 THEN failing ELSE 0 END) AS BIGINT),"
-        " CAST(sum(CASE WHEN received_at < $2 THEN 1 ELSE 0 END) AS BIGINT),"
-        " CAST(sum(CASE WHEN received_at < $2 THEN failing ELSE 0 END) AS BIGINT)"
-        " FROM outcomes WHERE received_at >= $1 AND received_at <= $3 GROUP BY area, target",
-        {sql::integer(hour - std::time_t{7} * 86400), sql::integer(hour), sql::integer(now)});
+    // The last hour from the outcomes themselves (a short range of their
+    // index), the baseline from the hours before the one it began in.
+    std::time_t hourAgo = now - 3600;
+    auto recent = db.read("SELECT area, target, count(*), CAST(sum(failing) AS BIGINT)"
+                          " FROM outcomes WHERE received_at >= $1 AND received_at <= $2"
+                          " GROUP BY area, target",
+                          {sql::integer(hourAgo), sql::integer(now)});
     for (size_t i = 0; i < recent.size(); i++) {
         FleetTarget &t = target(recent.str(i, 0), recent.str(i, 1));
         t.hour_reports = recent.integer(i, 2);
         t.hour_failing = recent.integer(i, 3);
-        t.baseline_reports = recent.integer(i, 4);
-        t.baseline_failing = recent.integer(i, 5);
+    }
+    int64_t h0 = hourAgo / 3600;
+    auto before = db.read("SELECT area, target, CAST(sum(reports) AS BIGINT),"
+                          " CAST(sum(failing) AS BIGINT) FROM outcome_hours"
+                          " WHERE hour >= $1 AND hour < $2 GROUP BY area, target",
+                          {sql::integer(h0 - 7 * 24), sql::integer(h0)});
+    for (size_t i = 0; i < before.size(); i++) {
+        FleetTarget &t = target(before.str(i, 0), before.str(i, 1));
+        t.baseline_reports = before.integer(i, 2);
+        t.baseline_failing = before.integer(i, 3);
+    }
+    for (auto &[key, t] : byTarget) {
         double p = (static_cast<double>(t.baseline_failing) + 1) /
                    (static_cast<double>(t.baseline_reports) + 2);
         t.baseline = p;

@@ -11,8 +11,12 @@
 // reports, and its failing share s is above its baseline p by at least
 // kBrokenMinRise and by at least kBrokenZ standard errors,
 // (s - p) / sqrt(p (1 - p) / n) >= kBrokenZ, where p is the share over the
-// seven days before that hour, smoothed as (failing + 1) / (reports + 2) so
-// that a target never seen failing still has a baseline above zero.
+// seven days before the clock hour in which the last hour began, smoothed
+// as (failing + 1) / (reports + 2) so that a target never seen failing
+// still has a baseline above zero.
+//
+// The charts and the baseline read hourly totals kept at intake
+// (outcome_hours); only the last hour reads the outcomes themselves.
 
 #ifndef KOBREPORTD_FLEET_H
 #define KOBREPORTD_FLEET_H

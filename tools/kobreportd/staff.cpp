@@ -1,5 +1,6 @@
 #include "staff.h"
 
+#include <cstdio>
 #include <functional>
 #include <sodium.h>
 
@@ -756,7 +757,17 @@ std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &o, Store &store
                    res.status == 404 ? "Not found\n"
                                      : "Error " + std::to_string(res.status) + "\n");
     });
-    svr->set_exception_handler([](const Request &, Response &res, const std::exception_ptr &) {
+    svr->set_exception_handler([](const Request &req, Response &res, const std::exception_ptr &e) {
+        // The operator needs to know why; the browser does not.
+        try {
+            std::rethrow_exception(e);
+        } catch (const std::exception &x) {
+            std::fprintf(stderr, "kobreportd: %s %s failed: %s\n", req.method.c_str(),
+                         req.path.substr(0, 200).c_str(), x.what());
+        } catch (...) {
+            std::fprintf(stderr, "kobreportd: %s %s failed\n", req.method.c_str(),
+                         req.path.substr(0, 200).c_str());
+        }
         answer(res, 500, "Internal error\n");
     });
     auto out = std::make_unique<StaffServer>();

@@ -40,6 +40,12 @@ void upgradeTo3(sql::Dialect d, sql::Conn &c) {
                    " target TEXT NOT NULL, failing {INT} NOT NULL)"));
     c.query("CREATE INDEX IF NOT EXISTS outcomes_by_time ON outcomes (received_at)");
     c.query("CREATE INDEX IF NOT EXISTS outcomes_by_report ON outcomes (report_id)");
+    // The same per hour, kept up to date at intake, so that the fleet's
+    // numbers over a month read a few thousand rows, not every outcome.
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS outcome_hours ("
+                   " area TEXT NOT NULL, target TEXT NOT NULL, hour {INT} NOT NULL,"
+                   " reports {INT} NOT NULL, failing {INT} NOT NULL,"
+                   " PRIMARY KEY (hour, area, target))"));
     c.query(ddl(d, "CREATE TABLE IF NOT EXISTS alerts ("
                    " id {ID}, area TEXT NOT NULL, target TEXT NOT NULL, raised_at {INT} NOT NULL,"
                    " cleared_at {INT}, share TEXT NOT NULL, baseline TEXT NOT NULL)"));
@@ -215,6 +221,12 @@ std::string Store::insert(const NewReport &r) {
                     " VALUES ($1, $2, $3, $4, $5)",
                     {sql::integer(id), sql::integer(r.received_at), sql::text(o.area),
                      sql::text(target), sql::integer(o.failing ? 1 : 0)});
+            c.query("INSERT INTO outcome_hours (area, target, hour, reports, failing)"
+                    " VALUES ($1, $2, $3, 1, $4) ON CONFLICT (hour, area, target) DO UPDATE"
+                    " SET reports = outcome_hours.reports + 1,"
+                    " failing = outcome_hours.failing + excluded.failing",
+                    {sql::text(o.area), sql::text(target), sql::integer(r.received_at / 3600),
+                     sql::integer(o.failing ? 1 : 0)});
         }
     });
     return ref;
@@ -301,9 +313,15 @@ bool Store::remove(const std::string &reference) {
         auto rows = c.query("DELETE FROM reports WHERE reference = $1 RETURNING id",
                             {sql::text(reference)});
         found = !rows.empty();
-        if (found)
-            c.query("DELETE FROM outcomes WHERE report_id = $1",
-                    {sql::integer(rows.integer(0, 0))});
+        if (!found)
+            return;
+        c.query("UPDATE outcome_hours SET reports = outcome_hours.reports - 1,"
+                " failing = outcome_hours.failing - o.failing"
+                " FROM (SELECT area, target, received_at / 3600 AS hour, failing FROM outcomes"
+                " WHERE report_id = $1) AS o WHERE outcome_hours.area = o.area AND"
+                " outcome_hours.target = o.target AND outcome_hours.hour = o.hour",
+                {sql::integer(rows.integer(0, 0))});
+        c.query("DELETE FROM outcomes WHERE report_id = $1", {sql::integer(rows.integer(0, 0))});
     });
     if (found)
         db_.scrub();
