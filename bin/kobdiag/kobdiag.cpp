@@ -63,6 +63,8 @@ struct vsb *DIA_readLogs(const char *out, const char *err) {
             want += dia_fileSize(fp);
     struct vsb *res =
         vsb_new(nullptr, nullptr, want < INT_MAX / 2 ? static_cast<int>(want) : 0, VSB_AUTOEXTEND);
+    if (res == nullptr)
+        res = vsb_newauto(); // too much at once: let it grow as far as it can
     DIA_ASSERT_AT(res != nullptr, "(res) != 0", 76);
     dia_appendLog(res, out, outLog, "[STDOUT]\n");
     dia_appendLog(res, err, errLog, "[STDERR]\n");
