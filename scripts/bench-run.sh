@@ -1,10 +1,18 @@
 #!/usr/bin/env bash
-# Times kobdiag-lab with six client logs of 64 MiB each against cat of the
-# same six files, in the same run, and a full lab run with every target
-# answering.  Prints wall time and peak memory (max RSS) of each.  A timing
-# script, not a test: nothing here passes or fails.
+# Times kobdiag-lab -o with six client logs of 64 MiB each against cat of the
+# same six files into one file.  Each is run three times and the median kept.
+# The run's fixed part (a full lab run, every target answering, no client
+# logs) is measured the same way and taken off the run with logs, so what is
+# compared with cat is what the logs cost.  Prints wall times, CPU times
+# (user plus system, steadier than wall time on a busy machine), peak memory
+# (max RSS) and the ratios: the logs' cost over cat's, and the peak RSS of
+# the run with logs over the size of the logs.  A timing script, not a
+# test: nothing here passes or fails.
 #
 #   scripts/bench-run.sh [build dir]     (default: build/bench-run)
+#
+# koblab answers on fixed loopback addresses: run it under the same lock as
+# the lab's whole-program tests when other checkouts may be testing.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -25,6 +33,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
+: >"$work/koblab.log"
 "$build/tools/koblab" -d "$work/reports" >"$work/koblab.log" 2>&1 &
 koblab_pid=$!
 until grep -q '^koblab: ready$' "$work/koblab.log"; do
@@ -32,20 +41,33 @@ until grep -q '^koblab: ready$' "$work/koblab.log"; do
   sleep 0.1
 done
 
-# /usr/bin/time -v: "Elapsed (wall clock) time" and "Maximum resident set size".
+runs=3
+# measure NAME LABEL COMMAND...: runs the command $runs times; prints each
+# run and leaves the medians of wall seconds, CPU seconds and max RSS (KiB)
+# in wall_NAME, cpu_NAME and rss_NAME.
 measure() {
-  local label=$1
-  shift
-  /usr/bin/time -v -o "$work/time.txt" "$@"
-  local wall rss
-  wall=$(sed -n 's/.*Elapsed (wall clock) time (h:mm:ss or m:ss): //p' "$work/time.txt")
-  rss=$(sed -n 's/.*Maximum resident set size (kbytes): //p' "$work/time.txt")
-  printf '%-44s wall %-9s max RSS %8d KiB\n' "$label" "$wall" "$rss"
+  local name=$1 label=$2
+  shift 2
+  local walls=() cpus=() rsss=() i start end wall cpu rss
+  for ((i = 1; i <= runs; i++)); do
+    start=$(date +%s%N)
+    /usr/bin/time -f '%M %U %S' -o "$work/rss.txt" "$@"
+    end=$(date +%s%N)
+    wall=$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", (b - a) / 1e9 }')
+    read -r rss cpu < <(tail -n 1 "$work/rss.txt" | awk '{ printf "%d %.2f\n", $1, $2 + $3 }')
+    printf '%-36s run %d: wall %7.3f s  CPU %6.2f s  max RSS %8d KiB\n' "$label" "$i" "$wall" "$cpu" "$rss"
+    walls+=("$wall")
+    cpus+=("$cpu")
+    rsss+=("$rss")
+  done
+  printf -v "wall_$name" '%s' "$(printf '%s\n' "${walls[@]}" | sort -g | sed -n 2p)"
+  printf -v "cpu_$name" '%s' "$(printf '%s\n' "${cpus[@]}" | sort -g | sed -n 2p)"
+  printf -v "rss_$name" '%s' "$(printf '%s\n' "${rsss[@]}" | sort -g | sed -n 2p)"
 }
 
-echo "==> a full lab run, every target answering (report to the file)"
+echo "==> the fixed part: a full lab run, every target answering, no client logs"
 rm -f "$labdir"/*.txt
-measure "kobdiag-lab -o (no client logs)" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
+measure fixed "kobdiag-lab -o, no logs" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
 
 echo "==> six client logs of 64 MiB each"
 logs=()
@@ -61,8 +83,17 @@ done
 total=$(cat "${logs[@]}" | wc -c)
 echo "total log size: $((total / 1024)) KiB"
 
-for round in 1 2; do
-  measure "cat of the six logs into one file ($round)" sh -c 'cat "$@" >"$0"' "$work/cat.out" "${logs[@]}"
-  measure "kobdiag-lab -o, stderr to /dev/null ($round)" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
-done
+measure cat "cat of the six logs into one file" sh -c 'cat "$@" >"$0"' "$work/cat.out" "${logs[@]}"
+measure logs "kobdiag-lab -o with the logs" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
 ls -l "$labdir/kobdiag_stdout.txt" | awk '{print "report file:", $5, "bytes"}'
+
+echo "==> medians of $runs"
+awk -v f="$wall_fixed" -v l="$wall_logs" -v c="$wall_cat" -v r="$rss_logs" -v t="$total" \
+  -v cf="$cpu_fixed" -v cl="$cpu_logs" -v cc="$cpu_cat" 'BEGIN {
+  printf "wall: fixed part %.3f s, run with logs %.3f s, cat %.3f s\n", f, l, c
+  printf "the logs cost %.3f s = %.2f x cat\n", l - f, (l - f) / c
+  printf "CPU: fixed part %.2f s, run with logs %.2f s, cat %.2f s\n", cf, cl, cc
+  if (cc > 0)
+    printf "the logs cost %.2f s of CPU = %.2f x cat\n", cl - cf, (cl - cf) / cc
+  printf "peak RSS with logs %d KiB = %.2f x the logs\n", r, r * 1024 / t
+}'

@@ -2,8 +2,8 @@
 //
 //   koblog [-n instance] [-d]
 //
-// Without -d it starts at the ring's current end and follows new records as
-// the daemon writes them, reopening the segment when it goes away or is
+// Without -d it prints only the records written after it started, as the
+// daemon writes them, reopening the segment when it goes away or is
 // rebuilt.  With -d it prints the ring from its start and exits at its end.
 
 #include <cerrno>
@@ -140,6 +140,10 @@ int main(int argc, char **argv) {
     vd->vsl->from_start = dump ? 1 : 0;
 
     const uint32_t *last = nullptr;
+    // A fresh reader delivers the records of a ring it has not seen from
+    // the start, so following begins with reading up to the ring's end and
+    // printing none of it: only records written after that are new.
+    bool catchingUp = !dump;
     double lastCheck = monoNow();
     for (;;) {
         uint32_t *p;
@@ -147,6 +151,8 @@ int main(int argc, char **argv) {
         int i = VSL_NextLog(vd, &p, nullptr);
         if (!wasOpen && vd->head != nullptr)
             (void)fileId(vd->fname, &dev, &ino);
+        if (i == 1 && catchingUp)
+            continue;
         if (i == 1) {
             // From the start, the ring ends before it comes round again.
             if (dump && last != nullptr && p <= last)
@@ -164,6 +170,8 @@ int main(int argc, char **argv) {
             }
             break;
         }
+        if (i == 0)
+            catchingUp = false;
         fflush(stdout);
         if (i < 0) {
             // The writer has lapped us or the ring is damaged: start again
@@ -172,6 +180,7 @@ int main(int argc, char **argv) {
             VSM_Close(vd);
             VSL_Delete(vd);
             (void)VSL_Arg(vd, 'n', instance);
+            catchingUp = true;
         }
         // A daemon that died without marking its segment leaves the old file
         // mapped and still: look for a new file now and then.
@@ -184,6 +193,7 @@ int main(int argc, char **argv) {
                 VSM_Close(vd);
                 VSL_Delete(vd);
                 (void)VSL_Arg(vd, 'n', instance);
+                catchingUp = true;
             }
         }
         struct timespec pause = {0, 20L * 1000 * 1000};

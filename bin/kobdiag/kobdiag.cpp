@@ -2,10 +2,14 @@
 
 #include "kobdiag.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <initializer_list>
+#if __has_include(<malloc.h>)
+#include <malloc.h>
+#endif
 #include <unistd.h>
 
 #include "kobdiag_assert.h"
@@ -32,33 +36,38 @@ constexpr int kIntranetConnectSeconds = 1;
 constexpr int kIntranetPort = 8081;
 constexpr int kPassThroughPort = 10007;
 
-// One client log pair in the report: the labels say which stream each
-// block came from, and a missing file is named rather than skipped.
-void dia_appendLog(struct vsb *res, const char *name, const struct vsb *log, const char *label) {
+// One client log in the report: the label says which stream the block came
+// from, and a missing file is named rather than skipped.  The file is read
+// straight into the result, which was made large enough for both.
+void dia_appendLog(struct vsb *res, const char *name, FILE *log, const char *label) {
     if (log == nullptr) {
         (void)vsb_printf(res, "No %s exists\n", name);
         return;
     }
     (void)vsb_cat(res, label);
-    if (vsb_len(log) >= 1)
-        (void)vsb_bcat(res, vsb_data(log), static_cast<size_t>(vsb_len(log)));
-    else
+    size_t before = res->s_len;
+    dia_readStream(res, log);
+    (void)fclose(log);
+    if (res->s_len == before)
         (void)vsb_cat(res, "Empty file.\n");
 }
 
 } // namespace
 
 struct vsb *DIA_readLogs(const char *out, const char *err) {
-    struct vsb *outLog = DIA_readFile(out);
-    struct vsb *errLog = DIA_readFile(err);
-    struct vsb *res = vsb_newauto();
+    FILE *outLog = fopen(out, "r");
+    FILE *errLog = fopen(err, "r");
+    long long want = 64;
+    for (FILE *fp : {outLog, errLog})
+        if (fp != nullptr)
+            want += dia_fileSize(fp);
+    struct vsb *res =
+        vsb_new(nullptr, nullptr, want < INT_MAX / 2 ? static_cast<int>(want) : 0, VSB_AUTOEXTEND);
+    if (res == nullptr)
+        res = vsb_newauto(); // too much at once: let it grow as far as it can
     DIA_ASSERT_AT(res != nullptr, "(res) != 0", 76);
     dia_appendLog(res, out, outLog, "[STDOUT]\n");
-    if (outLog != nullptr)
-        vsb_delete(outLog);
     dia_appendLog(res, err, errLog, "[STDERR]\n");
-    if (errLog != nullptr)
-        vsb_delete(errLog);
     vsb_finish(res);
     return res;
 }
@@ -127,6 +136,15 @@ int main(int argc, char *argv[]) {
     // Test-log and assertion lines go to standard output; keep them whole
     // and in order even when the process ends by abort.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+#ifdef M_MMAP_MAX
+    // The client logs pass through blocks of tens of megabytes, one pair of
+    // files after another.  The allocator would map each afresh and give it
+    // back when freed, so that every byte landed in new, zeroed memory; from
+    // the heap, a freed block serves the next pair and the report grows in
+    // place at its top.
+    (void)mallopt(M_MMAP_MAX, 0);
+    (void)mallopt(M_TRIM_THRESHOLD, INT_MAX);
+#endif
 
     odr_appdir = KOBDIAG_APP_DIR;
     ODR_libinit(0);

@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <sys/select.h>
 
 struct vsb;
@@ -87,6 +88,13 @@ void MTU_test(const char *addr);
 // deletes; NULL when the file cannot be opened.  A read error ends the copy
 // at what was read.
 struct vsb *DIA_readFile(const char *path);
+
+// The size of the regular file open on fp, or 0 when it has none to tell.
+long long dia_fileSize(FILE *fp);
+
+// Append what is left in fp to the open buffer, byte for byte, until the end
+// of the file or a read error.  The stream is made unbuffered.
+void dia_readStream(struct vsb *vsb, FILE *fp);
 
 // Both files with their labels ("[STDOUT]", "[STDERR]", "Empty file.", or
 // "No <name> exists" for a file that cannot be opened) in a new finished

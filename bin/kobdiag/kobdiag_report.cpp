@@ -25,10 +25,10 @@ struct vtclog *dia_vl;
 
 namespace {
 
-// Show the text and append the same bytes to the report.  Like "%.*s", it
-// stops at a zero byte, so what is shown and what is kept never differ.
+// Show the text and append the same bytes to the report.  The caller has
+// cut it at its first zero byte, as "%.*s" would, so what is shown and what
+// is kept never differ.
 void dia_emit(const char *p, size_t n) {
-    n = strnlen(p, n);
     (void)fwrite(p, 1, n, stderr);
     (void)vsb_bcat(dia_msg, p, n);
 }
@@ -78,7 +78,7 @@ int DIA_printf(const char *fmt, ...) {
     va_end(ap2);
     // The text is passed on with an explicit length, so a '%' in it is
     // shown and stored as it is.
-    dia_emit(p, static_cast<size_t>(m));
+    dia_emit(p, strnlen(p, static_cast<size_t>(m)));
     free(p);
     return m;
 }
@@ -101,24 +101,45 @@ void DIA_writepid(void) {
 
 /* ---- reading files and capturing commands ------------------------------------- */
 
+long long dia_fileSize(FILE *fp) {
+    struct stat st;
+    if (fstat(fileno(fp), &st) != 0 || !S_ISREG(st.st_mode))
+        return 0;
+    return st.st_size;
+}
+
+void dia_readStream(struct vsb *vsb, FILE *fp) {
+    // Straight from the file into the buffer's storage while it has room:
+    // an unbuffered stream reads into the destination itself, so the bytes
+    // are copied once, as a plain read would copy them.
+    (void)setvbuf(fp, nullptr, _IONBF, 0);
+    while (vsb_overflowed(vsb) == 0) {
+        size_t room = vsb->s_size - 1 - vsb->s_len;
+        if (room == 0)
+            break;
+        size_t n = fread(vsb->s_buf + vsb->s_len, 1, room, fp);
+        vsb->s_len += n;
+        if (n < room)
+            return; // the end, or a read error: what was read stays
+    }
+    // The file outgrew the room it was given: let the buffer grow.
+    char buf[1 << 16];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, fp)) > 0)
+        (void)vsb_bcat(vsb, buf, n);
+}
+
 struct vsb *DIA_readFile(const char *path) {
     FILE *fp = fopen(path, "r");
     if (fp == nullptr)
         return nullptr;
-    // Logs can be large: read ahead in big blocks, and start the buffer at
-    // the file's size so that it need not grow step by step.
-    (void)setvbuf(fp, nullptr, _IOFBF, 1 << 20);
-    struct stat st;
-    int hint = 0;
-    if (fstat(fileno(fp), &st) == 0 && st.st_size > 0 && st.st_size < INT_MAX / 2)
-        hint = static_cast<int>(st.st_size) + 1;
+    // Made at the file's size, so that it need not grow on the way.
+    long long size = dia_fileSize(fp);
+    int hint = size > 0 && size < INT_MAX / 2 ? static_cast<int>(size) + 1 : 0;
     struct vsb *vsb = vsb_new(nullptr, nullptr, hint, VSB_AUTOEXTEND);
     DIA_ASSERT_AT(vsb != nullptr, "(vsb) != 0", 64);
-    char buf[1024];
-    size_t n;
     // Bytes go in unchanged: a log may hold anything, zero bytes included.
-    while ((n = fread(buf, 1, sizeof buf, fp)) > 0)
-        (void)vsb_bcat(vsb, buf, n);
+    dia_readStream(vsb, fp);
     vsb_finish(vsb);
     (void)fclose(fp);
     return vsb;

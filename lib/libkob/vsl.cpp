@@ -108,12 +108,10 @@ int vsl_open(VSM_data *vd, vsl *vsl) {
     vsl->ptr = vsl->log_start + 1;
     if (vsl->from_start || words < 1)
         return 0;
-    // Walking from the start to the end is standing at the start: take the
-    // generation, or the first end marker would look like a restart and
-    // replay the whole ring.
-    vsl->last_gen = loadWord(vsl->log_start);
-    // Only the end marker stops this walk; a wrap marker is stepped over
-    // like a record.
+    // last_gen is left as it is: a reader that has not stood at the ring's
+    // start under this generation finds the end marker newer than what it
+    // saw and goes back to offset 4.  Only the end marker stops this walk;
+    // a wrap marker is stepped over like a record.
     while (vsl->ptr < vsl->log_end) {
         uint32_t w = loadWord(vsl->ptr);
         if (w == VSL_ENDMARKER)
@@ -129,20 +127,7 @@ int vsl_open(VSM_data *vd, vsl *vsl) {
 void vsl_close(VSM_data *vd, vsl *vsl) {
     VAS_CHECK(vsl->r_fd < 0, "vsl->r_fd < 0");
     VSM_Close(vd);
-    memset(&vsl->vf, 0, sizeof vsl->vf);
-    vsl->log_start = nullptr;
-    vsl->log_end = nullptr;
-    vsl->ptr = nullptr;
-}
-
-// The segment was closed, or closed and mapped again, under an open log:
-// by the caller, or by a counter walk that reopens the segment on the same
-// handle.  The log's positions then point into a mapping that is gone, or
-// (mapped again at the same place) may run past a smaller one.
-bool mappingGone(const VSM_data *vd, const vsl *vsl) {
-    auto *start = reinterpret_cast<const char *>(vsl->log_start);
-    auto *end = reinterpret_cast<const char *>(vsl->log_end);
-    return vd->head == nullptr || start < vd->seg_start || end > vd->seg_end;
+    vsl_SegmentClosed(vsl);
 }
 
 // One step through the ring.  *wraps counts the wrap markers followed in
@@ -150,14 +135,6 @@ bool mappingGone(const VSM_data *vd, const vsl *vsl) {
 // going round for ever.
 int vsl_nextslt(VSM_data *vd, vsl *vsl, uint32_t **pp, int *wraps) {
     VAS_CHECK(vsl->r_fd == -1, "0 == 1");
-    if (vsl->ptr != nullptr && mappingGone(vd, vsl)) {
-        // Forget the old positions and open the log afresh, as after the
-        // chunk went away; an open segment stays as it is.
-        memset(&vsl->vf, 0, sizeof vsl->vf);
-        vsl->log_start = nullptr;
-        vsl->log_end = nullptr;
-        vsl->ptr = nullptr;
-    }
     if (vsl->ptr == nullptr && vsl_open(vd, vsl) != 0)
         return 0;
     uint32_t *first = vsl->log_start + 1;
@@ -197,6 +174,13 @@ int vsl_nextslt(VSM_data *vd, vsl *vsl, uint32_t **pp, int *wraps) {
 }
 
 } // namespace
+
+void vsl_SegmentClosed(struct vsl *vsl) {
+    memset(&vsl->vf, 0, sizeof vsl->vf);
+    vsl->log_start = nullptr;
+    vsl->log_end = nullptr;
+    vsl->ptr = nullptr;
+}
 
 struct vsl *vsl_Setup(struct VSM_data *vd) {
     VAS_OBJ_NOTNULL(vd, VSM_MAGIC);

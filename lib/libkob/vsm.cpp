@@ -18,6 +18,7 @@
 #include "vsb.h"
 #include "vsc.h"
 #include "vsl.h"
+#include "vsl_priv.h"
 
 #define VSM_CHECK(cond, text) KOB_PLATFORM_CHECK(cond, text)
 
@@ -282,6 +283,8 @@ void VSM_Close(struct VSM_data *vd) {
     vd->seg_end = nullptr;
     ODR_CloseHandle(vd->vsm_fd);
     vd->vsm_fd = nullptr;
+    if (vd->vsl != nullptr)
+        vsl_SegmentClosed(vd->vsl);
 }
 
 void VSM_Delete(struct VSM_data *vd) {

@@ -25,26 +25,37 @@ const char *const vtc_leads[NLEAD] = {"----", "#   ", "##  ", "### ", "####"};
 // may each set it; that only moves the origin by the gap between them.
 std::atomic<double> vtc_t0{0.0};
 
-// "<lead> <%6.2f> <%-4s> ": the start of every line, built without the
-// general formatter, which would otherwise dominate the cost of a line.
-void appendPrefix(vsb *vsb, const char *lead, double elapsed, const char *id) {
-    char buf[400];
-    size_t n = 0;
+// "<lead> <%6.2f> ": the start of every line, built without the general
+// formatter, which would otherwise dominate the cost of a line.  buf holds
+// at least kLeadMax bytes.
+constexpr size_t kLeadMax = 4 + 1 + 352 + 1;
+size_t formatLead(char *buf, const char *lead, double elapsed) {
     memcpy(buf, lead, 4);
-    n = 4;
+    size_t n = 4;
     buf[n++] = ' ';
     n += kob::formatSeconds(buf + n, elapsed);
     buf[n++] = ' ';
-    (void)vsb_bcat(vsb, buf, n);
+    return n;
+}
+
+// ... then "<%-4s> ".
+void appendPrefix(vsb *vsb, const char *lead, double elapsed, const char *id) {
+    char buf[kLeadMax];
+    (void)vsb_bcat(vsb, buf, formatLead(buf, lead, elapsed));
     size_t idlen = strlen(id);
     (void)vsb_bcat(vsb, id, idlen);
     (void)vsb_bcat(vsb, "     ", idlen < 4 ? 5 - idlen : 1);
 }
 
-void vtc_log_emit(const vtclog *vl, unsigned lvl) {
+// zeroFree: the line holds no zero byte, so its length is all fputs would
+// look for.
+void vtc_log_emit(const vtclog *vl, unsigned lvl, bool zeroFree = false) {
     if (vl->func != nullptr && vl->func(lvl, "%s", vsb_data(vl->vsb)) >= 0)
         return;
-    fputs(vsb_data(vl->vsb), stdout);
+    if (zeroFree)
+        (void)fwrite(vsb_data(vl->vsb), 1, static_cast<size_t>(vsb_len(vl->vsb)), stdout);
+    else
+        fputs(vsb_data(vl->vsb), stdout);
 }
 
 } // namespace
@@ -112,23 +123,41 @@ void vtc_log(vtclog *vl, unsigned lvl, const char *fmt, ...) {
         return;
     if (vtc_t0.load(std::memory_order_relaxed) == 0.0)
         vtc_t0.store(VTIM_now(), std::memory_order_relaxed);
-    double t = VTIM_now();
+    double elapsed = VTIM_now() - vtc_t0.load(std::memory_order_relaxed);
+    // A message with nothing to format is the common line: put it together
+    // here, before the lock, so that under it the line only goes into the
+    // log's buffer and out.
+    size_t msglen = strcspn(fmt, "%");
+    size_t idlen = strlen(vl->id);
+    size_t pad = idlen < 4 ? 5 - idlen : 1;
+    char line[1024];
+    size_t n = 0;
+    bool whole = fmt[msglen] == '\0' && kLeadMax + idlen + pad + msglen + 1 <= sizeof line;
+    if (whole) {
+        n = formatLead(line, vtc_leads[lvl], elapsed);
+        memcpy(line + n, vl->id, idlen);
+        n += idlen;
+        memcpy(line + n, "     ", pad);
+        n += pad;
+        memcpy(line + n, fmt, msglen);
+        n += msglen;
+        line[n++] = '\n';
+    }
     VAS_ZERO(ODR_pthread_mutex_lock(&vl->mtx));
     vsb_clear(vl->vsb);
-    appendPrefix(vl->vsb, vtc_leads[lvl], t - vtc_t0.load(std::memory_order_relaxed), vl->id);
-    if (strchr(fmt, '%') == nullptr) {
-        // Nothing to format: the text is the message.
-        (void)vsb_cat(vl->vsb, fmt);
+    if (whole) {
+        (void)vsb_bcat(vl->vsb, line, n);
     } else {
+        appendPrefix(vl->vsb, vtc_leads[lvl], elapsed, vl->id);
         va_list ap;
         va_start(ap, fmt);
         (void)vsb_vprintf(vl->vsb, fmt, ap);
         va_end(ap);
+        (void)vsb_putc(vl->vsb, '\n');
     }
-    (void)vsb_putc(vl->vsb, '\n');
     vsb_finish(vl->vsb);
     VAS_ZERO(vsb_overflowed(vl->vsb));
-    vtc_log_emit(vl, lvl);
+    vtc_log_emit(vl, lvl, whole);
     vsb_clear(vl->vsb);
     VAS_ZERO(ODR_pthread_mutex_unlock(&vl->mtx));
 }

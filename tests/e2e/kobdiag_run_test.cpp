@@ -3,6 +3,7 @@
 
 #include <string>
 #include <sys/stat.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -79,6 +80,29 @@ TEST_F(LabRun, OutputFlagThreeTimesWritesTheFile) {
         ASSERT_TRUE(r.exited(0)) << r.err;
         EXPECT_EQ(reportFile(), r.err);
         EXPECT_EQ(r.err.find("==> All tests had done"), std::string::npos);
+    }
+}
+
+TEST_F(LabRun, OptionFormsInWholeRuns) {
+    // Each run writes the report file, so no -o was taken once too often;
+    // the header shows whether -u was taken.
+    struct Case {
+        std::vector<std::string> args;
+        const char *username;
+    } cases[] = {
+        {{"-ufoo", "-o"}, "foo"},
+        {{"-oufoo"}, "foo"},
+        {{"-o", "--", "-o", "-u", "bar"}, nullptr},
+        {{"-o", "-", "-o", "-u", "bar"}, nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+        clearLabDir();
+        auto r = runLab(c.args);
+        ASSERT_TRUE(r.exited(0)) << r.status << r.err;
+        EXPECT_TRUE(matchesRun(r.err, c.username));
+        EXPECT_EQ(reportFile(), r.err);
+        EXPECT_EQ(r.out, "");
     }
 }
 

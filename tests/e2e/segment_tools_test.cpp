@@ -265,6 +265,19 @@ TEST_F(Tools, BadOptionsPrintTheUsage) {
     }
 }
 
+TEST_F(Tools, KoblogFollowingPrintsNoRecordPresentWhenItStarted) {
+    // A later generation: the reader itself would deliver these from the
+    // ring's start.
+    Segment seg(path(), 1 << 16);
+    LogRing ring(seg, seg.addChunk("Log", "", "", 4096), 5);
+    ring.append(1, 1, 0, "present at start");
+    ring.append(2, 2, kobseg::sideB, "also present");
+    Running log({KOBLOG_BIN}, dir_.path());
+    log.sync([&] { ring.append(1, 0, 0, "sync"); });
+    ring.append(12, 3, 0, "written later");
+    EXPECT_EQ(log.readLines(1), "VaneReady                      3 -- written later\n");
+}
+
 TEST_F(Tools, KoblogFollowsNewRecordsRestartsAndANewSegment) {
     auto seg = std::make_unique<Segment>(path(), 1 << 16);
     auto ring = std::make_unique<LogRing>(*seg, seg->addChunk("Log", "", "", 4096), 1);

@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <functional>
 #include <regex>
 #include <string>
 #include <sys/resource.h>
@@ -196,24 +198,36 @@ TEST(PinTcp, FailedSelectIsThePlatformAssertion) {
 
 // ---- the line format ------------------------------------------------------------------
 
-TEST_F(Rtt, RoundTripIsPrintedWithSixDecimals) {
-    // The real round trip cannot be chosen, so the probes' line formats are
-    // checked with a fixed value through the same channel.
-    struct Case {
-        const char *fmt;
-        const char *want;
-    } cases[] = {
-        {"UDP src --%f ms--> dst(%s:%d)\n", "UDP src --12.345000 ms--> dst(127.0.0.1:10007)\n"},
-        {"TCP src --%f ms--> dst(%s:%d)\n", "TCP src --12.345000 ms--> dst(127.0.0.1:10007)\n"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.fmt);
-        rtt_test::freshReport();
-        std::string err =
-            kobtest::captureFd(2, [&] { DIA_printf(c.fmt, 12.345, "127.0.0.1", 10007); });
-        EXPECT_EQ(err, c.want);
-        EXPECT_EQ(rtt_test::parseRttLine(err, c.fmt[0] == 'U' ? "UDP" : "TCP", "127.0.0.1", 10007),
-                  12.345);
+// The probe's own line: "%f" of the round trip in milliseconds, which lies
+// between the answer's delay and the time the whole call took.
+void expectRoundTripLine(const std::string &proto, int port, double delayMs,
+                         const std::function<int()> &probe) {
+    rtt_test::freshReport();
+    int ret = -2;
+    double t0 = VTIM_real();
+    std::string err = kobtest::captureFd(2, [&] { ret = probe(); });
+    double callMs = (VTIM_real() - t0) * 1000.0;
+    double ms = rtt_test::parseRttLine(err, proto, "127.0.0.1", port);
+    EXPECT_GE(ms, delayMs);
+    EXPECT_LE(ms, callMs);
+    char want[128];
+    snprintf(want, sizeof want, "%s src --%f ms--> dst(127.0.0.1:%d)\n", proto.c_str(), ms, port);
+    EXPECT_EQ(err, want);
+    EXPECT_EQ(ret, static_cast<int>(ms));
+    EXPECT_EQ(rtt_test::reportText(), err);
+}
+
+TEST_F(Rtt, RoundTripIsPrintedInMillisecondsWithSixDecimals) {
+    {
+        SCOPED_TRACE("UDP");
+        UdpResponder server("P", true, std::chrono::microseconds(12345));
+        expectRoundTripLine("UDP", server.port(), 12.345,
+                            [&] { return PIN_udp("127.0.0.1", server.port()); });
+    }
+    {
+        SCOPED_TRACE("TCP");
+        Listener l;
+        expectRoundTripLine("TCP", l.port, 0.0, [&] { return PIN_tcp("127.0.0.1", l.port, 5); });
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <sched.h>
 #include <fcntl.h>
@@ -200,8 +201,14 @@ TEST(OdrWrappers, Basics) {
     close(p[1]);
     EXPECT_EQ(ODR_read(p[0], b, sizeof b), 0);
     close(p[0]);
+    time_t before = time(nullptr);
     time_t t = 0;
-    EXPECT_EQ(ODR_time(&t), t);
+    time_t now = ODR_time(&t);
+    time_t after = time(nullptr);
+    EXPECT_EQ(now, t);
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, after);
+    EXPECT_GE(ODR_time(nullptr), now);
     time_t zero = 0;
     EXPECT_EQ(strlen(ODR_ctime(&zero)), 25u); // 24 characters and a line feed
 }

@@ -49,7 +49,9 @@ class Vsl : public InTempDir {
         seg_ = std::make_unique<Segment>(kName, 1 << 16);
         seg_->addChunk("Stat", "", "", 240);
         log_ = seg_->addChunk("Log", "", "", ringBytes_);
-        ring_ = std::make_unique<LogRing>(*seg_, log_, 1);
+        // Generation 0, as a fresh reader state's last_gen: the reader
+        // starts at the ring's current end.
+        ring_ = std::make_unique<LogRing>(*seg_, log_, 0);
         vd_ = VSM_New();
         ASSERT_EQ(VSL_Arg(vd_, 'n', kName), 1);
     }
@@ -308,20 +310,27 @@ TEST_F(Vsl, ReaderStartsAtTheCurrentEnd) {
     EXPECT_EQ(drain(), std::vector<Rec>{});
 }
 
-TEST_F(Vsl, ReaderStartingAtTheEndOfALaterGenerationDoesNotReplayIt) {
-    ring_->restart(5);
-    ring_->append(1, 1, 0, "old");
-    EXPECT_EQ(drain(), std::vector<Rec>{});
+TEST_F(Vsl, NewReaderOnALaterGenerationReadsItFromOffsetFour) {
+    LogRing ring(*seg_, log_, 5);
+    ring.append(1, 1, 0, "present");
+    ring.append(2, 2, kobseg::sideA, "at open");
+    uint32_t *p;
+    ASSERT_EQ(VSL_NextLog(vd_, &p, nullptr), 1);
+    EXPECT_EQ(p, vd_->vsl->log_start + 1);
+    EXPECT_EQ(take(p), (Rec{1, 1, 0, "present"}));
     EXPECT_EQ(vd_->vsl->last_gen, 5u);
-    ring_->append(2, 2, 0, "new");
-    EXPECT_EQ(drain(), (std::vector<Rec>{{2, 2, 0, "new"}}));
+    EXPECT_EQ(drain(), (std::vector<Rec>{{2, 2, 1, "at open"}}));
+    // Having stood at the start under generation 5, it stays at the end.
+    EXPECT_EQ(drain(), std::vector<Rec>{});
+    ring.append(3, 3, 0, "new");
+    EXPECT_EQ(drain(), (std::vector<Rec>{{3, 3, 0, "new"}}));
 }
 
 TEST_F(Vsl, RestartedRingIsReadFromOffsetFour) {
     ring_->append(1, 1, 0, "first");
     fromStart();
     EXPECT_EQ(drain(), (std::vector<Rec>{{1, 1, 0, "first"}}));
-    EXPECT_EQ(vd_->vsl->last_gen, 1u);
+    EXPECT_EQ(vd_->vsl->last_gen, 0u);
     ring_->append(2, 2, 0, "second");
     // The writer restarts: new generation, the old end marker left behind.
     ring_->restart(2);
@@ -480,12 +489,17 @@ TEST_F(Vsl, CounterWalkReopeningTheSegmentLeavesTheLogReadable) {
     ASSERT_EQ(VSL_NextLog(vd_, &p, nullptr), 1);
     auto none = [](void *, const VSC_point *) { return 0; };
     EXPECT_EQ(VSC_Iter(vd_, none, nullptr), -1);
-    // Mapped at another address the log opens afresh and delivers the
-    // record again; at the same one it reads on where it stood.
-    std::vector<Rec> again = drain();
-    EXPECT_LE(again.size(), 1u);
-    for (const Rec &r : again)
-        EXPECT_EQ(r, (Rec{1, 7, 0, "seven"}));
+    // Closing the segment closed the log, wherever the new mapping lies:
+    // it opens afresh, here from the start, and delivers the record again.
+    EXPECT_EQ(vd_->vsl->ptr, nullptr);
+    EXPECT_EQ(drain(), (std::vector<Rec>{{1, 7, 0, "seven"}}));
+    // From the current end, it stays there: it has stood at the start
+    // under this generation.
+    vd_->vsl->from_start = 0;
+    EXPECT_EQ(VSC_Iter(vd_, none, nullptr), -1);
+    EXPECT_EQ(drain(), std::vector<Rec>{});
+    ring.append(2, 8, 0, "eight");
+    EXPECT_EQ(drain(), (std::vector<Rec>{{2, 8, 0, "eight"}}));
 }
 
 TEST_F(Vsl, MissingLogChunkLeavesItsTextAndClosesTheSegment) {
@@ -513,14 +527,28 @@ TEST_F(Vsl, SegmentGoingAwayClosesTheLogAndALaterCallReopens) {
     EXPECT_EQ(drain(), std::vector<Rec>{});
     EXPECT_EQ(vd_->head, nullptr);
     EXPECT_EQ(vd_->vsl->ptr, nullptr);
-    // The daemon comes back with a new file.
-    Segment again(kName, 1 << 16, 11);
-    LogRing ring(again, again.addChunk("Log", "", "", 512), 3);
-    ring.append(9, 1, 0, "before");
-    EXPECT_EQ(drain(), std::vector<Rec>{});
+    // The daemon comes back with a new file and a new generation: its
+    // records are all new to the reader, from offset 4.
+    auto again = std::make_unique<Segment>(kName, 1 << 16, 11);
+    auto ring = std::make_unique<LogRing>(*again, again->addChunk("Log", "", "", 512), 3);
+    ring->append(9, 1, 0, "before");
+    EXPECT_EQ(drain(), (std::vector<Rec>{{9, 1, 0, "before"}}));
     EXPECT_NE(vd_->head, nullptr);
-    ring.append(9, 2, 0, "after");
+    EXPECT_EQ(vd_->vsl->last_gen, 3u);
+    ring->append(9, 2, 0, "after");
     EXPECT_EQ(drain(), (std::vector<Rec>{{9, 2, 0, "after"}}));
+    // Closing the log keeps last_gen: a rebuilt ring under the generation
+    // the reader last stood in is taken as already read up to its end.
+    again->remove();
+    EXPECT_EQ(drain(), std::vector<Rec>{});
+    EXPECT_EQ(vd_->head, nullptr);
+    ring.reset();
+    again = std::make_unique<Segment>(kName, 1 << 16, 12);
+    ring = std::make_unique<LogRing>(*again, again->addChunk("Log", "", "", 512), 3);
+    ring->append(9, 3, 0, "same generation");
+    EXPECT_EQ(drain(), std::vector<Rec>{});
+    ring->append(9, 4, 0, "later");
+    EXPECT_EQ(drain(), (std::vector<Rec>{{9, 4, 0, "later"}}));
 }
 
 TEST_F(Vsl, LayoutChangeKeepingTheLogChunkKeepsReading) {
