@@ -95,7 +95,7 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
     auto before = db.read("SELECT area, target, CAST(sum(reports) AS BIGINT),"
                           " CAST(sum(failing) AS BIGINT) FROM outcome_hours"
                           " WHERE hour >= $1 AND hour < $2 GROUP BY area, target",
-                          {sql::integer(h0 - 7 * 24), sql::integer(h0)});
+                          {sql::integer(h0 - int64_t{7} * 24), sql::integer(h0)});
     for (size_t i = 0; i < before.size(); i++) {
         FleetTarget &t = target(before.str(i, 0), before.str(i, 1));
         t.baseline_reports = before.integer(i, 2);
