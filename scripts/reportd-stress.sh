@@ -22,6 +22,9 @@ echo "==> load"
 echo "==> kill and restart"
 "$stress" crash "$server" --cycles 3 || status=1
 "$stress" crash "$server" --cycles 3 --postgres || status=1
+echo "==> the fleet view over 100,000 reports"
+"$stress" fleet "$server" --count 100000 || status=1
+"$stress" fleet "$server" --count 100000 --postgres || status=1
 echo "==> intake limits"
 "$stress" limits "$server" || status=1
 echo "==> hostile requests"

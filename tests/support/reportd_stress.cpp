@@ -5,6 +5,7 @@
 //   kobreportd-stress crash  KOBREPORTD [--postgres] [--cycles N]
 //   kobreportd-stress hostile KOBREPORTD
 //   kobreportd-stress limits KOBREPORTD
+//   kobreportd-stress fleet  KOBREPORTD [--postgres] [--count N]
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -27,6 +28,8 @@
 #include <vector>
 
 #include "reportd.h"
+
+#include <sqlite3.h>
 #include "reportgen.h"
 
 namespace {
@@ -356,7 +359,7 @@ int hostile(const Options &o) {
 
 int usage() {
     std::fprintf(stderr,
-                 "usage: kobreportd-stress load|crash|hostile|limits KOBREPORTD [--postgres] "
+                 "usage: kobreportd-stress load|crash|hostile|limits|fleet KOBREPORTD [--postgres] "
                  "[--count N] [--size BYTES] [--cycles N]\n");
     return 2;
 }
@@ -445,6 +448,92 @@ int limits(const Options &o) {
     return ok ? 0 : 1;
 }
 
+// The fleet view over many stored reports: count reports spread over 30
+// days, 13 outcomes each, put straight into the database, then the time
+// /api/fleet and /fleet take for each window.
+int fleetBench(const Options &o) {
+    Database db(o.postgres);
+    { reportd::Server make(o.binary, db.where); } // the tables
+    long long n = o.count, now = static_cast<long long>(std::time(nullptr));
+    long long step = 30LL * 86400 / n;
+    std::string targets =
+        "CREATE TEMP TABLE t (area TEXT, target TEXT, k INTEGER);"
+        "INSERT INTO t VALUES ('udp', 'UDP pass-through', 0),"
+        "('tcp', 'Checks a connection to authentication server.', 1),"
+        "('tcp', 'Checks a connection to authentication server (old).', 2),"
+        "('tcp', 'Testing TCP pass-through to port 80', 3),"
+        "('tcp', 'Testing TCP pass-through to port 443', 4),"
+        "('tcp', 'Testing TCP pass-through to port 10007', 5),"
+        "('tcp', 'Testing TCP pass-through to port 10008 (KR - KT2)', 6),"
+        "('tcp', 'Testing TCP pass-through to port 10008 (JP - Amazon)', 7),"
+        "('intranet', '10.243.160.1:8081', 8), ('intranet', '10.252.240.1:8081', 9),"
+        "('intranet', '10.243.144.1:8081', 10), ('intranet', '10.252.128.1:8081', 11),"
+        "('traceroute', 'traceroute to 192.0.2.2', 12);";
+    std::string reports =
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+        std::to_string(n) +
+        ") INSERT INTO reports (reference, received_at, form_username, report_username, summary,"
+        " peer, size, \"desc\") SELECT 'KOB-20260101-' || (1000000 + i), " +
+        std::to_string(now) + " - i * " + std::to_string(step) +
+        ", 'user' || (i % 500), 'user' || (i % 500), 'no problem found', '127.0.0.1', 0, " +
+        (o.postgres ? "''::bytea" : "X''") + " FROM n;";
+    std::string outcomes =
+        "INSERT INTO outcomes (report_id, received_at, area, target, failing)"
+        " SELECT r.id, r.received_at, t.area, t.target,"
+        " CASE WHEN (r.id * 7 + t.k) % 20 = 0 THEN 1 ELSE 0 END FROM reports r CROSS JOIN t;"
+        "INSERT INTO outcome_hours (area, target, hour, reports, failing)"
+        " SELECT area, target, received_at / 3600, count(*), sum(failing) FROM outcomes"
+        " GROUP BY area, target, received_at / 3600;";
+    auto t0 = Clock::now();
+    if (o.postgres) {
+        db.pg->psql("BEGIN;" + targets + reports + outcomes + "COMMIT; ANALYZE;");
+    } else {
+        sqlite3 *h = nullptr;
+        sqlite3_open(db.where.c_str(), &h);
+        char *err = nullptr;
+        if (sqlite3_exec(h, ("BEGIN;" + targets + reports + outcomes + "COMMIT; ANALYZE;").c_str(),
+                         nullptr, nullptr, &err) != SQLITE_OK) {
+            std::fprintf(stderr, "fleet: %s\n", err ? err : "?");
+            return 1;
+        }
+        sqlite3_close(h);
+    }
+    std::printf("%s: %lld reports over 30 days, %lld outcomes, made in %.1f s\n", db.name.c_str(),
+                n, n * 13, secondsSince(t0));
+    reportd::Server s(o.binary, db.where);
+    reportd::Browser staff = s.signedIn("viewer");
+    bool good = true;
+    for (const char *w : {"6h", "24h", "7d", "30d"}) {
+        std::vector<double> api, page;
+        for (int k = 0; k < 5; k++) {
+            auto a = Clock::now();
+            auto r = s.api(std::string("/api/fleet?window=") + w);
+            api.push_back(secondsSince(a) * 1000);
+            good = good && r.status == 200;
+            a = Clock::now();
+            auto p = staff.get(std::string("/fleet?window=") + w);
+            page.push_back(secondsSince(a) * 1000);
+            good = good && p.status == 200;
+        }
+        std::sort(api.begin(), api.end());
+        std::sort(page.begin(), page.end());
+        std::printf("  window %-3s: /api/fleet median %.0f ms (max %.0f), /fleet median %.0f ms "
+                    "(max %.0f)\n",
+                    w, api[2], api[4], page[2], page[4]);
+    }
+    auto check = s.api("/api/fleet?window=30d");
+    long long total = 0;
+    for (size_t at = 0; (at = check.body.find("\"area\":\"udp\"", at)) != std::string::npos; at++) {
+        std::sscanf(check.body.c_str() + check.body.find("\"reports\":", at), "\"reports\":%lld",
+                    &total);
+        break;
+    }
+    std::printf("  30 days hold %lld reports of the UDP pass-through\n", total);
+    good = good && total == n;
+    std::printf("  %s\n", good ? "ok" : "FAILED");
+    return good ? 0 : 1;
+}
+
 int main(int argc, char *argv[]) {
     if (argc < 3)
         return usage();
@@ -470,6 +559,8 @@ int main(int argc, char *argv[]) {
         return load(o);
     if (mode == "crash")
         return crash(o);
+    if (mode == "fleet")
+        return fleetBench(o);
     if (mode == "limits")
         return limits(o);
     if (mode == "hostile")
