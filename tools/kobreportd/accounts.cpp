@@ -117,12 +117,7 @@ bool Accounts::deleteUser(const std::string &name) {
 }
 
 std::vector<AccountInfo> Accounts::users() {
-    auto rows = db_.read("SELECT name, role, created_at FROM users ORDER BY name");
-    std::vector<AccountInfo> out;
-    for (size_t i = 0; i < rows.size(); i++)
-        out.push_back({rows.str(i, 0), parseRole(rows.str(i, 1)).value_or(Role::Viewer),
-                       static_cast<std::time_t>(rows.integer(i, 2))});
-    return out;
+    return list("SELECT name, role, created_at FROM users ORDER BY name");
 }
 
 std::string Accounts::addToken(const std::string &name, Role role) {
@@ -146,7 +141,11 @@ bool Accounts::deleteToken(const std::string &name) {
 }
 
 std::vector<AccountInfo> Accounts::tokens() {
-    auto rows = db_.read("SELECT name, role, created_at FROM tokens ORDER BY name");
+    return list("SELECT name, role, created_at FROM tokens ORDER BY name");
+}
+
+std::vector<AccountInfo> Accounts::list(const char *query) {
+    auto rows = db_.read(query);
     std::vector<AccountInfo> out;
     for (size_t i = 0; i < rows.size(); i++)
         out.push_back({rows.str(i, 0), parseRole(rows.str(i, 1)).value_or(Role::Viewer),

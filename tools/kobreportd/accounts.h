@@ -76,6 +76,8 @@ class Accounts {
     static std::string randomId();
 
   private:
+    // name, role, created_at rows as accounts.
+    std::vector<AccountInfo> list(const char *query);
     sql::Db &db_;
     Audit &audit_;
     std::string dummyHash_; // verified against for unknown names

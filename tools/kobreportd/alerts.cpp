@@ -10,18 +10,6 @@
 
 namespace kobreportd {
 
-namespace {
-
-std::string iso(std::time_t t) {
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return buf;
-}
-
-} // namespace
-
 AlertTask::AlertTask(sql::Db &db, Metrics &metrics, std::string url, int intervalSeconds)
     : db_(db), metrics_(metrics), url_(std::move(url)), interval_(intervalSeconds) {
     checker_ = std::thread([this] { run(); });
@@ -78,7 +66,7 @@ int AlertTask::check() {
             continue;
         changed++;
         kobjson::Writer w;
-        w.beginObject().key("event").value(event).key("at").value(iso(t));
+        w.beginObject().key("event").value(event).key("at").value(isoTime(t));
         w.key("area").value(target.area).key("target").value(target.target);
         w.key("share").value(share).key("baseline").value(target.baseline);
         w.key("window").value("1h").key("reports").value(target.hour_reports);

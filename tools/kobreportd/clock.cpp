@@ -14,6 +14,14 @@ const char *clockFile() {
 
 } // namespace
 
+std::string isoTime(std::time_t t) {
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[32];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return buf;
+}
+
 bool testClock() {
     return clockFile() != nullptr;
 }

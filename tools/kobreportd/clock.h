@@ -6,6 +6,7 @@
 #define KOBREPORTD_CLOCK_H
 
 #include <ctime>
+#include <string>
 
 namespace kobreportd {
 
@@ -13,6 +14,9 @@ std::time_t now();
 
 // True when the test clock is in use (the server says so at start).
 bool testClock();
+
+// "YYYY-MM-DDThh:mm:ssZ", UTC.
+std::string isoTime(std::time_t t);
 
 } // namespace kobreportd
 

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "clock.h"
 #include "kobtriage.h"
 
 namespace kobreportd::pages {
@@ -237,14 +238,6 @@ Html keptVerdicts(const std::string &findings) {
 }
 
 } // namespace
-
-std::string isoTime(std::time_t t) {
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return buf;
-}
 
 std::string shownTime(std::time_t t) {
     std::tm tm{};

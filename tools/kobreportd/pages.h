@@ -61,7 +61,6 @@ html::Html failing(const std::string &area, const std::string &target,
                    const std::vector<std::string> &references);
 
 std::string shownTime(std::time_t t);
-std::string isoTime(std::time_t t);
 
 } // namespace kobreportd::pages
 

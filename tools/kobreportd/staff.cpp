@@ -228,7 +228,7 @@ class StaffRoutes {
         if (s.raw_expired) {
             kobjson::Writer w;
             w.beginObject().key("reference").value(s.reference);
-            w.key("received_at").value(pages::isoTime(s.received_at));
+            w.key("received_at").value(isoTime(s.received_at));
             w.key("form_username").value(s.form_username);
             w.key("report_username").value(s.report_username);
             w.key("summary").value(s.summary).key("raw_expired").value(true);
@@ -242,7 +242,7 @@ class StaffRoutes {
         }
         kobtriage::StoredFacts f;
         f.reference = s.reference;
-        f.received_at = pages::isoTime(s.received_at);
+        f.received_at = isoTime(s.received_at);
         f.form_username = s.form_username;
         f.why = v.why;
         f.size = static_cast<size_t>(s.size);
@@ -510,7 +510,7 @@ void StaffRoutes::routes() {
             w.key("page_size").value(kPageSize).key("reports").beginArray();
             for (const auto &it : list.items) {
                 w.beginObject().key("reference").value(it.reference);
-                w.key("received_at").value(pages::isoTime(it.received_at));
+                w.key("received_at").value(isoTime(it.received_at));
                 std::string user = it.form_username && !it.form_username->empty()
                                        ? *it.form_username
                                        : it.report_username.value_or("");
@@ -630,7 +630,7 @@ void StaffRoutes::routes() {
             for (size_t i = 0; i < list.size(); i++) {
                 const auto &r = list[i];
                 w.beginObject().key("reference").value(r.item.reference);
-                w.key("received_at").value(pages::isoTime(r.item.received_at));
+                w.key("received_at").value(isoTime(r.item.received_at));
                 w.key("summary").value(r.item.summary);
                 if (i + 1 < list.size()) {
                     auto c = pages::changes(list[i + 1].outcomes, r.outcomes);
@@ -657,7 +657,7 @@ void StaffRoutes::routes() {
             Fleet f = fleet(store_.db(), w, now());
             kobjson::Writer j;
             j.beginObject().key("window").value(f.window);
-            j.key("from").value(pages::isoTime(f.from)).key("to").value(pages::isoTime(f.to));
+            j.key("from").value(isoTime(f.from)).key("to").value(isoTime(f.to));
             j.key("bucket_seconds").value(static_cast<int64_t>(f.bucket_seconds));
             j.key("targets").beginArray();
             for (const auto &t : f.targets) {
@@ -673,7 +673,7 @@ void StaffRoutes::routes() {
                     if (b.reports)
                         j.beginObject()
                             .key("start")
-                            .value(pages::isoTime(b.start))
+                            .value(isoTime(b.start))
                             .key("reports")
                             .value(b.reports)
                             .key("failing")
@@ -697,7 +697,7 @@ void StaffRoutes::routes() {
             w.beginObject().key("total").value(total).key("page").value(pg);
             w.key("page_size").value(kPageSize).key("entries").beginArray();
             for (const auto &e : entries) {
-                w.beginObject().key("id").value(e.id).key("at").value(pages::isoTime(e.at));
+                w.beginObject().key("id").value(e.id).key("at").value(isoTime(e.at));
                 w.key("account").value(e.account).key("address").value(e.address);
                 w.key("action").value(e.action).key("reference").value(e.reference);
                 w.key("detail").value(e.detail).endObject();
