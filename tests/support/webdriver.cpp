@@ -250,7 +250,11 @@ void Session::clickToLoad(const Element &e) {
         try {
             command("GET", "/element/" + page.id + "/name");
         } catch (const Error &err) {
-            if (err.code == "stale element reference" || err.code == "no such element")
+            // Between the two documents chromedriver may also say that the
+            // node no longer belongs to the document.
+            if (err.code == "stale element reference" || err.code == "no such element" ||
+                std::string(err.what()).find("does not belong to the document") !=
+                    std::string::npos)
                 break;
             throw;
         }
