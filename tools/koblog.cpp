@@ -1,19 +1,24 @@
 // koblog: print a daemon's log ring, one line per record.
 //
-//   koblog [-n instance] [-d]
+//   koblog [-n instance] [-d] [--json]
 //
 // Without -d it prints only the records written after it started, as the
 // daemon writes them, reopening the segment when it goes away or is
 // rebuilt.  With -d it prints the ring from its start and exits at its end.
+// With --json each record is one JSON object on a line of its own, for log
+// shippers: the time it was read, the tag's number and name, the
+// identifier, the side and the payload as text (invalid UTF-8 as U+FFFD).
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <getopt.h>
 #include <ctime>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "segment_tool.h"
@@ -22,10 +27,11 @@
 
 namespace {
 
-const char usageText[] = "usage: koblog [-n instance] [-d]\n"
+const char usageText[] = "usage: koblog [-n instance] [-d] [--json]\n"
                          "  -n instance  segment to read: .kobvane.vsm (default), .kobflow.vsm,\n"
                          "               .kobrun.vsm, in the current directory\n"
-                         "  -d           print the ring from its start and exit at its end\n";
+                         "  -d           print the ring from its start and exit at its end\n"
+                         "  --json       print each record as one JSON object\n";
 
 [[noreturn]] void usage() {
     fputs(usageText, stderr);
@@ -76,6 +82,28 @@ void printRecord(const uint32_t *p) {
     fwrite(line.data(), 1, line.size(), stdout);
 }
 
+void printJson(const uint32_t *p) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm tm;
+    gmtime_r(&ts.tv_sec, &tm);
+    char when[40];
+    size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &tm);
+    snprintf(when + n, sizeof when - n, ".%03ldZ", ts.tv_nsec / 1000000);
+    unsigned tag = VSL_TAG(p), side = VSL_SIDE(p);
+    std::string sides = std::string(side & VSL_SIDE_A ? "A" : "") + (side & VSL_SIDE_B ? "B" : "");
+    nlohmann::json j = {
+        {"time", when},
+        {"tag", tag},
+        {"tag_name", VSL_tags[tag] ? nlohmann::json(VSL_tags[tag]) : nlohmann::json(nullptr)},
+        {"id", VSL_ID(p)},
+        {"side", sides},
+        {"payload", std::string(VSL_DATA(p), VSL_LEN(p))},
+    };
+    std::string line = j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    fwrite(line.data(), 1, line.size(), stdout);
+}
+
 // The identity of the file a reader has open, to notice a new one.
 bool fileId(const char *path, dev_t *dev, ino_t *ino) {
     struct stat st;
@@ -96,15 +124,20 @@ double monoNow() {
 
 int main(int argc, char **argv) {
     const char *instance = ".kobvane.vsm";
-    bool dump = false;
+    bool dump = false, json = false;
     int opt;
-    while ((opt = getopt(argc, argv, "n:d")) != -1) {
+    static const struct option longOptions[] = {{"json", no_argument, nullptr, 'J'},
+                                                {nullptr, 0, nullptr, 0}};
+    while ((opt = getopt_long(argc, argv, "n:d", longOptions, nullptr)) != -1) {
         switch (opt) {
         case 'n':
             instance = optarg;
             break;
         case 'd':
             dump = true;
+            break;
+        case 'J':
+            json = true;
             break;
         default:
             usage();
@@ -158,7 +191,10 @@ int main(int argc, char **argv) {
             if (dump && last != nullptr && p <= last)
                 break;
             last = p;
-            printRecord(p);
+            if (json)
+                printJson(p);
+            else
+                printRecord(p);
             continue;
         }
         if (dump) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "kobtest.h"
 #include "segwriter.h"
@@ -28,14 +29,16 @@ namespace {
 
 const char kName[] = ".kobvane.vsm";
 
-const char kLogUsage[] = "usage: koblog [-n instance] [-d]\n"
+const char kLogUsage[] = "usage: koblog [-n instance] [-d] [--json]\n"
                          "  -n instance  segment to read: .kobvane.vsm (default), .kobflow.vsm,\n"
                          "               .kobrun.vsm, in the current directory\n"
-                         "  -d           print the ring from its start and exit at its end\n";
-const char kStatUsage[] = "usage: kobstat [-n instance] [-1]\n"
+                         "  -d           print the ring from its start and exit at its end\n"
+                         "  --json       print each record as one JSON object\n";
+const char kStatUsage[] = "usage: kobstat [-n instance] [-1] [--prometheus]\n"
                           "  -n instance  segment to read: .kobvane.vsm (default), .kobflow.vsm,\n"
                           "               .kobrun.vsm, in the current directory\n"
-                          "  -1           print the counters once and exit\n";
+                          "  -1           print the counters once and exit\n"
+                          "  --prometheus print them once in Prometheus' text format and exit\n";
 
 // A program left running with its standard output on a pipe.
 class Running {
@@ -388,3 +391,89 @@ TEST_F(Tools, KobstatRefreshShowsRatesFromTheSecondScreen) {
 }
 
 } // namespace
+
+TEST_F(Tools, KoblogJsonPrintsOneObjectPerRecordThatAJsonParserReads) {
+    Segment seg(path(), 1 << 16);
+    LogRing ring(seg, seg.addChunk("Log", "", "", 4096), 1);
+    ring.append(12, 1, 0, "ready");
+    ring.append(2, 42, kobseg::sideA, "get \"mtu\"");
+    ring.append(29, 7, kobseg::sideB, std::string("gw 10.0.0.1\n\t\\\x01\x7f\xff\0", 18));
+    ring.append(21, 1073741823, kobseg::sideA | kobseg::sideB, "");
+    ring.append(200, 3, 0, "unnamed");
+    auto r = koblog({"-d", "--json"});
+    ASSERT_TRUE(r.exited(0)) << r.status;
+    EXPECT_EQ(r.err, "");
+    std::vector<nlohmann::json> lines;
+    std::istringstream in(r.out);
+    std::string line;
+    while (std::getline(in, line)) {
+        auto j = nlohmann::json::parse(line, nullptr, false);
+        ASSERT_FALSE(j.is_discarded()) << line;
+        lines.push_back(j);
+    }
+    ASSERT_EQ(lines.size(), 5u) << r.out;
+    struct Want {
+        unsigned tag;
+        nlohmann::json name;
+        unsigned id;
+        const char *side;
+        std::string payload;
+    } want[] = {
+        {12, "VaneReady", 1, "", "ready"},
+        {2, "VaneGet", 42, "A", "get \"mtu\""},
+        {29, "HostDefaultGateway", 7, "B",
+         std::string("gw 10.0.0.1\n\t\\\x01\x7f\xef\xbf\xbd\0", 20)},
+        {21, "FlowPanicMsg", 1073741823, "AB", ""},
+        {200, nullptr, 3, "", "unnamed"},
+    };
+    for (size_t i = 0; i < 5; i++) {
+        SCOPED_TRACE(i);
+        const auto &j = lines[i];
+        EXPECT_EQ(j.size(), 6u);
+        EXPECT_EQ(j["tag"], want[i].tag);
+        EXPECT_EQ(j["tag_name"], want[i].name);
+        EXPECT_EQ(j["id"], want[i].id);
+        EXPECT_EQ(j["side"], want[i].side);
+        EXPECT_EQ(j["payload"], want[i].payload);
+        std::string t = j["time"];
+        ASSERT_EQ(t.size(), 24u) << t;
+        EXPECT_EQ(t[10], 'T');
+        EXPECT_EQ(t.substr(19, 1) + t.substr(23), ".Z");
+    }
+}
+
+TEST_F(Tools, KobstatPrometheusPrintsEveryCounterForPromtool) {
+    Segment seg(path(".kobrun.vsm"), 1 << 14);
+    uint64_t main = seg.addChunk("Stat", "", "", 240);
+    uint64_t second = seg.addChunk("Stat", "", "wlan\"0", 240);
+    for (unsigned i = 0; i < 30; i++) {
+        seg.setCounter(main, i, i * 1000 + (i == 29 ? 18446744073709551615u - 29000 : 0));
+        seg.setCounter(second, i, i);
+    }
+    auto r = kobstat({"--prometheus", "-n", ".kobrun.vsm"});
+    ASSERT_TRUE(r.exited(0)) << r.status << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(
+        r.out.rfind("# HELP kob_ath_if_opackets_total Interface output packets for ath(4)\n"
+                    "# TYPE kob_ath_if_opackets_total counter\n"
+                    "kob_ath_if_opackets_total{instance=\".kobrun.vsm\"} 0\n"
+                    "kob_ath_if_opackets_total{instance=\".kobrun.vsm\",ident=\"wlan\\\"0\"} 0\n"
+                    "# HELP kob_ath_if_ipackets_total Interface input packets for ath(4)\n",
+                    0),
+        0u)
+        << r.out;
+    EXPECT_NE(
+        r.out.find("kob_zyd_if_ibytes_total{instance=\".kobrun.vsm\"} 18446744073709551615\n"),
+        std::string::npos);
+    size_t helps = 0;
+    for (size_t at = 0; (at = r.out.find("# HELP ", at)) != std::string::npos; at++)
+        helps++;
+    EXPECT_EQ(helps, 30u);
+    if (access("/usr/bin/promtool", X_OK) != 0)
+        GTEST_SKIP() << "promtool is not installed (Debian package prometheus)";
+    kobtest::writeFile(dir_.file("metrics.txt"), r.out);
+    auto check = runProgram(
+        {"/bin/sh", "-c", "/usr/bin/promtool check metrics < " + dir_.file("metrics.txt")});
+    EXPECT_TRUE(check.exited(0)) << check.out << check.err;
+    EXPECT_EQ(check.out + check.err, "");
+}
