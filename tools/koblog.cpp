@@ -92,16 +92,21 @@ void printJson(const uint32_t *p) {
     snprintf(when + n, sizeof when - n, ".%03ldZ", ts.tv_nsec / 1000000);
     unsigned tag = VSL_TAG(p), side = VSL_SIDE(p);
     std::string sides = std::string(side & VSL_SIDE_A ? "A" : "") + (side & VSL_SIDE_B ? "B" : "");
-    nlohmann::json j = {
-        {"time", when},
-        {"tag", tag},
-        {"tag_name", VSL_tags[tag] ? nlohmann::json(VSL_tags[tag]) : nlohmann::json(nullptr)},
-        {"id", VSL_ID(p)},
-        {"side", sides},
-        {"payload", std::string(VSL_DATA(p), VSL_LEN(p))},
-    };
-    std::string line = j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    fwrite(line.data(), 1, line.size(), stdout);
+    // Nothing here throws but a failed allocation, which ends the record.
+    try {
+        nlohmann::json j = {
+            {"time", when},
+            {"tag", tag},
+            {"tag_name", VSL_tags[tag] ? nlohmann::json(VSL_tags[tag]) : nlohmann::json(nullptr)},
+            {"id", VSL_ID(p)},
+            {"side", sides},
+            {"payload", std::string(VSL_DATA(p), VSL_LEN(p))},
+        };
+        std::string line = j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+        fwrite(line.data(), 1, line.size(), stdout);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "koblog: %s\n", e.what());
+    }
 }
 
 // The identity of the file a reader has open, to notice a new one.
