@@ -2,6 +2,10 @@
 // part of the test pass/fail (scripts/reportd-stress.sh runs them).
 //
 //   kobreportd-stress load   KOBREPORTD [--postgres] [--count N] [--size BYTES]
+//                            [--clients N] [--port P]
+//     (--clients: that many connections at a time, each sending its share
+//     in turn; --port: load a server already listening on 127.0.0.1:P, such
+//     as a web server to compare with, instead of starting KOBREPORTD)
 //   kobreportd-stress crash  KOBREPORTD [--postgres] [--cycles N]
 //   kobreportd-stress hostile KOBREPORTD
 //   kobreportd-stress limits KOBREPORTD
@@ -46,6 +50,8 @@ struct Options {
     int count = 200;
     size_t size = 1u << 20;
     int cycles = 3;
+    int clients = 0; // 0: every upload at once
+    int port = 0;    // 0: start KOBREPORTD
 };
 
 // A database for one run: a fresh SQLite file or a fresh PostgreSQL server.
@@ -74,9 +80,33 @@ struct Database {
     std::string dir, where, name;
 };
 
+// The peak resident memory of a process, from the kernel, in KiB.
+long peakKiB(pid_t pid) {
+    FILE *f = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    long kib = -1;
+    char line[256];
+    while (f && std::fgets(line, sizeof line, f))
+        if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1)
+            break;
+    if (f)
+        std::fclose(f);
+    return kib;
+}
+
 int load(const Options &o) {
-    Database db(o.postgres);
-    reportd::Server s(o.binary, db.where, {"--threads", "64"});
+    std::unique_ptr<Database> db;
+    std::unique_ptr<reportd::Server> s;
+    int port = o.port;
+    std::string name = "server on port " + std::to_string(port);
+    if (!port) {
+        db = std::make_unique<Database>(o.postgres);
+        s = std::make_unique<reportd::Server>(
+            o.binary, db->where,
+            std::vector<std::string>{"--threads", "64", "--max-body", "200000000"});
+        port = s->port();
+        name = "kobreportd, " + db->name;
+    }
+    int clients = o.clients > 0 ? std::min(o.clients, o.count) : o.count;
     std::vector<std::string> descs(o.count), bodies(o.count), refs(o.count);
     for (int i = 0; i < o.count; i++) {
         descs[i] = reportgen::reportOfSize(o.size, i);
@@ -88,23 +118,25 @@ int load(const Options &o) {
     std::atomic<int> ready{0};
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
-    for (int i = 0; i < o.count; i++) {
-        threads.emplace_back([&, i] {
+    for (int c = 0; c < clients; c++) {
+        threads.emplace_back([&, c] {
             ready++;
             while (!go)
                 std::this_thread::yield();
-            auto t0 = Clock::now();
-            auto r = reportd::exchange(
-                s.port(), {reportgen::head("report.kobvane.example", bodies[i].size()), bodies[i]},
-                120);
-            lat[i] = secondsSince(t0);
-            status[i] = r.status;
-            if (!r.ok)
-                failures[i] = r.raw.empty() ? "closed without an answer" : r.raw.substr(0, 80);
-            refs[i] = reportd::reference(r);
+            for (int i = c; i < o.count; i += clients) {
+                auto t0 = Clock::now();
+                auto r = reportd::exchange(
+                    port, {reportgen::head("report.kobvane.example", bodies[i].size()), bodies[i]},
+                    120);
+                lat[i] = secondsSince(t0);
+                status[i] = r.status;
+                if (!r.ok)
+                    failures[i] = r.raw.empty() ? "closed without an answer" : r.raw.substr(0, 80);
+                refs[i] = reportd::reference(r);
+            }
         });
     }
-    while (ready < o.count)
+    while (ready < clients)
         std::this_thread::yield();
     auto start = Clock::now();
     go = true;
@@ -121,25 +153,14 @@ int load(const Options &o) {
         statuses += (statuses.empty() ? "" : ", ") +
                     (st == 0 ? std::string("no answer") : std::to_string(st)) + ": " +
                     std::to_string(n);
-    std::set<std::string> unique(refs.begin(), refs.end());
-    unique.erase("");
-    // Every answered report is stored once and whole.
-    int whole = 0;
-    for (int i = 0; i < o.count; i++)
-        if (!refs[i].empty() && s.api("/api/reports/" + refs[i] + "/raw?reveal=1").body == descs[i])
-            whole++;
-    auto list = s.api("/api/reports");
-    long long total = -1;
-    std::sscanf(list.body.c_str(), "{\"total\":%lld", &total);
-
     std::vector<double> sorted = lat;
     std::sort(sorted.begin(), sorted.end());
     auto pct = [&](double p) {
-        size_t k = static_cast<size_t>(p * (sorted.size() - 1) + 0.5);
+        size_t k = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1) + 0.5);
         return sorted[k] * 1000;
     };
-    std::printf("%s: %d concurrent uploads of %zu bytes\n", db.name.c_str(), o.count,
-                bodies[0].size());
+    std::printf("%s: %d uploads of %zu bytes from %d clients\n", name.c_str(), o.count,
+                bodies[0].size(), clients);
     std::printf("  answers: %s\n", statuses.c_str());
     std::map<std::string, int> whyFailed;
     for (const auto &f : failures)
@@ -147,12 +168,26 @@ int load(const Options &o) {
             whyFailed[f]++;
     for (const auto &[f, n] : whyFailed)
         std::printf("  no answer (%d): %s\n", n, f.c_str());
-    std::printf("  answered 200: %d/%d, unique references: %zu, stored whole: %d, rows: %lld\n", ok,
-                o.count, unique.size(), whole, total);
     std::printf("  wall %.2f s, %.1f reports/s, %.1f MiB/s\n", wall, o.count / wall,
                 o.count * static_cast<double>(bodies[0].size()) / wall / 1048576.0);
     std::printf("  latency ms: p50 %.0f, p90 %.0f, p99 %.0f, max %.0f\n", pct(0.5), pct(0.9),
                 pct(0.99), sorted.back() * 1000);
+    if (!s)
+        return ok == o.count ? 0 : 1;
+    std::printf("  peak memory of kobreportd: %.1f MiB\n", peakKiB(s->pid()) / 1024.0);
+    std::set<std::string> unique(refs.begin(), refs.end());
+    unique.erase("");
+    // Every answered report is stored once and whole.
+    int whole = 0;
+    for (int i = 0; i < o.count; i++)
+        if (!refs[i].empty() &&
+            s->api("/api/reports/" + refs[i] + "/raw?reveal=1").body == descs[i])
+            whole++;
+    auto list = s->api("/api/reports");
+    long long total = -1;
+    std::sscanf(list.body.c_str(), "{\"total\":%lld", &total);
+    std::printf("  answered 200: %d/%d, unique references: %zu, stored whole: %d, rows: %lld\n", ok,
+                o.count, unique.size(), whole, total);
     bool good = ok == o.count && static_cast<int>(unique.size()) == o.count && whole == o.count &&
                 total == o.count;
     std::printf("  %s\n", good ? "PASS: every report stored exactly once"
@@ -551,6 +586,10 @@ int main(int argc, char *argv[]) {
             o.size = static_cast<size_t>(std::atoll(argv[++i]));
         else if (a == "--cycles" && i + 1 < argc)
             o.cycles = std::atoi(argv[++i]);
+        else if (a == "--clients" && i + 1 < argc)
+            o.clients = std::atoi(argv[++i]);
+        else if (a == "--port" && i + 1 < argc)
+            o.port = std::atoi(argv[++i]);
         else
             return usage();
     }
