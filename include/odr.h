@@ -167,7 +167,11 @@ unsigned long ODR_strtoul(const char *str, char **end, int base);
  * O_TRUNC is applied only once the lock is held.  Descriptor or -1/errno.
  */
 int ODR_lockedopen(const char *path, int flags, ...);
-/* Create path afresh with size zero bytes; the locked descriptor or -1. */
+/*
+ * Create path afresh with size zero bytes; the locked descriptor or -1.
+ * Trap: after a write error the descriptor is left open (and locked), and
+ * nobody can close it, since -1 is all the caller gets.
+ */
 int ODR_zerofile(const char *path, uint64_t size);
 /* ODR_zerofile into a new handle; exits with status 1 on failure. */
 ODR_HANDLE *ODR_CreateFileMapping(const char *path, uint32_t size);

@@ -1,6 +1,6 @@
 // The operating-system layer: the portable part.  What differs between
 // platforms (clocks, flag values) sits in the platform folder and is included
-// at the end.
+// before the code that uses it.
 
 #include "odr.h"
 
