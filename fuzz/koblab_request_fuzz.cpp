@@ -2,6 +2,7 @@
 // bytes read so far are a whole request, fed every prefix of a random
 // request the way reads deliver it.
 
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -22,8 +23,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         sofar.assign(whole, 0, off);
         complete = koblab::requestComplete(sofar);
     }
-    // Whole means at least a head and its blank line.
-    if (complete && whole.find("\r\n\r\n") == std::string::npos)
+    // Whole means at least a head and its blank line, and a body as long as
+    // the head's first Content-Length says.
+    size_t end = whole.find("\r\n\r\n");
+    if (complete && end == std::string::npos)
         abort();
+    if (complete) {
+        std::string head = whole.substr(0, end);
+        for (char &c : head)
+            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        size_t at = head.find("\r\ncontent-length:");
+        if (at != std::string::npos) {
+            unsigned long long length = strtoull(head.c_str() + at + 17, nullptr, 10);
+            if (length > size - (end + 4))
+                abort();
+        }
+    }
     return 0;
 }
