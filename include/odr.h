@@ -93,6 +93,11 @@ void ODR_bzero(void *buf, size_t len);
 ssize_t ODR_read(int fd, void *buf, size_t len);
 ssize_t ODR_write(int fd, const void *buf, size_t len);
 ssize_t ODR_recv(int sock, void *buf, size_t len, int flags);
+/*
+ * send with no flags, except that a peer that has gone away gives -1 with
+ * EPIPE instead of the broken-pipe signal.
+ */
+ssize_t ODR_send(int sock, const void *buf, size_t len);
 /* First occurrence of find in at most slen bytes of s, or NULL. */
 char *ODR_strnstr(const char *s, const char *find, size_t slen);
 double ODR_trunc(double x);

@@ -187,6 +187,10 @@ ssize_t ODR_recv(int sock, void *buf, size_t len, int flags) {
     return recv(sock, buf, len, flags);
 }
 
+ssize_t ODR_send(int sock, const void *buf, size_t len) {
+    return odrSendNoSignal(sock, buf, len);
+}
+
 char *ODR_strnstr(const char *s, const char *find, size_t slen) {
     char c = *find++;
     if (c == '\0')

@@ -1,6 +1,8 @@
 #include "odr.h"
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -577,6 +579,22 @@ TEST(OdrSetsocktimeout, SendLimitFailureIsMinusOne) {
     Fd w(p[1]);
     EXPECT_EQ(ODR_setsocktimeout(r.get(), 1.0), -1);
     EXPECT_EQ(ODR_setsocktimeout(-1, 1.0), -1);
+}
+
+TEST(OdrSend, PeerGoneIsEpipeNotASignal) {
+    auto r = kobtest::runChild([] {
+        (void)signal(SIGPIPE, SIG_DFL);
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        EXPECT_EQ(ODR_send(sv[0], "ab", 2), 2);
+        (void)close(sv[1]);
+        errno = 0;
+        EXPECT_EQ(ODR_send(sv[0], "cd", 2), -1);
+        EXPECT_EQ(errno, EPIPE);
+        printf("alive\n");
+    });
+    EXPECT_EQ(r.out, "alive\n");
+    EXPECT_TRUE(r.exited(0)) << r.err;
 }
 
 TEST(OdrStrtoul, ParsesLikeStrtoul) {
