@@ -1,17 +1,10 @@
-// What koblog and kobstat share, and the assertion handler that each program
-// linking libkob must supply.
+// What koblog and kobstat share.
 
 #include "segment_tool.h"
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "vas.h"
-
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
 
 namespace segtool {
 
