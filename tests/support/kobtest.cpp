@@ -9,12 +9,14 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+#include "odr.h"
+#include "vsb.h"
 
 namespace kobtest {
 
@@ -166,12 +168,12 @@ void writeFile(const std::string &path, const std::string &data) {
 }
 
 std::string readFile(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f)
+    struct vsb *file = ODR_readFile(path.c_str(), -1);
+    if (file == nullptr)
         throw std::runtime_error("cannot read " + path);
-    std::ostringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    std::string text(vsb_data(file), static_cast<size_t>(vsb_len(file)));
+    vsb_delete(file);
+    return text;
 }
 
 bool fileExists(const std::string &path) {
