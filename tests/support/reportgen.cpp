@@ -133,30 +133,18 @@ std::string report(const Run &run) {
 
 std::string body(const std::optional<std::string> &desc, const std::optional<std::string> &username,
                  const std::optional<std::string> &why) {
-    std::string delim = std::string("--") + kBoundary;
     std::string b;
     if (desc)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"desc\"\r\n\r\n" + *desc + "\r\n";
+        b += kobtest::formPart("desc", *desc);
     if (username)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"username\"\r\n\r\n" + *username +
-             "\r\n";
+        b += kobtest::formPart("username", *username);
     if (why)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"why\"\r\n\r\n" + *why + "\r\n";
-    b += delim + "--\r\n";
-    return b;
+        b += kobtest::formPart("why", *why);
+    return b + kobtest::formEnd();
 }
 
 std::string head(const std::string &host, size_t bodyLength) {
-    return "POST /report/problem.php HTTP/1.1\r\n"
-           "Connection: close\r\n"
-           "Content-Length: " +
-           std::to_string(bodyLength) +
-           "\r\n"
-           "Content-Type: multipart/form-data; boundary=" +
-           kBoundary +
-           "\r\n"
-           "Host: " +
-           host + "\r\n\r\n";
+    return kobtest::requestHead(bodyLength, host);
 }
 
 std::string reportOfSize(size_t size, int seed) {

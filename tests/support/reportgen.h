@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "upload_request.h"
+
 namespace reportgen {
 
 // Result lines as the probes print them, line feed included.
@@ -43,7 +45,7 @@ Run healthyRun();
 std::string report(const Run &run);
 
 // The request exactly as kobdiag writes it: the head, then the body.
-constexpr const char *kBoundary = "------kobvaneFormBoundaryj2U6RdY2ckKXjaso";
+using kobtest::kBoundary;
 std::string body(const std::optional<std::string> &desc, const std::optional<std::string> &username,
                  const std::optional<std::string> &why);
 std::string head(const std::string &host, size_t bodyLength);

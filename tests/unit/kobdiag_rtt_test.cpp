@@ -82,15 +82,14 @@ TEST(PinFdSetsize, ProbesAssertTheirSocketFitsADescriptorSet) {
         takeEveryLowDescriptor();
         (void)PIN_udp("127.0.0.1", 9);
     });
-    EXPECT_TRUE(kobtest::platformAssert(udp, "int PIN_udp(const char*, int)",
-                                        "bin/kobdiag/kobdiag_rtt.cpp", "fd < FD_SETSIZE"));
+    EXPECT_TRUE(rtt_test::probeAssert(udp, "PIN_udp", "const char*, int", "fd < FD_SETSIZE"));
     ClosedPort closed;
     auto tcp = runChild([&] {
         takeEveryLowDescriptor();
         (void)PIN_tcp("127.0.0.1", closed.port, 1);
     });
-    EXPECT_TRUE(kobtest::platformAssert(tcp, "int PIN_tcp(const char*, int, int)",
-                                        "bin/kobdiag/kobdiag_rtt.cpp", "fd < FD_SETSIZE"));
+    EXPECT_TRUE(
+        rtt_test::probeAssert(tcp, "PIN_tcp", "const char*, int, int", "fd < FD_SETSIZE"));
 }
 
 // ---- PIN_udp ------------------------------------------------------------------------
