@@ -176,6 +176,38 @@ std::string readFile(const std::string &path) {
     return text;
 }
 
+ChildHolder::ChildHolder(const std::function<bool()> &take) {
+    int ready[2];
+    int go[2];
+    if (pipe(ready) != 0 || pipe(go) != 0)
+        throw std::runtime_error("pipe failed");
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ < 0)
+        throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        close(ready[0]);
+        close(go[1]);
+        char c = take() ? 'y' : 'n';
+        (void)!write(ready[1], &c, 1);
+        // Held until the parent closes its end.
+        (void)!read(go[0], &c, 1);
+        _exit(0);
+    }
+    close(ready[1]);
+    close(go[0]);
+    release_ = go[1];
+    char c = 0;
+    held_ = read(ready[0], &c, 1) == 1 && c == 'y';
+    close(ready[0]);
+}
+
+ChildHolder::~ChildHolder() {
+    close(release_);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
 bool fileExists(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0;

@@ -367,37 +367,11 @@ TEST(OdrFileMapping, CreateMapFlushAndReopen) {
     EXPECT_EQ(ODR_OpenFileMapping(dir.file("missing").c_str()), nullptr);
 }
 
-// Holds a write lock on path in a child until told to let go.
-struct LockHolder {
-    pid_t pid = -1;
-    int release = -1;
-
-    explicit LockHolder(const std::string &path) {
-        int ready[2];
-        int go[2];
-        EXPECT_EQ(pipe(ready), 0);
-        EXPECT_EQ(pipe(go), 0);
-        pid = fork();
-        if (pid == 0) {
-            close(ready[0]);
-            close(go[1]);
-            int fd = ODR_lockedopen(path.c_str(), O_RDWR);
-            char c = fd >= 0 ? 'y' : 'n';
-            (void)!write(ready[1], &c, 1);
-            (void)!read(go[0], &c, 1);
-            _exit(0);
-        }
-        close(ready[1]);
-        close(go[0]);
-        release = go[1];
-        char c = 0;
-        EXPECT_EQ(read(ready[0], &c, 1), 1);
-        EXPECT_EQ(c, 'y');
-        close(ready[0]);
-    }
-    ~LockHolder() {
-        close(release);
-        waitpid(pid, nullptr, 0);
+// A child holding path's write lock.
+struct LockHolder : kobtest::ChildHolder {
+    explicit LockHolder(const std::string &path)
+        : ChildHolder([&] { return ODR_lockedopen(path.c_str(), O_RDWR) >= 0; }) {
+        EXPECT_TRUE(held());
     }
 };
 
@@ -445,7 +419,7 @@ TEST(OdrLockedopen, ReopensWhenReplacedWhileWaiting) {
     pid_t waiter = fork();
     if (waiter == 0) {
         close(out[0]);
-        close(holder->release); // only the parent may let the holder go
+        close(holder->releaseFd()); // only the parent may let the holder go
         // Blocks: opens "first", then waits for the lock.
         int fd = ODR_lockedopen(path.c_str(), O_RDONLY);
         char buf[16] = {};
