@@ -26,13 +26,9 @@
 
 #include <atomic>
 
-#if defined(__linux__)
-#include "linux/odr.inc"
-#elif defined(__APPLE__)
-#include "macosx/odr.inc"
-#else
-#error "no OS layer for this platform"
-#endif
+// The platform's folder (linux/ or macosx/) is on the include path: CMake
+// picks it.
+#include "odr.inc"
 
 namespace {
 

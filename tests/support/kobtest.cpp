@@ -252,10 +252,20 @@ std::string regexEscape(const std::string &s) {
     if (!r.aborted())
         return ::testing::AssertionFailure()
                << "child did not abort (status " << r.status << "), stderr: " << r.err;
-    // glibc: "<prog>: <file>:<line>: <function>: Assertion `<expr>' failed.\n"
     std::string lineRe = line < 0 ? "[0-9]+" : std::to_string(line);
+#ifdef __APPLE__
+    // macOS: "Assertion failed: (<expr>), function <name>, file <file>, line <line>.\n",
+    // where assert() gives the bare name, not the signature.
+    std::string name = func.substr(0, func.find('('));
+    name = name.substr(name.rfind(' ') == std::string::npos ? 0 : name.rfind(' ') + 1);
+    std::regex re("(.*\n)?Assertion failed: \\(" + regexEscape(cond) + "\\), function " +
+                  regexEscape(name) + ", file " + regexEscape(file) + ", line " + lineRe +
+                  "\\.\n");
+#else
+    // glibc: "<prog>: <file>:<line>: <function>: Assertion `<expr>' failed.\n"
     std::regex re("(.*\n)?[^\n]*: " + regexEscape(file) + ":" + lineRe + ": " + regexEscape(func) +
                   ": Assertion `" + regexEscape(cond) + "' failed\\.\n");
+#endif
     if (!std::regex_match(r.err, re))
         return ::testing::AssertionFailure() << "stderr was: [" << r.err << "]";
     return ::testing::AssertionSuccess();

@@ -410,6 +410,9 @@ bool someoneWaits(pid_t pid) {
 }
 
 TEST(OdrLockedopen, ReopensWhenReplacedWhileWaiting) {
+#ifndef __linux__
+    GTEST_SKIP() << "needs Linux: /proc/locks shows when the waiter blocks";
+#endif
     kobtest::TempDir dir;
     std::string path = dir.file("f");
     kobtest::writeFile(path, "first");
