@@ -259,8 +259,7 @@ std::string regexEscape(const std::string &s) {
     std::string name = func.substr(0, func.find('('));
     name = name.substr(name.rfind(' ') == std::string::npos ? 0 : name.rfind(' ') + 1);
     std::regex re("(.*\n)?Assertion failed: \\(" + regexEscape(cond) + "\\), function " +
-                  regexEscape(name) + ", file " + regexEscape(file) + ", line " + lineRe +
-                  "\\.\n");
+                  regexEscape(name) + ", file " + regexEscape(file) + ", line " + lineRe + "\\.\n");
 #else
     // glibc: "<prog>: <file>:<line>: <function>: Assertion `<expr>' failed.\n"
     std::regex re("(.*\n)?[^\n]*: " + regexEscape(file) + ":" + lineRe + ": " + regexEscape(func) +

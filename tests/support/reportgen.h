@@ -11,12 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "kobrun.h"
 #include "upload_request.h"
 
 namespace reportgen {
 
 // Result lines as the probes print them, line feed included.
-std::string udpRtt(double ms, const std::string &addr, int port = 10007);
+std::string udpRtt(double ms, const std::string &addr, int port = kobrun::kUdpPort);
 std::string udpTimeout();
 std::string udpRecvError(int err, const std::string &text);
 std::string tcpRtt(double ms, const std::string &addr, int port);

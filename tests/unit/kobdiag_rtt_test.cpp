@@ -88,8 +88,7 @@ TEST(PinFdSetsize, ProbesAssertTheirSocketFitsADescriptorSet) {
         takeEveryLowDescriptor();
         (void)PIN_tcp("127.0.0.1", closed.port, 1);
     });
-    EXPECT_TRUE(
-        rtt_test::probeAssert(tcp, "PIN_tcp", "const char*, int, int", "fd < FD_SETSIZE"));
+    EXPECT_TRUE(rtt_test::probeAssert(tcp, "PIN_tcp", "const char*, int, int", "fd < FD_SETSIZE"));
 }
 
 // ---- PIN_udp ------------------------------------------------------------------------

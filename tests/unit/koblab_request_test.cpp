@@ -16,8 +16,8 @@ TEST(KoblabRequest, WholeOnlyWithTheBodyTheLengthAsksFor) {
 }
 
 TEST(KoblabRequest, HugeLengthNeverCountsAsArrived) {
-    for (const char *length : {"18446744073709551615", "18446744073709551614", "-1",
-                               "99999999999999999999999"}) {
+    for (const char *length :
+         {"18446744073709551615", "18446744073709551614", "-1", "99999999999999999999999"}) {
         SCOPED_TRACE(length);
         EXPECT_FALSE(koblab::requestComplete(kHead + "Content-Length: " + length + "\r\n\r\nx"));
     }
