@@ -13,14 +13,8 @@
 #include <benchmark/benchmark.h>
 
 #include "lck.h"
-#include "vas.h"
 #include "vav.h"
 #include "vnum.h"
-
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
 
 namespace {
 

@@ -17,11 +17,6 @@
 #include "vsl.h"
 #include "vsm.h"
 
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
-
 namespace {
 
 constexpr uint64_t ringBytes = 64ull << 20;

@@ -9,16 +9,22 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "vsb.h"
 
 namespace {
 
+// The buffer's rule: bytes of 0x80 and above are never graphic.
+bool graphic(char ch) {
+    auto u = static_cast<unsigned char>(ch);
+    return u < 0x80 && isgraph(u) != 0;
+}
+
 bool needsQuoting(const std::string &s) {
     for (char ch : s) {
-        auto c = static_cast<signed char>(ch);
-        if (!isgraph(c) || c == '"')
+        if (!graphic(ch) || ch == '"')
             return true;
     }
     return false;
@@ -26,8 +32,8 @@ bool needsQuoting(const std::string &s) {
 
 bool octalAfterEscape(const std::string &s) {
     for (size_t i = 0; i + 1 < s.size(); i++) {
-        auto c = static_cast<signed char>(s[i]);
-        bool escaped = !isgraph(c) && c != ' ' && c != '\t' && c != '\n' && c != '\r';
+        char c = s[i];
+        bool escaped = !graphic(c) && c != ' ' && c != '\t' && c != '\n' && c != '\r';
         if (escaped && s[i + 1] >= '0' && s[i + 1] <= '7')
             return true;
     }
@@ -73,5 +79,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // digits may run past the length, so the text always ends in a zero byte.
     (void)unquote(in.c_str(), static_cast<int>(in.size()), &err);
     (void)unquote(in.c_str(), -1, &err);
+
+    // By its length alone, from storage that ends one byte after it: that
+    // byte stops the octal digits and is not a zero byte, so any other read
+    // past the length runs off the allocation.
+    std::unique_ptr<char[]> bounded(new char[size + 1]);
+    if (size > 0)
+        memcpy(bounded.get(), data, size);
+    bounded[size] = 'x';
+    (void)unquote(bounded.get(), static_cast<int>(size), &err);
     return 0;
 }

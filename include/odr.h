@@ -93,6 +93,11 @@ void ODR_bzero(void *buf, size_t len);
 ssize_t ODR_read(int fd, void *buf, size_t len);
 ssize_t ODR_write(int fd, const void *buf, size_t len);
 ssize_t ODR_recv(int sock, void *buf, size_t len, int flags);
+/*
+ * send with no flags, except that a peer that has gone away gives -1 with
+ * EPIPE instead of the broken-pipe signal.
+ */
+ssize_t ODR_send(int sock, const void *buf, size_t len);
 /* First occurrence of find in at most slen bytes of s, or NULL. */
 char *ODR_strnstr(const char *s, const char *find, size_t slen);
 double ODR_trunc(double x);
@@ -167,7 +172,11 @@ unsigned long ODR_strtoul(const char *str, char **end, int base);
  * O_TRUNC is applied only once the lock is held.  Descriptor or -1/errno.
  */
 int ODR_lockedopen(const char *path, int flags, ...);
-/* Create path afresh with size zero bytes; the locked descriptor or -1. */
+/*
+ * Create path afresh with size zero bytes; the locked descriptor or -1.
+ * Trap: after a write error the descriptor is left open (and locked), and
+ * nobody can close it, since -1 is all the caller gets.
+ */
 int ODR_zerofile(const char *path, uint64_t size);
 /* ODR_zerofile into a new handle; exits with status 1 on failure. */
 ODR_HANDLE *ODR_CreateFileMapping(const char *path, uint32_t size);

@@ -63,14 +63,19 @@ int vsb_cpy(struct vsb *s, const char *str);
  * Append formatted text.  0, or -1 when overflowed.  Trap: a fixed buffer
  * filled exactly to its last usable byte is marked overflowed although
  * nothing was lost; an auto-extending buffer whose growth failed keeps the
- * truncated text and is not marked.
+ * truncated text and is not marked.  Trap: a negative result of vsnprintf
+ * (an encoding error) is added to the length as it is, which drops the last
+ * byte, or on an empty buffer fails the assertion "s->s_len < s->s_size".
  */
 int vsb_printf(struct vsb *s, const char *fmt, ...) __attribute__((__format__(__printf__, 2, 3)));
 int vsb_vprintf(struct vsb *s, const char *fmt, va_list ap)
     __attribute__((__format__(__printf__, 2, 0)));
 /* Append one byte; a zero character is accepted and not stored.  0 or -1. */
 int vsb_putc(struct vsb *s, int c);
-/* Drop trailing white space.  0, or -1 when overflowed. */
+/*
+ * Drop trailing white space.  0, or -1 when overflowed.  Bytes of 0x80 and
+ * above never count as white space, whatever the locale says.
+ */
 int vsb_trim(struct vsb *s);
 /* Non-zero between a failed write and vsb_finish/vsb_clear. */
 int vsb_overflowed(const struct vsb *s);
@@ -90,6 +95,7 @@ void vsb_delete(struct vsb *s);
 /*
  * Append bytes, in double quotes with C-like escapes when any byte is not
  * graphic or is a double quote; otherwise unchanged.  len -1: up to the NUL.
+ * Bytes of 0x80 and above are never graphic, whatever the locale says.
  * Octal escapes are not padded, so a control byte followed by a digit does
  * not read back unchanged.
  */
@@ -97,6 +103,9 @@ void vsb_quote(struct vsb *s, const char *p, int len, int how);
 /*
  * Append a text with its backslash escapes undone.  len -1: up to the NUL.
  * Returns NULL, or a static error text; bytes appended before an error stay.
+ * Trap: an octal escape takes every octal digit that follows, also past len,
+ * so the text must go on to a byte that is not an octal digit (a NUL will
+ * do); a text that ends in digits exactly at len is read beyond its end.
  */
 const char *vsb_unquote(struct vsb *s, const char *p, int len, int how);
 

@@ -39,7 +39,9 @@ extern unsigned vtc_verbosity;
 
 /*
  * Open a log named id (kept by reference: the caller keeps it alive) with an
- * optional hook.  Never returns NULL; failures are assertions.
+ * optional hook.  Never returns NULL; failures are assertions.  Trap: the
+ * line buffer's allocation is not checked here; if it failed, the first write
+ * fails the buffer's integrity check ("s != ((void *)0)").
  */
 struct vtclog *vtc_logopen(const char *id, vtc_loghook *func);
 /* Close and free a log. */

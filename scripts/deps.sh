@@ -8,6 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   pkg-config groff-base dpkg-dev
   net-tools traceroute iproute2 time
+  # the Latin-1 locale that the string buffer's test builds with localedef
+  locales
   # the operator's side: kobreportd, its databases and the browser test
   libcpp-httplib-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
   libsodium-dev libssl-dev nlohmann-json3-dev openssl prometheus

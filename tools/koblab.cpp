@@ -35,6 +35,7 @@
 
 #include "kobdiag_config.h"
 #include "koblab_request.h"
+#include "kobrun.h"
 
 namespace {
 
@@ -70,8 +71,8 @@ struct Options {
     std::string reportd; // kobreportd to run as the report server, if any
 };
 
-constexpr int kIntranetPort = 8081;
-constexpr int kPassThroughPort = 10007;
+constexpr int kIntranetPort = kobrun::kIntranetPort;
+constexpr int kPassThroughPort = kobrun::kUdpPort;
 constexpr char kAnswer[] = "HTTP/1.1 200 OK\r\n"
                            "Content-Type: text/plain\r\n"
                            "Content-Length: 9\r\n"
@@ -249,12 +250,8 @@ class Lab {
         add(Kind::UdpEcho, boundSocket(SOCK_DGRAM, opt_.passthrough, kPassThroughPort));
         printf("koblab: UDP echo (one byte)    %s\n",
                text(opt_.passthrough, kPassThroughPort).c_str());
-        const Endpoint probed[] = {
-            {opt_.auth, 80},   {opt_.ktidc, 10009},       {opt_.ktidc, 80},
-            {opt_.ktidc, 443}, {opt_.passthrough, 10007}, {opt_.passthrough, 10008},
-            {opt_.jp, 10008},
-        };
-        for (const auto &e : probed) {
+        for (const auto &probe : kobrun::kTcpProbes) {
+            Endpoint e = {roleAddress(probe.role), probe.port};
             add(Kind::AcceptAndClose, listener(e.addr, e.port, 64));
             printf("koblab: TCP listener           %s\n", text(e.addr, e.port).c_str());
         }
@@ -326,6 +323,22 @@ class Lab {
     }
 
   private:
+    // Where the lab plays the server of a probe's role.
+    const std::string &roleAddress(kobrun::Role role) const {
+        switch (role) {
+        case kobrun::Role::Auth:
+            return opt_.auth;
+        case kobrun::Role::KtIdc:
+            return opt_.ktidc;
+        case kobrun::Role::Jp:
+            return opt_.jp;
+        case kobrun::Role::PassThrough:
+        case kobrun::Role::None:
+            break;
+        }
+        return opt_.passthrough;
+    }
+
     // kobreportd on the report server's address; koblab is ready only once
     // it has said that it accepts connections.  It goes when koblab goes,
     // even when koblab is killed.

@@ -29,7 +29,8 @@ inline bool requestComplete(const std::string &data) {
             break;
         }
     }
-    return data.size() >= bodyStart + length;
+    // Compared as what is left, since a huge length would wrap the sum.
+    return length <= data.size() - bodyStart;
 }
 
 } // namespace koblab

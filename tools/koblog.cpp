@@ -150,22 +150,9 @@ int main(int argc, char **argv) {
     }
     if (optind != argc)
         usage();
-    if (!segtool::knownInstance(instance)) {
-        fprintf(stderr, "koblog: unknown instance %s\n", instance);
+    VSM_data *vd = segtool::openSegment("koblog", instance, segtool::Reader::Log);
+    if (vd == nullptr)
         return 1;
-    }
-
-    VSM_data *vd = VSM_New();
-    if (vd == nullptr) {
-        fprintf(stderr, "koblog: out of memory\n");
-        return 1;
-    }
-    (void)VSL_Arg(vd, 'n', instance);
-    if (VSM_Open(vd) != 0) {
-        fprintf(stderr, "koblog: %s\n", segtool::withoutNewline(VSM_Error(vd)).c_str());
-        VSM_Delete(vd);
-        return 1;
-    }
     VSM_fantom vf;
     if (!VSM_Get(vd, &vf, "Log", nullptr, nullptr)) {
         fprintf(stderr, "koblog: no log in %s\n", vd->fname);

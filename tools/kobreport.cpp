@@ -5,7 +5,11 @@
 #include <cstring>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "kobtriage.h"
+#include "odr.h"
+#include "vsb.h"
 
 namespace {
 
@@ -30,23 +34,20 @@ int main(int argc, char *argv[]) {
     if (!path)
         return usage();
 
-    std::FILE *fp = std::fopen(path, "rb");
-    if (!fp) {
+    // The library's reader ends quietly at a read error; the one a user
+    // meets, a directory given by mistake, is caught first.
+    struct stat st;
+    if (stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        std::fprintf(stderr, "kobreport: %s: %s\n", path, std::strerror(EISDIR));
+        return 1;
+    }
+    struct vsb *file = ODR_readFile(path, -1);
+    if (file == nullptr) {
         std::fprintf(stderr, "kobreport: %s: %s\n", path, std::strerror(errno));
         return 1;
     }
-    std::string text;
-    char buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, fp)) > 0)
-        text.append(buf, n);
-    bool failed = std::ferror(fp) != 0;
-    int readErr = errno;
-    std::fclose(fp);
-    if (failed) {
-        std::fprintf(stderr, "kobreport: %s: %s\n", path, std::strerror(readErr));
-        return 1;
-    }
+    std::string text(vsb_data(file), static_cast<size_t>(vsb_len(file)));
+    vsb_delete(file);
 
     auto report = kobtriage::parse(text);
     if (json) {

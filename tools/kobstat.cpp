@@ -160,22 +160,9 @@ int main(int argc, char **argv) {
     }
     if (optind != argc)
         usage();
-    if (!segtool::knownInstance(instance)) {
-        fprintf(stderr, "kobstat: unknown instance %s\n", instance);
+    VSM_data *vd = segtool::openSegment("kobstat", instance, segtool::Reader::Counters);
+    if (vd == nullptr)
         return 1;
-    }
-
-    VSM_data *vd = VSM_New();
-    if (vd == nullptr) {
-        fprintf(stderr, "kobstat: out of memory\n");
-        return 1;
-    }
-    (void)VSM_n_Arg(vd, instance);
-    if (VSM_Open(vd) != 0) {
-        fprintf(stderr, "kobstat: %s\n", segtool::withoutNewline(VSM_Error(vd)).c_str());
-        VSM_Delete(vd);
-        return 1;
-    }
     if (VSC_Main(vd) == nullptr) {
         fprintf(stderr, "kobstat: no counters in %s\n", vd->fname);
         VSM_Delete(vd);

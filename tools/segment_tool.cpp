@@ -1,17 +1,12 @@
-// What koblog and kobstat share, and the assertion handler that each program
-// linking libkob must supply.
+// What koblog and kobstat share.
 
 #include "segment_tool.h"
 
 #include <cstdio>
 #include <cstdlib>
 
-#include "vas.h"
-
-extern "C" void VAS_Fail(const char *func, const char *file, int line, const char *cond, int kind) {
-    printf("assert fail! %s %s:%d %s %d\n", func, file, line, cond, kind);
-    abort();
-}
+#include "vsl.h"
+#include "vsm.h"
 
 namespace segtool {
 
@@ -27,6 +22,28 @@ std::string withoutNewline(const char *text) {
     while (!s.empty() && s.back() == '\n')
         s.pop_back();
     return s;
+}
+
+VSM_data *openSegment(const char *prog, const char *instance, Reader reader) {
+    if (!knownInstance(instance)) {
+        fprintf(stderr, "%s: unknown instance %s\n", prog, instance);
+        return nullptr;
+    }
+    VSM_data *vd = VSM_New();
+    if (vd == nullptr) {
+        fprintf(stderr, "%s: out of memory\n", prog);
+        return nullptr;
+    }
+    if (reader == Reader::Log)
+        (void)VSL_Arg(vd, 'n', instance);
+    else
+        (void)VSM_n_Arg(vd, instance);
+    if (VSM_Open(vd) != 0) {
+        fprintf(stderr, "%s: %s\n", prog, withoutNewline(VSM_Error(vd)).c_str());
+        VSM_Delete(vd);
+        return nullptr;
+    }
+    return vd;
 }
 
 } // namespace segtool

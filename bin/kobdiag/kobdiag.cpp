@@ -30,7 +30,7 @@ namespace {
     exit(1);
 }
 
-constexpr const char *kPackageVersion = "4.4.1";
+constexpr const char *kPackageVersion = KOBDIAG_PACKAGE_VERSION;
 constexpr int kPublicConnectSeconds = 15;
 constexpr int kIntranetConnectSeconds = 1;
 constexpr int kIntranetPort = 8081;

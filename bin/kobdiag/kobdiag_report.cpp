@@ -15,6 +15,7 @@
 #include "kobdiag.h"
 #include "kobdiag_assert.h"
 #include "kobdiag_config.h"
+#include "odr.h"
 #include "vpf.h"
 #include "vsb.h"
 #include "vss.h"
@@ -189,7 +190,7 @@ constexpr double kReportConnectSeconds = 10.0;
 // One write of the whole block.  A server that has gone away must end the
 // process at the caller's assertion, not by a broken-pipe signal.
 ssize_t dia_write(int fd, const char *p, int len) {
-    return send(fd, p, static_cast<size_t>(len), MSG_NOSIGNAL);
+    return ODR_send(fd, p, static_cast<size_t>(len));
 }
 
 } // namespace

@@ -49,10 +49,8 @@ uint16_t pin_htons(int port) {
 }
 
 int pin_fd_isset(int fd, const fd_set *set) {
-    uint32_t word;
-    memcpy(&word, reinterpret_cast<const unsigned char *>(set) + (fd / 32) * sizeof word,
-           sizeof word);
-    return static_cast<int>((word >> (fd % 32)) & 1u);
+    // The set's layout is the platform's: only its own macro reads it.
+    return FD_ISSET(fd, set) ? 1 : 0;
 }
 
 int PIN_udp(const char *addr, int port) {
@@ -66,6 +64,9 @@ int PIN_udp(const char *addr, int port) {
                                             reinterpret_cast<struct sockaddr *>(&dst), 16));
     assert(len == sizeof("P") - 1);
 
+    // Each probe holds one socket, so the descriptor is low; a set cannot
+    // hold one at FD_SETSIZE or above.
+    assert(fd < FD_SETSIZE);
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
@@ -114,6 +115,7 @@ int PIN_tcp(const char *addr, int port, int timeout) {
             (void)close(fd);
             return -1;
         }
+        assert(fd < FD_SETSIZE);
         fd_set set;
         FD_ZERO(&set);
         FD_SET(fd, &set);

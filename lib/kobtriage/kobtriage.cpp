@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <map>
 
+#include "kobrun.h"
+
 namespace kobtriage {
 
 namespace {
@@ -36,29 +38,15 @@ constexpr std::array<LogProgram, 3> kLogPrograms = {{
     {"==> Dumping KOBFLOW log files\n", "kobflow"},
 }};
 
-enum class Role { None, Auth, KtIdc, PassThrough, Jp };
-
-struct KnownTcp {
-    sv heading;
-    sv target;
-    int port;
-    Role role;
-};
-constexpr std::array<KnownTcp, 7> kKnownTcp = {{
-    {"Checks a connection to authentication server.", "authentication server", 80, Role::Auth},
-    {"Checks a connection to authentication server (old).", "old authentication server", 10009,
-     Role::KtIdc},
-    {"Testing TCP pass-through to port 80", "KT IDC", 80, Role::KtIdc},
-    {"Testing TCP pass-through to port 443", "KT IDC", 443, Role::KtIdc},
-    {"Testing TCP pass-through to port 10007", "pass-through server", 10007, Role::PassThrough},
-    {"Testing TCP pass-through to port 10008 (KR - KT2)", "KR - KT2", 10008, Role::PassThrough},
-    {"Testing TCP pass-through to port 10008 (JP - Amazon)", "JP - Amazon", 10008, Role::Jp},
-}};
-constexpr int kPublicLimit = 15;
-constexpr int kIntranetLimit = 1;
-constexpr int kUdpAttempts = 5;
-constexpr int kIntranetProbes = 4;
-constexpr int kStatusCaptures = 3;
+// The run's probes, ports and limits come from the run's table.
+using kobrun::Role;
+using KnownTcp = kobrun::TcpProbe;
+constexpr const auto &kKnownTcp = kobrun::kTcpProbes;
+constexpr int kPublicLimit = kobrun::kPublicLimitSeconds;
+constexpr int kIntranetLimit = kobrun::kIntranetLimitSeconds;
+constexpr int kUdpAttempts = kobrun::kUdpAttempts;
+constexpr int kIntranetProbes = kobrun::kIntranetProbes;
+constexpr int kStatusCaptures = kobrun::kStatusCaptures;
 
 bool startsWith(sv s, sv p) {
     return s.substr(0, p.size()) == p;
@@ -715,7 +703,7 @@ void Parser::inferAddresses() {
     for (auto &a : r_.udp) {
         fill(a.result, Role::PassThrough);
         if (a.result.port == 0)
-            a.result.port = 10007;
+            a.result.port = kobrun::kUdpPort;
     }
     for (std::size_t k = 0; k < r_.tcp.size(); k++)
         fill(r_.tcp[k].result, tcpRoles_[k]);

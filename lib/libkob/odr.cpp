@@ -1,6 +1,6 @@
 // The operating-system layer: the portable part.  What differs between
 // platforms (clocks, flag values) sits in the platform folder and is included
-// at the end.
+// before the code that uses it.
 
 #include "odr.h"
 
@@ -26,13 +26,9 @@
 
 #include <atomic>
 
-#if defined(__linux__)
-#include "linux/odr.inc"
-#elif defined(__APPLE__)
-#include "macosx/odr.inc"
-#else
-#error "no OS layer for this platform"
-#endif
+// The platform's folder (linux/ or macosx/) is on the include path: CMake
+// picks it.
+#include "odr.inc"
 
 namespace {
 
@@ -185,6 +181,10 @@ ssize_t ODR_write(int fd, const void *buf, size_t len) {
 
 ssize_t ODR_recv(int sock, void *buf, size_t len, int flags) {
     return recv(sock, buf, len, flags);
+}
+
+ssize_t ODR_send(int sock, const void *buf, size_t len) {
+    return odrSendNoSignal(sock, buf, len);
 }
 
 char *ODR_strnstr(const char *s, const char *find, size_t slen) {

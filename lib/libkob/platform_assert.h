@@ -1,28 +1,32 @@
-// Checks that report through the platform's standard assertion entry rather
-// than VAS_Fail: the lock registry and the segment reader use them.  The
-// expression text is passed explicitly, since plain assert() would
-// stringify the code differently.  Like assert(), they vanish under NDEBUG,
-// but the condition is still evaluated, so no call may hide inside one.
+// The platform's standard assertion entry, called with an explicit
+// expression text and line: the one place that knows each platform's entry.
+// The lock registry and the segment reader check through KOB_PLATFORM_CHECK;
+// kobdiag's own units reach the entry through kobdiag_assert.h.  The
+// expression text is passed explicitly, since plain assert() would stringify
+// the code differently.  Like assert(), KOB_PLATFORM_CHECK vanishes under
+// NDEBUG, but the condition is still evaluated, so no call may hide inside
+// one.
 
 #ifndef KOB_PLATFORM_ASSERT_H
 #define KOB_PLATFORM_ASSERT_H
 
 #include <cassert>
 
-#ifdef NDEBUG
-#define KOB_PLATFORM_CHECK(cond, text) ((void)(cond))
-#else
 #if defined(__GLIBC__)
-#define KOB_PLATFORM_FAIL(text) __assert_fail((text), __FILE__, __LINE__, __func__)
+#define KOB_PLATFORM_FAIL_AT(text, line) __assert_fail((text), __FILE__, (line), __func__)
 #elif defined(__APPLE__)
-#define KOB_PLATFORM_FAIL(text) __assert_rtn(__func__, __FILE__, __LINE__, (text))
+#define KOB_PLATFORM_FAIL_AT(text, line) __assert_rtn(__func__, __FILE__, (line), (text))
 #else
 #error "no platform assertion entry known for this platform"
 #endif
+
+#ifdef NDEBUG
+#define KOB_PLATFORM_CHECK(cond, text) ((void)(cond))
+#else
 #define KOB_PLATFORM_CHECK(cond, text)                                                             \
     do {                                                                                           \
         if (__builtin_expect(!(cond), 0))                                                          \
-            KOB_PLATFORM_FAIL(text);                                                               \
+            KOB_PLATFORM_FAIL_AT(text, __LINE__);                                                  \
     } while (0)
 #endif
 

@@ -29,6 +29,18 @@ bool hasRoom(const vsb *s) {
     return s->s_len < s->s_size - 1;
 }
 
+// A byte is classed as a signed char would be: 0x80 and above are neither
+// white space nor graphic, in any locale.  Only the bytes below reach
+// <cctype>, for which a negative argument would be undefined.
+bool isSpaceByte(char c) {
+    auto u = static_cast<unsigned char>(c);
+    return u < 0x80 && isspace(u) != 0;
+}
+bool isGraphByte(char c) {
+    auto u = static_cast<unsigned char>(c);
+    return u < 0x80 && isgraph(u) != 0;
+}
+
 // Sizes run 2048, 4096, ... 1 MiB, then grow by 128 KiB steps.  The result
 // must fit a signed 32-bit size, which is what vsb_len can report; a larger
 // wish yields -1.
@@ -233,7 +245,7 @@ int vsb_trim(vsb *s) {
     assertOpen(__func__, s);
     if (has(s, VSB_OVERFLOWED))
         return -1;
-    while (s->s_len > 0 && isspace(static_cast<signed char>(s->s_buf[s->s_len - 1])))
+    while (s->s_len > 0 && isSpaceByte(s->s_buf[s->s_len - 1]))
         --s->s_len;
     return 0;
 }
@@ -282,8 +294,7 @@ void vsb_quote(vsb *s, const char *p, int len, int how) {
         len = static_cast<int>(strlen(p));
     bool quote = false;
     for (int i = 0; i < len; i++) {
-        signed char c = static_cast<signed char>(p[i]);
-        if (!isgraph(c) || c == '"') {
+        if (!isGraphByte(p[i]) || p[i] == '"') {
             quote = true;
             break;
         }
@@ -314,7 +325,7 @@ void vsb_quote(vsb *s, const char *p, int len, int how) {
             (void)vsb_putc(s, c);
             break;
         default:
-            if (isgraph(c))
+            if (isGraphByte(p[i]))
                 (void)vsb_putc(s, c);
             else
                 (void)vsb_printf(s, "\\%o", static_cast<unsigned char>(c));

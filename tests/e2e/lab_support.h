@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "kobdiag_config.h"
+#include "kobdiag_lines.h"
 #include "kobreport.h"
 #include "kobtest.h"
 
@@ -43,9 +44,7 @@ inline kobtest::ChildResult runLab(std::vector<std::string> args) {
     return kobtest::runProgram(args);
 }
 
-inline std::string dumpHeading(const std::string &cmd) {
-    return "==> Dumping the result of `" + cmd + "'\n";
-}
+using kobtest::dumpHeading;
 
 inline std::string tracerouteCommand(const std::string &addr) {
     char buf[1024];
@@ -54,9 +53,7 @@ inline std::string tracerouteCommand(const std::string &addr) {
 }
 
 inline std::string rttLine(const std::string &proto, const std::string &addr, int port) {
-    return proto + " src --[0-9]+\\.[0-9]{6} ms--> dst\\(" +
-           std::regex_replace(addr, std::regex("\\."), "\\.") + ":" + std::to_string(port) +
-           "\\)\n";
+    return kobtest::rttLinePattern(proto, addr, port);
 }
 
 // The headings of a lab run in order, each with a pattern for the text

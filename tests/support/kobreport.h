@@ -1,7 +1,6 @@
-// Helpers for the tests of a whole diagnostic run: the upload's request as
-// the operator's server expects it (built here, independently of the tool),
-// koblab as a child process, the "dia" log's records, and a report cut into
-// its headed sections.
+// Helpers for the tests of a whole diagnostic run: the upload's request
+// (upload_request.h), koblab as a child process, the "dia" log's records,
+// and a report cut into its headed sections.
 
 #ifndef KOBREPORT_H
 #define KOBREPORT_H
@@ -19,41 +18,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "upload_request.h"
+
 namespace kobtest {
-
-/* ---- the request ------------------------------------------------------------ */
-
-inline const std::string kBoundary = "------kobvaneFormBoundaryj2U6RdY2ckKXjaso";
-inline const std::string kDelimiter = "--" + kBoundary;
-
-// One form part as the operator's server reads it: no part headers beyond
-// the disposition.
-inline std::string formPart(const std::string &name, const std::string &content) {
-    return kDelimiter + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" +
-           content + "\r\n";
-}
-
-inline std::string formEnd() {
-    return kDelimiter + "--\r\n";
-}
-
-inline std::string requestHead(size_t bodyLength, const std::string &host) {
-    return "POST /report/problem.php HTTP/1.1\r\n"
-           "Connection: close\r\n"
-           "Content-Length: " +
-           std::to_string(bodyLength) +
-           "\r\n"
-           "Content-Type: multipart/form-data; boundary=" +
-           kBoundary +
-           "\r\n"
-           "Host: " +
-           host + "\r\n\r\n";
-}
-
-// The text up to its first zero byte, as "%.*s" passes it on.
-inline std::string upToZero(const std::string &s) {
-    return s.substr(0, s.find('\0'));
-}
 
 /* ---- the "dia" log ---------------------------------------------------------- */
 

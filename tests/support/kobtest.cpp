@@ -9,12 +9,14 @@
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+#include "odr.h"
+#include "vsb.h"
 
 namespace kobtest {
 
@@ -166,12 +168,44 @@ void writeFile(const std::string &path, const std::string &data) {
 }
 
 std::string readFile(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f)
+    struct vsb *file = ODR_readFile(path.c_str(), -1);
+    if (file == nullptr)
         throw std::runtime_error("cannot read " + path);
-    std::ostringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    std::string text(vsb_data(file), static_cast<size_t>(vsb_len(file)));
+    vsb_delete(file);
+    return text;
+}
+
+ChildHolder::ChildHolder(const std::function<bool()> &take) {
+    int ready[2];
+    int go[2];
+    if (pipe(ready) != 0 || pipe(go) != 0)
+        throw std::runtime_error("pipe failed");
+    fflush(nullptr);
+    pid_ = fork();
+    if (pid_ < 0)
+        throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+        close(ready[0]);
+        close(go[1]);
+        char c = take() ? 'y' : 'n';
+        (void)!write(ready[1], &c, 1);
+        // Held until the parent closes its end.
+        (void)!read(go[0], &c, 1);
+        _exit(0);
+    }
+    close(ready[1]);
+    close(go[0]);
+    release_ = go[1];
+    char c = 0;
+    held_ = read(ready[0], &c, 1) == 1 && c == 'y';
+    close(ready[0]);
+}
+
+ChildHolder::~ChildHolder() {
+    close(release_);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
 }
 
 bool fileExists(const std::string &path) {
@@ -218,10 +252,19 @@ std::string regexEscape(const std::string &s) {
     if (!r.aborted())
         return ::testing::AssertionFailure()
                << "child did not abort (status " << r.status << "), stderr: " << r.err;
-    // glibc: "<prog>: <file>:<line>: <function>: Assertion `<expr>' failed.\n"
     std::string lineRe = line < 0 ? "[0-9]+" : std::to_string(line);
+#ifdef __APPLE__
+    // macOS: "Assertion failed: (<expr>), function <name>, file <file>, line <line>.\n",
+    // where assert() gives the bare name, not the signature.
+    std::string name = func.substr(0, func.find('('));
+    name = name.substr(name.rfind(' ') == std::string::npos ? 0 : name.rfind(' ') + 1);
+    std::regex re("(.*\n)?Assertion failed: \\(" + regexEscape(cond) + "\\), function " +
+                  regexEscape(name) + ", file " + regexEscape(file) + ", line " + lineRe + "\\.\n");
+#else
+    // glibc: "<prog>: <file>:<line>: <function>: Assertion `<expr>' failed.\n"
     std::regex re("(.*\n)?[^\n]*: " + regexEscape(file) + ":" + lineRe + ": " + regexEscape(func) +
                   ": Assertion `" + regexEscape(cond) + "' failed\\.\n");
+#endif
     if (!std::regex_match(r.err, re))
         return ::testing::AssertionFailure() << "stderr was: [" << r.err << "]";
     return ::testing::AssertionSuccess();

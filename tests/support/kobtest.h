@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace kobtest {
@@ -50,6 +51,27 @@ class TempDir {
 void writeFile(const std::string &path, const std::string &data);
 std::string readFile(const std::string &path);
 bool fileExists(const std::string &path);
+
+// A child process that takes something (a lock, a PID file) and holds it
+// until the holder is destroyed.  take runs in the child and says whether it
+// got it; held() is what it said, known once the constructor returns.
+class ChildHolder {
+  public:
+    explicit ChildHolder(const std::function<bool()> &take);
+    ~ChildHolder();
+    ChildHolder(const ChildHolder &) = delete;
+    ChildHolder &operator=(const ChildHolder &) = delete;
+    bool held() const { return held_; }
+    pid_t pid() const { return pid_; }
+    // The end whose closing lets the holder go; a child forked by the test
+    // closes its copy, so that only the test lets it go.
+    int releaseFd() const { return release_; }
+
+  private:
+    pid_t pid_ = -1;
+    int release_ = -1;
+    bool held_ = false;
+};
 
 // The libkob assertion line for a failed check.
 std::string vasLine(const std::string &func, const std::string &file, int line,

@@ -3,6 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "kobrun.h"
+
 namespace reportgen {
 
 namespace {
@@ -22,15 +24,21 @@ std::string format(const char *fmt, ...) {
     return s;
 }
 
-const char *const kTcpHeadings[] = {
-    "==> Checks a connection to authentication server.\n",
-    "==> Checks a connection to authentication server (old).\n",
-    "==> Testing TCP pass-through to port 80\n",
-    "==> Testing TCP pass-through to port 443\n",
-    "==> Testing TCP pass-through to port 10007\n",
-    "==> Testing TCP pass-through to port 10008 (KR - KT2)\n",
-    "==> Testing TCP pass-through to port 10008 (JP - Amazon)\n",
-};
+// The shipped build's address of each role.
+const char *roleAddress(kobrun::Role role) {
+    switch (role) {
+    case kobrun::Role::Auth:
+        return "192.0.2.1";
+    case kobrun::Role::KtIdc:
+        return "192.0.2.2";
+    case kobrun::Role::Jp:
+        return "198.51.100.3";
+    case kobrun::Role::PassThrough:
+    case kobrun::Role::None:
+        break;
+    }
+    return "192.0.2.7";
+}
 
 const char *const kIntranet[] = {"10.243.160.1", "10.252.240.1", "10.243.144.1", "10.252.128.1"};
 
@@ -72,17 +80,16 @@ std::string tcpFail(int err, const std::string &text) {
 
 Run healthyRun() {
     Run r;
-    for (int i = 0; i < 5; i++)
-        r.udp.push_back(udpRtt(10.0 + i, "192.0.2.7"));
-    r.tcp = {tcpRtt(20.5, "192.0.2.1", 80),      tcpRtt(21.5, "192.0.2.2", 10009),
-             tcpRtt(22.5, "192.0.2.2", 80),      tcpRtt(23.5, "192.0.2.2", 443),
-             tcpRtt(24.5, "192.0.2.7", 10007),   tcpRtt(25.5, "192.0.2.7", 10008),
-             tcpRtt(26.5, "198.51.100.3", 10008)};
+    for (int i = 0; i < kobrun::kUdpAttempts; i++)
+        r.udp.push_back(udpRtt(10.0 + i, roleAddress(kobrun::Role::PassThrough)));
+    double ms = 20.5;
+    for (const auto &probe : kobrun::kTcpProbes)
+        r.tcp.push_back(tcpRtt(ms++, roleAddress(probe.role), probe.port));
     r.traceroute = " 1  192.168.1.1  1.123 ms  0.998 ms  1.004 ms\n"
                    " 2  10.0.0.1  5.310 ms  5.122 ms  5.200 ms\n"
                    " 3  192.0.2.2  9.870 ms  9.901 ms  9.850 ms\n";
     for (const char *a : kIntranet)
-        r.intranet.push_back(tcpRtt(3.25, a, 8081));
+        r.intranet.push_back(tcpRtt(3.25, a, kobrun::kIntranetPort));
     r.logs = {{"kobvane_stdout.txt", "vane started\n"}, {"kobvane_stderr.txt", ""},
               {"kobrun_stdout.txt", "run ok\n"},        {"kobrun_stderr.txt", "run warning\n"},
               {"kobflow_stdout.txt", "flow up\n"},      {"kobflow_stderr.txt", ""}};
@@ -102,21 +109,21 @@ std::string report(const Run &run) {
     s += "==> Dumping the result of `/usr/sbin/netstat -an'\n" + run.netstatAn;
     s += "==> Dumping the result of `/usr/sbin/netstat -rn'\n" + run.netstatRn;
     for (size_t i = 0; i < run.udp.size(); i++)
-        s += format("==> Testing UDP pass-through (%d of 5)\n", static_cast<int>(i) + 1) +
+        s += format("==> Testing UDP pass-through (%d of %d)\n", static_cast<int>(i) + 1,
+                    kobrun::kUdpAttempts) +
              run.udp[i];
-    for (size_t i = 0; i < run.tcp.size() && i < 7; i++)
-        s += std::string(kTcpHeadings[i]) + run.tcp[i];
+    for (size_t i = 0; i < run.tcp.size() && i < kobrun::kTcpProbes.size(); i++)
+        s += "==> " + std::string(kobrun::kTcpProbes[i].heading) + "\n" + run.tcp[i];
     s += "==> Testing traceroute to KOBVANE KT IDC node.\n";
     s += format("==> Dumping the result of `/usr/sbin/traceroute -m 15 -n %s'\n",
                 run.ktIdc.c_str()) +
          run.traceroute;
-    s += "==> Testing MTU to KOBVANE Asia (S. Korea - KT IDC)\n";
-    s += "==> Testing MTU to KOBVANE US West(N. California)\n";
-    s += "==> Testing MTU to KOBVANE Asia (Singapore)\n";
-    s += "==> Testing MTU to KOBVANE Asia (Tokyo)\n";
-    s += "==> Testing MTU to KOBVANE Asia (S. Korea - HCLC IDC)\n";
-    for (size_t i = 0; i < run.intranet.size() && i < 4; i++)
-        s += format("==> Testing to the intranet %s:8081\n", kIntranet[i]) + run.intranet[i];
+    for (auto heading : kobrun::kMtuHeadings)
+        s += "==> " + std::string(heading) + "\n";
+    for (size_t i = 0; i < run.intranet.size() && i < static_cast<size_t>(kobrun::kIntranetProbes);
+         i++)
+        s += format("==> Testing to the intranet %s:%d\n", kIntranet[i], kobrun::kIntranetPort) +
+             run.intranet[i];
     s += "==> Dumping KOBVANE log files\n" + readLogs(run, "kobvane");
     s += "==> Dumping KOBRUN log files\n" + readLogs(run, "kobrun");
     s += "==> Dumping KOBFLOW log files\n" + readLogs(run, "kobflow");
@@ -133,30 +140,18 @@ std::string report(const Run &run) {
 
 std::string body(const std::optional<std::string> &desc, const std::optional<std::string> &username,
                  const std::optional<std::string> &why) {
-    std::string delim = std::string("--") + kBoundary;
     std::string b;
     if (desc)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"desc\"\r\n\r\n" + *desc + "\r\n";
+        b += kobtest::formPart("desc", *desc);
     if (username)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"username\"\r\n\r\n" + *username +
-             "\r\n";
+        b += kobtest::formPart("username", *username);
     if (why)
-        b += delim + "\r\nContent-Disposition: form-data; name=\"why\"\r\n\r\n" + *why + "\r\n";
-    b += delim + "--\r\n";
-    return b;
+        b += kobtest::formPart("why", *why);
+    return b + kobtest::formEnd();
 }
 
 std::string head(const std::string &host, size_t bodyLength) {
-    return "POST /report/problem.php HTTP/1.1\r\n"
-           "Connection: close\r\n"
-           "Content-Length: " +
-           std::to_string(bodyLength) +
-           "\r\n"
-           "Content-Type: multipart/form-data; boundary=" +
-           kBoundary +
-           "\r\n"
-           "Host: " +
-           host + "\r\n\r\n";
+    return kobtest::requestHead(bodyLength, host);
 }
 
 std::string reportOfSize(size_t size, int seed) {

@@ -11,10 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "kobrun.h"
+#include "upload_request.h"
+
 namespace reportgen {
 
 // Result lines as the probes print them, line feed included.
-std::string udpRtt(double ms, const std::string &addr, int port = 10007);
+std::string udpRtt(double ms, const std::string &addr, int port = kobrun::kUdpPort);
 std::string udpTimeout();
 std::string udpRecvError(int err, const std::string &text);
 std::string tcpRtt(double ms, const std::string &addr, int port);
@@ -43,7 +46,7 @@ Run healthyRun();
 std::string report(const Run &run);
 
 // The request exactly as kobdiag writes it: the head, then the body.
-constexpr const char *kBoundary = "------kobvaneFormBoundaryj2U6RdY2ckKXjaso";
+using kobtest::kBoundary;
 std::string body(const std::optional<std::string> &desc, const std::optional<std::string> &username,
                  const std::optional<std::string> &why);
 std::string head(const std::string &host, size_t bodyLength);

@@ -1,4 +1,5 @@
-// The assertion handler of the test programs, in the library's own form.
+// The assertion handler of the programs beside the tool (tools, tests,
+// benchmarks, fuzz targets), in the library's own form.
 
 #include <cstdio>
 #include <cstdlib>

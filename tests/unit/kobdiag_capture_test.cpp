@@ -13,8 +13,10 @@
 
 #include "kobdiag.h"
 #include "kobdiag_config.h"
+#include "kobdiag_lines.h"
 #include "kobreport.h"
 #include "kobtest.h"
+#include "report_buffer.h"
 #include "vsb.h"
 
 namespace {
@@ -22,24 +24,15 @@ namespace {
 using kobtest::captureFd;
 using kobtest::runChild;
 
-class Capture : public ::testing::Test {
+class Capture : public kobtest::ReportBuffer {
   protected:
-    void SetUp() override {
-        dia_msg = vsb_newauto();
-        ASSERT_NE(dia_msg, nullptr);
-    }
-    void TearDown() override {
-        vsb_delete(dia_msg);
-        dia_msg = nullptr;
-    }
-    std::string report() const { return std::string(dia_msg->s_buf, dia_msg->s_len); }
     std::string dump(const std::string &cmd) {
         return captureFd(2, [&] { DIA_dumpCommand(cmd.c_str()); });
     }
 };
 
 std::string heading(const std::string &cmd) {
-    return "==> Dumping the result of `" + cmd + "'\n";
+    return kobtest::dumpHeading(cmd);
 }
 
 TEST_F(Capture, PercentInTheCommandLineIsShownLiterally) {

@@ -4,22 +4,12 @@
 
 #include "kobdiag.h"
 #include "kobtest.h"
+#include "report_buffer.h"
 #include "vsb.h"
 
 namespace {
 
-class ReportChannel : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        dia_msg = vsb_newauto();
-        ASSERT_NE(dia_msg, nullptr);
-    }
-    void TearDown() override {
-        vsb_delete(dia_msg);
-        dia_msg = nullptr;
-    }
-    std::string report() const { return std::string(dia_msg->s_buf, dia_msg->s_len); }
-};
+using ReportChannel = kobtest::ReportBuffer;
 
 TEST_F(ReportChannel, LongTextIsShownAndAppendedWhole) {
     std::string text(10000, 'z');

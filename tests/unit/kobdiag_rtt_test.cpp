@@ -5,7 +5,9 @@
 #include <functional>
 #include <regex>
 #include <string>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -56,6 +58,37 @@ TEST(PinFdIsset, AgreesWithTheSystemSetForEveryDescriptor) {
         for (int fd = 0; fd < FD_SETSIZE; fd++)
             ASSERT_EQ(pin_fd_isset(fd, &set) != 0, fd == member) << fd;
     }
+}
+
+// Every descriptor below FD_SETSIZE taken, so the probe's socket lands above
+// what a descriptor set can hold.
+void takeEveryLowDescriptor() {
+    struct rlimit rl;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
+    ASSERT_GT(rl.rlim_max, static_cast<rlim_t>(FD_SETSIZE + 8));
+    rl.rlim_cur = FD_SETSIZE + 8;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
+    int null = open("/dev/null", O_RDONLY);
+    ASSERT_GE(null, 0);
+    for (int fd = 0; fd < FD_SETSIZE; fd++) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            ASSERT_EQ(dup2(null, fd), fd);
+        }
+    }
+}
+
+TEST(PinFdSetsize, ProbesAssertTheirSocketFitsADescriptorSet) {
+    auto udp = runChild([] {
+        takeEveryLowDescriptor();
+        (void)PIN_udp("127.0.0.1", 9);
+    });
+    EXPECT_TRUE(rtt_test::probeAssert(udp, "PIN_udp", "const char*, int", "fd < FD_SETSIZE"));
+    ClosedPort closed;
+    auto tcp = runChild([&] {
+        takeEveryLowDescriptor();
+        (void)PIN_tcp("127.0.0.1", closed.port, 1);
+    });
+    EXPECT_TRUE(rtt_test::probeAssert(tcp, "PIN_tcp", "const char*, int, int", "fd < FD_SETSIZE"));
 }
 
 // ---- PIN_udp ------------------------------------------------------------------------

@@ -188,6 +188,9 @@ TEST(DiaSendReport, AMalformedEndpointIsOneVssOpenRecord) {
 }
 
 TEST(DiaSendReport, AHostNameThatDoesNotResolveIsOneVssOpenRecord) {
+#ifndef __linux__
+    GTEST_SKIP() << "needs Linux: a network namespace (unshare) keeps the lookup local";
+#else
     // The lookup happens in a network namespace of its own with nothing but
     // a downed loopback, so the query never leaves this process's sandbox.
     auto r = kobtest::runChild([] {
@@ -205,6 +208,7 @@ TEST(DiaSendReport, AHostNameThatDoesNotResolveIsOneVssOpenRecord) {
     EXPECT_TRUE(r.exited(0));
     EXPECT_EQ(kobtest::logRecords(r.out, "----", "dia"),
               std::vector<std::string>{"VSS_open(2) error: 5 0"});
+#endif
 }
 
 } // namespace

@@ -10,31 +10,24 @@
 #include <gtest/gtest.h>
 
 #include "kobdiag.h"
+#include "kobdiag_lines.h"
 // kobtest.h has an unguarded second half: include it here only.
 #include "kobtest.h"
+#include "report_buffer.h"
 #include "vsb.h"
 #include "vtim.h"
 
 namespace rtt_test {
 
-inline void freshReport() {
-    if (dia_msg == nullptr)
-        dia_msg = vsb_newauto();
-    vsb_clear(dia_msg);
-}
-
-inline std::string reportText() {
-    return std::string(dia_msg->s_buf, dia_msg->s_len);
-}
+using kobtest::freshReport;
+using kobtest::reportText;
 
 // The milliseconds of the one line "<proto> src --%f ms--> dst(addr:port)\n"
 // that text must consist of, or -1 (with a test failure) when it does not.
 inline double parseRttLine(const std::string &text, const std::string &proto,
                            const std::string &addr, int port) {
     std::smatch m;
-    std::regex re(proto + " src --([0-9]+\\.[0-9]{6}) ms--> dst\\(" +
-                  std::regex_replace(addr, std::regex("\\."), "\\.") + ":" + std::to_string(port) +
-                  "\\)\n");
+    std::regex re(kobtest::rttLinePattern(proto, addr, port));
     if (!std::regex_match(text, m, re)) {
         ADD_FAILURE() << "not a " << proto << " round-trip line: [" << text << "]";
         return -1;

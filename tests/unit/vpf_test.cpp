@@ -27,37 +27,14 @@ class Vpf : public ::testing::Test {
     mode_t oldUmask = 0;
 };
 
-// A child that holds the PID file (opened and written) until released.
-struct Holder {
-    pid_t pid = -1;
-    int release = -1;
-
-    Holder(const std::string &path, bool write) {
-        int ready[2];
-        int go[2];
-        EXPECT_EQ(pipe(ready), 0);
-        EXPECT_EQ(pipe(go), 0);
-        pid = fork();
-        if (pid == 0) {
-            close(ready[0]);
-            close(go[1]);
-            vpf_fh *pfh = VPF_Open(path.c_str(), 0644, nullptr);
-            char c = pfh != nullptr && (!write || VPF_Write(pfh) == 0) ? 'y' : 'n';
-            (void)!::write(ready[1], &c, 1);
-            (void)!read(go[0], &c, 1);
-            _exit(0);
-        }
-        close(ready[1]);
-        close(go[0]);
-        release = go[1];
-        char c = 0;
-        EXPECT_EQ(read(ready[0], &c, 1), 1);
-        EXPECT_EQ(c, 'y');
-        close(ready[0]);
-    }
-    ~Holder() {
-        close(release);
-        waitpid(pid, nullptr, 0);
+// A child holding the PID file, with its number written or not.
+struct Holder : kobtest::ChildHolder {
+    Holder(const std::string &path, bool write)
+        : ChildHolder([&] {
+              vpf_fh *pfh = VPF_Open(path.c_str(), 0644, nullptr);
+              return pfh != nullptr && (!write || VPF_Write(pfh) == 0);
+          }) {
+        EXPECT_TRUE(held());
     }
 };
 
@@ -107,9 +84,9 @@ TEST_F(Vpf, HeldByAnotherProcessGivesEEXISTAndItsPid) {
     errno = 0;
     EXPECT_EQ(VPF_Open(path.c_str(), 0644, &other), nullptr);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(other, holder.pid);
+    EXPECT_EQ(other, holder.pid());
     // The loser never truncated the holder's number.
-    EXPECT_EQ(kobtest::readFile(path), std::to_string(holder.pid));
+    EXPECT_EQ(kobtest::readFile(path), std::to_string(holder.pid()));
 }
 
 TEST_F(Vpf, HeldWithoutOutParameterLeavesEAGAIN) {

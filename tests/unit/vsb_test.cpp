@@ -1,6 +1,10 @@
 #include "vsb.h"
 
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -314,6 +318,57 @@ TEST(Vsb, UnquoteSequences) {
     vsb_clear(s);
     EXPECT_EQ(vsb_unquote(s, "\\n\\r\\t\\\\\\\"\\q\"", -1, 0), nullptr);
     EXPECT_EQ(text(s), "\n\r\t\\\"q\"");
+    vsb_delete(s);
+}
+
+// Latin-1 calls 0xe9 a letter, so the platform's isgraph holds for it in
+// that locale; the buffer still treats every byte of 0x80 and above as a
+// signed char, which no class holds for.
+TEST(Vsb, HighBytesAreQuotedAndKeptByTrimInAnyLocale) {
+    char dir[] = "/tmp/vsb_locale.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string cmd = std::string("localedef -i en_US -f ISO-8859-1 ") + dir + "/latin1 2>&1";
+    ASSERT_EQ(system(cmd.c_str()), 0) << "the locales package builds the test locale";
+    ASSERT_EQ(setenv("LOCPATH", dir, 1), 0);
+    ASSERT_NE(setlocale(LC_CTYPE, "latin1"), nullptr);
+    ASSERT_NE(isgraph(0xe9), 0); // the locale really classes the byte
+
+    vsb *s = vsb_newauto();
+    vsb_quote(s, "\xe9t\xe9", -1, 0);
+    std::string quoted = text(s);
+    vsb_clear(s);
+    vsb_cat(s, "x\xa0\xe9");
+    EXPECT_EQ(vsb_trim(s), 0);
+    std::string trimmed = text(s);
+    vsb_delete(s);
+
+    (void)setlocale(LC_CTYPE, "C");
+    (void)unsetenv("LOCPATH");
+    (void)system((std::string("rm -rf ") + dir).c_str());
+    EXPECT_EQ(quoted, "\"\\351t\\351\"");
+    EXPECT_EQ(trimmed, "x\xa0\xe9");
+}
+
+// A failing vsnprintf (a wide character the C locale cannot encode) gives
+// -1, which is added to the length as it is: from an empty buffer the length
+// wraps and the size check fires.
+TEST(Vsb, FailingFormatWrapsLengthOfEmptyBufferAndAborts) {
+    auto r = runChild([] {
+        vsb *s = vsb_newauto();
+        const wchar_t wide[] = {0x263a, 0};
+        (void)vsb_printf(s, "%ls", wide);
+    });
+    EXPECT_TRUE(vasAbort(r, "vsb_vprintf", kVsb, "s->s_len < s->s_size"));
+}
+
+// The octal digits of an escape are read past len, up to the first byte that
+// is not one.
+TEST(Vsb, UnquoteReadsOctalDigitsPastLength) {
+    vsb *s = vsb_newauto();
+    EXPECT_EQ(vsb_unquote(s, "\\101x", 2, 0), nullptr);
+    EXPECT_EQ(text(s), "A");
+    vsb_clear(s);
+    EXPECT_STREQ(vsb_unquote(s, "\\1010", 2, 0), "\\ooo sequence out of range");
     vsb_delete(s);
 }
 

@@ -1,0 +1,25 @@
+# kob_shared_variant(<target> [LIBS ...])
+# A library's shared variant beside the static <target>, linked from the
+# static library's own objects (so they are compiled once, position
+# independent) as lib<target>.so.<version> with the major version as SONAME.
+# VAS_Fail stays undefined in it on purpose: the dynamic linker binds it to
+# the program's own handler.
+function(kob_shared_variant target)
+  cmake_parse_arguments(L "" "" "LIBS" ${ARGN})
+  set_target_properties(${target} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON EXPORT_NAME ${target}_static)
+  if(NOT KOB_BUILD_SHARED)
+    return()
+  endif()
+  add_library(${target}_shared SHARED $<TARGET_OBJECTS:${target}>)
+  target_include_directories(${target}_shared PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+  if(L_LIBS)
+    target_link_libraries(${target}_shared PUBLIC ${L_LIBS})
+  endif()
+  set_target_properties(${target}_shared PROPERTIES
+    OUTPUT_NAME ${target}
+    LINKER_LANGUAGE CXX
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR})
+endfunction()
