@@ -45,6 +45,8 @@ mkdir -p "$work/bodies" "$work/logs"
 # what makes nginx read the body (it passes none of it on).
 cat >"$work/nginx.conf" <<EOF
 daemon off;
+# The workers write the bodies into this script's own temporary directory.
+user root;
 master_process on;
 worker_processes $(nproc);
 pid $work/nginx.pid;
@@ -96,7 +98,10 @@ run() {
   "$stress" load "$server" "$@" | tee "$work/sqlite.txt" || true
   "$stress" load "$server" "$@" --postgres | tee "$work/pg.txt" || true
   rm -rf "${work:?}/bodies"/*
-  "$stress" load - "$@" --port "$port" | tee "$work/nginx.txt" || true
+  if ! "$stress" load - "$@" --port "$port" | tee "$work/nginx.txt"; then
+    echo "  nginx did not answer every upload with 200:"
+    tail -n 5 "$work/logs/error.log"
+  fi
   nginx_peak
   python3 -c "print('  wall time over nginx\'s: kobreportd on SQLite %.2f, on PostgreSQL %.2f' % ($(wall "$work/sqlite.txt") / $(wall "$work/nginx.txt"), $(wall "$work/pg.txt") / $(wall "$work/nginx.txt")))"
 }
