@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/resource.h>
@@ -62,12 +62,11 @@ std::string processText() {
         sample(out, "process_start_time_seconds", started);
     }
     int fds = 0;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        while (readdir(d))
-            fds++;
-        closedir(d);
-        fds -= 3; // ".", ".." and the directory's own descriptor
-    }
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it("/proc/self/fd", ec), end; !ec && it != end;
+         it.increment(ec))
+        fds++;
+    fds -= 1; // the listing's own descriptor
     header(out, "process_open_fds", "Number of open file descriptors.", "gauge");
     sample(out, "process_open_fds", fds);
     struct rlimit rl {};
