@@ -938,3 +938,19 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
     EXPECT_EQ(s.stop(), 0);
     EXPECT_EQ(hook.delivered(), 2u);
 }
+
+TEST_P(Staff, AReportNamingATargetTwiceIsStoredAndCountedTwice) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string desc = port443Down();
+    const std::string block = "==> " + k443 + "\n" + reportgen::tcpTimeout();
+    auto at = desc.find(block);
+    ASSERT_NE(at, std::string::npos);
+    desc.insert(at, block);
+    auto r = reportd::upload(s.port(), desc);
+    ASSERT_EQ(r.status, 200) << r.raw;
+    auto j = s.api("/api/fleet?window=6h");
+    EXPECT_NE(j.body.find("\"target\":\"" + k443 + "\",\"reports\":2,\"failing\":2,"),
+              std::string::npos)
+        << j.body;
+    EXPECT_EQ(value("SELECT count(*) FROM outcomes WHERE target = '" + k443 + "'"), "2");
+}

@@ -82,7 +82,17 @@ enum class Dialect { Sqlite, Postgres };
 class Conn {
   public:
     virtual ~Conn() = default;
-    virtual Rows query(std::string_view sql, std::initializer_list<Param> params = {}) = 0;
+    Rows query(std::string_view sql, std::initializer_list<Param> params = {}) {
+        return run(sql, params.begin(), params.size());
+    }
+    // For statements whose parameters are counted at run time (rows of one
+    // INSERT).
+    Rows query(std::string_view sql, const std::vector<Param> &params) {
+        return run(sql, params.data(), params.size());
+    }
+
+  protected:
+    virtual Rows run(std::string_view sql, const Param *params, size_t count) = 0;
 };
 
 class Db {

@@ -1,6 +1,7 @@
 #include "store.h"
 
 #include <cstdio>
+#include <map>
 
 #include "kobtriage.h"
 #include "mask.h"
@@ -215,19 +216,50 @@ std::string Store::insert(const NewReport &r) {
             c.query("UPDATE reports SET reference = $1 WHERE id = $2",
                     {sql::text(ref), sql::integer(id)});
         }
-        for (const Outcome &o : r.outcomes) {
-            std::string target = cleanText(o.target);
-            c.query("INSERT INTO outcomes (report_id, received_at, area, target, failing)"
-                    " VALUES ($1, $2, $3, $4, $5)",
-                    {sql::integer(id), sql::integer(r.received_at), sql::text(o.area),
-                     sql::text(target), sql::integer(o.failing ? 1 : 0)});
-            c.query("INSERT INTO outcome_hours (area, target, hour, reports, failing)"
-                    " VALUES ($1, $2, $3, 1, $4) ON CONFLICT (hour, area, target) DO UPDATE"
-                    " SET reports = outcome_hours.reports + 1,"
-                    " failing = outcome_hours.failing + excluded.failing",
-                    {sql::text(o.area), sql::text(target), sql::integer(r.received_at / 3600),
-                     sql::integer(o.failing ? 1 : 0)});
+        if (r.outcomes.empty())
+            return;
+        // All of a report's outcomes in one statement, and its hourly totals
+        // in another: two round trips, whatever the number of targets.  A
+        // target named twice (a report can say anything) is one total.
+        std::vector<std::string> targets;
+        targets.reserve(r.outcomes.size());
+        for (const Outcome &o : r.outcomes)
+            targets.push_back(cleanText(o.target));
+        std::string values, totals;
+        std::vector<sql::Param> params, totalParams;
+        std::map<std::pair<std::string_view, std::string_view>, std::pair<int64_t, int64_t>> sums;
+        for (size_t k = 0; k < r.outcomes.size(); k++) {
+            const Outcome &o = r.outcomes[k];
+            size_t n = params.size();
+            values += std::string(k ? "," : "") + "($" + std::to_string(n + 1) + ",$" +
+                      std::to_string(n + 2) + ",$" + std::to_string(n + 3) + ",$" +
+                      std::to_string(n + 4) + ",$" + std::to_string(n + 5) + ")";
+            params.insert(params.end(),
+                          {sql::integer(id), sql::integer(r.received_at), sql::text(o.area),
+                           sql::text(targets[k]), sql::integer(o.failing ? 1 : 0)});
+            auto &sum = sums[{o.area, targets[k]}];
+            sum.first++;
+            sum.second += o.failing ? 1 : 0;
         }
+        for (const auto &[key, sum] : sums) {
+            size_t n = totalParams.size();
+            totals += std::string(n ? "," : "") + "($" + std::to_string(n + 1) + ",$" +
+                      std::to_string(n + 2) + ",$" + std::to_string(n + 3) + ",$" +
+                      std::to_string(n + 4) + ",$" + std::to_string(n + 5) + ")";
+            totalParams.insert(totalParams.end(),
+                               {sql::text(key.first), sql::text(key.second),
+                                sql::integer(r.received_at / 3600), sql::integer(sum.first),
+                                sql::integer(sum.second)});
+        }
+        c.query("INSERT INTO outcomes (report_id, received_at, area, target, failing) VALUES " +
+                    values,
+                params);
+        c.query("INSERT INTO outcome_hours (area, target, hour, reports, failing) VALUES " +
+                    totals +
+                    " ON CONFLICT (hour, area, target) DO UPDATE"
+                    " SET reports = outcome_hours.reports + excluded.reports,"
+                    " failing = outcome_hours.failing + excluded.failing",
+                totalParams);
     });
     return ref;
 }

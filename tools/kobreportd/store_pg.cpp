@@ -8,6 +8,7 @@
 #include <endian.h>
 #include <libpq-fe.h>
 #include <mutex>
+#include <span>
 
 namespace kobreportd::sql {
 
@@ -34,13 +35,13 @@ class Connection {
     Connection &operator=(const Connection &) = delete;
     bool ok() const { return PQstatus(c_) == CONNECTION_OK; }
 
-    Rows query(std::string_view text, std::initializer_list<Param> params) {
+    Rows query(std::string_view text, const Param *params, size_t count) {
         std::vector<Oid> types;
         std::vector<const char *> values;
         std::vector<int> lengths, formats;
-        std::vector<uint64_t> ints(params.size());
+        std::vector<uint64_t> ints(count);
         size_t k = 0;
-        for (const Param &p : params) {
+        for (const Param &p : std::span<const Param>(params, count)) {
             formats.push_back(1);
             switch (p.kind) {
             case Param::Kind::Null:
@@ -109,8 +110,10 @@ class Connection {
 class ConnectionConn : public Conn {
   public:
     explicit ConnectionConn(Connection &c) : c_(c) {}
-    Rows query(std::string_view sql, std::initializer_list<Param> params) override {
-        return c_.query(sql, params);
+
+  protected:
+    Rows run(std::string_view sql, const Param *params, size_t count) override {
+        return c_.query(sql, params, count);
     }
 
   private:
@@ -125,19 +128,19 @@ class PgDb : public Db {
 
     Rows read(std::string_view sql, std::initializer_list<Param> params) override {
         Lease c(*this);
-        return c.conn->query(sql, params);
+        return c.conn->query(sql, params.begin(), params.size());
     }
 
     void transaction(const std::function<void(Conn &)> &body) override {
         Lease c(*this);
-        c.conn->query("BEGIN", {});
+        c.conn->query("BEGIN", nullptr, 0);
         try {
             ConnectionConn cc(*c.conn);
             body(cc);
-            c.conn->query("COMMIT", {});
+            c.conn->query("COMMIT", nullptr, 0);
         } catch (...) {
             try {
-                c.conn->query("ROLLBACK", {});
+                c.conn->query("ROLLBACK", nullptr, 0);
             } catch (const StoreError &) {
                 // The connection is gone; the server rolls back on its own.
             }
@@ -149,7 +152,7 @@ class PgDb : public Db {
     // reusable at once.
     void scrub() override {
         Lease c(*this);
-        c.conn->query("VACUUM reports", {});
+        c.conn->query("VACUUM reports", nullptr, 0);
     }
 
   private:

@@ -7,6 +7,7 @@
 
 #include <cctype>
 #include <mutex>
+#include <span>
 #include <sqlite3.h>
 
 namespace kobreportd::sql {
@@ -44,7 +45,7 @@ class Handle {
         }
     }
 
-    Rows query(std::string_view text, std::initializer_list<Param> params) {
+    Rows query(std::string_view text, const Param *params, size_t count) {
         // $n becomes ?n, SQLite's numbered parameter.
         std::string q(text);
         for (size_t i = 0; i + 1 < q.size(); i++)
@@ -56,7 +57,7 @@ class Handle {
             throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db_));
         std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> guard(st, sqlite3_finalize);
         int i = 1;
-        for (const Param &p : params) {
+        for (const Param &p : std::span<const Param>(params, count)) {
             int rc = SQLITE_OK;
             switch (p.kind) {
             case Param::Kind::Null:
@@ -116,8 +117,10 @@ class Handle {
 class HandleConn : public Conn {
   public:
     explicit HandleConn(Handle &h) : h_(h) {}
-    Rows query(std::string_view sql, std::initializer_list<Param> params) override {
-        return h_.query(sql, params);
+
+  protected:
+    Rows run(std::string_view sql, const Param *params, size_t count) override {
+        return h_.query(sql, params, count);
     }
 
   private:
@@ -134,7 +137,7 @@ class SqliteDb : public Db {
 
     Rows read(std::string_view sql, std::initializer_list<Param> params) override {
         Reader rd(*this);
-        return rd.h->query(sql, params);
+        return rd.h->query(sql, params.begin(), params.size());
     }
 
     void transaction(const std::function<void(Conn &)> &body) override {
@@ -162,7 +165,7 @@ class SqliteDb : public Db {
             std::lock_guard<std::mutex> plock(poolMutex_);
             pool_.clear();
         }
-        writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", {});
+        writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", nullptr, 0);
     }
 
   private:
