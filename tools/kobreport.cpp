@@ -14,18 +14,20 @@
 namespace {
 
 int usage() {
-    std::fprintf(stderr, "usage: kobreport [--json] FILE\n");
+    std::fprintf(stderr, "usage: kobreport [--json] [--evidence] FILE\n");
     return 1;
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
-    bool json = false;
+    bool json = false, evidence = false;
     const char *path = nullptr;
     for (int i = 1; i < argc; i++) {
         if (std::strcmp(argv[i], "--json") == 0 && !json)
             json = true;
+        else if (std::strcmp(argv[i], "--evidence") == 0 && !evidence)
+            evidence = true;
         else if ((argv[i][0] == '-' && argv[i][1] != '\0') || path)
             return usage(); // an unknown option, or a second file
         else
@@ -54,6 +56,7 @@ int main(int argc, char *argv[]) {
         std::printf("%s\n", kobtriage::toJson(report).c_str());
         return 0;
     }
-    std::printf("%s", kobtriage::verdictTable(report).c_str());
+    // The JSON carries the evidence always; the table on request.
+    std::printf("%s", kobtriage::verdictTable(report, evidence).c_str());
     return 0;
 }

@@ -12,8 +12,10 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <map>
 
+#include "kobrules.h"
 #include "kobrun.h"
 
 namespace kobtriage {
@@ -75,11 +77,14 @@ std::optional<double> toDouble(sv s) {
     return v;
 }
 
-// One decimal, or three below a millisecond, where loopback times live.
-std::string fmt1(double v) {
-    char buf[64];
-    std::snprintf(buf, sizeof buf, v < 1.0 && v > -1.0 ? "%.3f" : "%.1f", v);
-    return buf;
+// Evidence shows a line's beginning; a capture or log may hold lines of
+// megabytes.
+constexpr std::size_t kEvidenceMax = 400;
+
+SourceLine sourceLine(std::size_t number, sv text) {
+    if (text.size() <= kEvidenceMax)
+        return {number, std::string(text)};
+    return {number, std::string(text.substr(0, kEvidenceMax)) + "[...]"};
 }
 
 // "UDP src --%f ms--> dst(%s:%d)" and its TCP twin.
@@ -122,33 +127,43 @@ bool parseErrorLine(sv line, sv prefix, ProbeResult &r) {
     return true;
 }
 
-void takeProbeLines(const std::vector<sv> &lines, bool udp, ProbeResult &r, int &popenErrors) {
-    for (sv line : lines) {
+// One line of the probe region: its text, whether a line feed ended it, and
+// its number in the report.
+struct Line {
+    sv text;
+    bool newline;
+    std::size_t number;
+};
+
+void takeProbeLines(const std::vector<Line> &lines, bool udp, ProbeResult &r,
+                    std::vector<SourceLine> &popen) {
+    for (const auto &l : lines) {
+        sv line = l.text;
         if (line.empty())
             continue;
         if (line == kPopenError) {
-            popenErrors++;
+            popen.push_back(sourceLine(l.number, line));
             continue;
         }
         if (r.outcome == ProbeResult::Outcome::Missing) {
+            bool taken = false;
             if (udp) {
-                if (parseRttLine(line, "UDP", r))
-                    continue;
-                if (line == "UDP: select timeout") {
+                taken = parseRttLine(line, "UDP", r) || parseErrorLine(line, "recvfrom error: ", r);
+                if (!taken && line == "UDP: select timeout") {
                     r.outcome = ProbeResult::Outcome::Timeout;
-                    continue;
+                    taken = true;
                 }
-                if (parseErrorLine(line, "recvfrom error: ", r))
-                    continue;
             } else {
-                if (parseRttLine(line, "TCP", r))
-                    continue;
-                if (line == "TCP: select timeout") {
+                taken =
+                    parseRttLine(line, "TCP", r) || parseErrorLine(line, "connect(2) fail: ", r);
+                if (!taken && line == "TCP: select timeout") {
                     r.outcome = ProbeResult::Outcome::Timeout;
-                    continue;
+                    taken = true;
                 }
-                if (parseErrorLine(line, "connect(2) fail: ", r))
-                    continue;
+            }
+            if (taken) {
+                r.line = sourceLine(l.number, line);
+                continue;
             }
         }
         r.extra.emplace_back(line);
@@ -236,14 +251,15 @@ void takeHopWords(Hop &hop, const std::vector<sv> &w, std::size_t from) {
     }
 }
 
-Traceroute parseTraceroute(sv command, const std::vector<sv> &lines) {
+Traceroute parseTraceroute(sv command, const std::vector<Line> &lines) {
     Traceroute tr;
     tr.command = std::string(command);
     auto cw = words(command);
     if (!cw.empty())
         tr.destination = std::string(cw.back());
     bool any = false;
-    for (sv line : lines) {
+    for (const auto &l : lines) {
+        sv line = l.text;
         if (line.empty())
             continue;
         any = true;
@@ -252,6 +268,7 @@ Traceroute parseTraceroute(sv command, const std::vector<sv> &lines) {
         if (num && *num > 0) {
             Hop hop;
             hop.number = *num;
+            hop.line = sourceLine(l.number, line);
             takeHopWords(hop, w, 1);
             tr.hops.push_back(std::move(hop));
         } else if (!tr.hops.empty() && !w.empty() && (line[0] == ' ' || line[0] == '\t') &&
@@ -343,18 +360,14 @@ Heading classify(sv h) {
     return r;
 }
 
-// One line of the probe region: its text and whether a line feed ended it.
-struct Line {
-    sv text;
-    bool newline;
-};
-
 // Lines, split once more where a known heading follows text that had no
-// line feed of its own (a capture whose last line was not terminated).
+// line feed of its own (a capture whose last line was not terminated); both
+// parts keep the number of the line they share.
 std::vector<Line> splitLines(sv region) {
     std::vector<Line> out;
-    std::size_t i = 0;
+    std::size_t i = 0, number = 0;
     while (i < region.size()) {
+        number++;
         auto nl = region.find('\n', i);
         sv line = region.substr(i, nl == sv::npos ? sv::npos : nl - i);
         bool newline = nl != sv::npos;
@@ -366,11 +379,11 @@ std::vector<Line> splitLines(sv region) {
                     break;
             }
             if (at != sv::npos) {
-                out.push_back({line.substr(0, at), false});
+                out.push_back({line.substr(0, at), false, number});
                 line = line.substr(at);
             }
         }
-        out.push_back({line, newline});
+        out.push_back({line, newline, number});
     }
     return out;
 }
@@ -389,22 +402,49 @@ std::string roleKey(Role r) {
     return std::to_string(static_cast<int>(r));
 }
 
+// Line numbers of offsets into the text, counted forward from the last
+// offset asked for, so that a pass over the logs counts each byte once.
+class LineCounter {
+  public:
+    explicit LineCounter(sv text) : text_(text) {}
+    std::size_t at(std::size_t offset) {
+        if (offset < offset_) {
+            offset_ = 0;
+            line_ = 1;
+        }
+        const char *p = text_.data() + offset_, *end = text_.data() + offset;
+        while (p < end) {
+            auto *nl = static_cast<const char *>(std::memchr(p, '\n', end - p));
+            if (!nl)
+                break;
+            line_++;
+            p = nl + 1;
+        }
+        offset_ = offset;
+        return line_;
+    }
+
+  private:
+    sv text_;
+    std::size_t offset_ = 0, line_ = 1;
+};
+
 class Parser {
   public:
-    explicit Parser(sv text) : text_(text) {}
+    explicit Parser(sv text) : text_(text), counter_(text) {}
     Report run();
 
   private:
     void parseProbes(sv region);
-    void finishSection(sv headingLine, const Heading &h, std::vector<Line> &body);
+    void finishSection(const Line &headingLine, const Heading &h, std::vector<Line> &body);
     void parseLogs(sv region);
     void parseTail(sv region);
     void keepUnknown(sv heading, std::string text);
     void inferAddresses();
     void findMissing();
-    void judge();
 
     sv text_;
+    LineCounter counter_;
     Report r_;
     std::map<std::string, std::string> roleAddress_;
     std::vector<Role> tcpRoles_;
@@ -416,16 +456,15 @@ void Parser::keepUnknown(sv heading, std::string text) {
     r_.unknown.push_back({std::string(heading), std::move(text)});
 }
 
-void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &body) {
-    std::vector<sv> lines;
-    lines.reserve(body.size());
-    for (const auto &l : body)
-        lines.push_back(l.text);
+void Parser::finishSection(const Line &headingSource, const Heading &h, std::vector<Line> &body) {
+    sv headingLine = headingSource.text;
+    const auto &lines = body;
+    SourceLine heading = sourceLine(headingSource.number, headingLine);
     auto unexpected = [&](bool allowEmpty) {
         std::string extra;
         for (const auto &l : body) {
             if (l.text == kPopenError) {
-                r_.popen_errors++;
+                r_.popen_lines.push_back(sourceLine(l.number, l.text));
                 continue;
             }
             if (allowEmpty && l.text.empty())
@@ -474,33 +513,32 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
         // A pipe that could not be opened prints its complaint where the
         // next capture would begin, so it ends the previous one.
         while (!body.empty() && body.back().text == kPopenError) {
-            r_.popen_errors++;
+            r_.popen_lines.push_back(sourceLine(body.back().number, body.back().text));
             body.pop_back();
         }
         Capture c;
         c.command = std::string(h.value);
         c.text = joinLines(body);
         c.lines = body.size();
-        if (h.value.find("traceroute") != sv::npos) {
-            std::vector<sv> ls;
-            ls.reserve(body.size());
-            for (const auto &l : body)
-                ls.push_back(l.text);
-            r_.traceroute = parseTraceroute(h.value, ls);
-        }
+        c.heading = heading;
+        c.first_line = body.empty() ? 0 : body.front().number;
+        if (h.value.find("traceroute") != sv::npos)
+            r_.traceroute = parseTraceroute(h.value, body);
         r_.captures.push_back(std::move(c));
         break;
     }
     case Kind::Udp: {
         UdpAttempt a;
         a.number = h.number;
-        takeProbeLines(lines, true, a.result, r_.popen_errors);
+        a.result.heading = heading;
+        takeProbeLines(lines, true, a.result, r_.popen_lines);
         r_.udp.push_back(std::move(a));
         break;
     }
     case Kind::Tcp: {
         TcpProbe p;
         p.heading = std::string(headingLine.substr(kHeading.size()));
+        p.result.heading = heading;
         p.limit_s = kPublicLimit;
         Role role = Role::None;
         if (h.tcp) {
@@ -517,7 +555,7 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
                     p.result.port = *n;
             }
         }
-        takeProbeLines(lines, false, p.result, r_.popen_errors);
+        takeProbeLines(lines, false, p.result, r_.popen_lines);
         r_.tcp.push_back(std::move(p));
         tcpRoles_.push_back(role);
         break;
@@ -535,7 +573,8 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
         p.address = std::string(h.value);
         p.port = h.number;
         p.limit_s = kIntranetLimit;
-        takeProbeLines(lines, false, p.result, r_.popen_errors);
+        p.result.heading = heading;
+        takeProbeLines(lines, false, p.result, r_.popen_lines);
         r_.intranet.push_back(std::move(p));
         break;
     }
@@ -545,14 +584,14 @@ void Parser::finishSection(sv headingLine, const Heading &h, std::vector<Line> &
 
 void Parser::parseProbes(sv region) {
     auto lines = splitLines(region);
-    sv headingLine;
+    Line headingLine{sv(), false, 0};
     Heading heading;
     std::vector<Line> body;
     for (const auto &l : lines) {
         if (startsWith(l.text, kHeading)) {
             finishSection(headingLine, heading, body);
             body.clear();
-            headingLine = l.text;
+            headingLine = l;
             heading = classify(l.text.substr(kHeading.size()));
         } else {
             body.push_back(l);
@@ -608,6 +647,11 @@ void Parser::parseLogs(sv region) {
         out.file = outFile;
         err.file = errFile;
 
+        // A label's line: its text up to the line feed, numbered in the report.
+        auto label = [&](sv part) {
+            auto at = static_cast<std::size_t>(part.data() - text_.data());
+            return sourceLine(counter_.at(at), part.substr(0, part.find('\n')));
+        };
         auto content = [](ClientLog &log, sv text) {
             if (text == "Empty file.\n") {
                 log.state = ClientLog::State::Empty;
@@ -621,6 +665,10 @@ void Parser::parseLogs(sv region) {
         std::size_t errAt = std::min(block.find("[STDERR]\n"), block.find(errMissing));
         sv outPart = block.substr(0, errAt);
         sv errPart = errAt == sv::npos ? sv() : block.substr(errAt);
+        if (startsWith(outPart, outMissing) || startsWith(outPart, "[STDOUT]\n"))
+            out.label = label(outPart);
+        if (startsWith(errPart, errMissing) || startsWith(errPart, "[STDERR]\n"))
+            err.label = label(errPart);
         if (startsWith(outPart, outMissing)) {
             out.state = ClientLog::State::Missing;
             if (outPart.size() > outMissing.size())
@@ -742,127 +790,6 @@ void Parser::findMissing() {
         r_.missing.push_back(count(r_.logs.size() / 2, kLogPrograms.size(), "client log dumps"));
 }
 
-void Parser::judge() {
-    using L = Verdict::Level;
-    auto add = [&](L level, const char *area, std::string text) {
-        r_.verdicts.push_back({level, area, std::move(text)});
-    };
-    if (!r_.recognised) {
-        add(L::Fail, "report", "not a kobdiag report (nothing recognised; kept as text)");
-        return;
-    }
-    if (!r_.missing.empty()) {
-        std::string s = "report incomplete: missing ";
-        for (std::size_t k = 0; k < r_.missing.size(); k++)
-            s += (k ? ", " : "") + r_.missing[k];
-        add(L::Warn, "report", s);
-    }
-    if (r_.timestamp && !r_.username)
-        add(L::Info, "header", "no username given");
-
-    if (!r_.udp.empty()) {
-        auto u = r_.udpSummary();
-        std::string of = std::to_string(u.attempts);
-        if (u.answered == u.attempts) {
-            add(L::Ok, "udp",
-                "UDP pass-through works (" + of + "/" + of + " answered, avg " + fmt1(*u.avg_ms) +
-                    " ms)");
-        } else if (u.answered == 0) {
-            if (u.errors == 0)
-                add(L::Fail, "udp", "UDP pass-through blocked (" + of + "/" + of + " timeouts)");
-            else
-                add(L::Fail, "udp",
-                    "UDP pass-through blocked (" + of + "/" + of +
-                        " lost: " + std::to_string(u.timeouts) + " timeouts, " +
-                        std::to_string(u.errors) + " errors, " +
-                        std::to_string(u.attempts - u.timeouts - u.errors) + " without result)");
-        } else {
-            add(L::Warn, "udp",
-                "UDP pass-through lossy (" + fmt1(u.loss_percent) + "% loss, " +
-                    std::to_string(u.attempts - u.answered) + "/" + of + " lost)");
-        }
-    }
-
-    int tcpAnswered = 0;
-    for (const auto &p : r_.tcp) {
-        std::string what =
-            "TCP " + (p.result.port ? std::to_string(p.result.port) : "?") + " to " + p.target;
-        switch (p.result.outcome) {
-        case ProbeResult::Outcome::Answered:
-            tcpAnswered++;
-            break;
-        case ProbeResult::Outcome::Timeout:
-            add(L::Fail, "tcp", what + " unanswered within " + std::to_string(p.limit_s) + " s");
-            break;
-        case ProbeResult::Outcome::Error:
-            add(L::Fail, "tcp",
-                what + " failed at once (" + std::to_string(p.result.err) + " " +
-                    p.result.error_text + ")");
-            break;
-        case ProbeResult::Outcome::Missing:
-            add(L::Warn, "tcp", what + ": no result printed");
-            break;
-        }
-    }
-    if (!r_.tcp.empty() && tcpAnswered == static_cast<int>(r_.tcp.size()))
-        add(L::Ok, "tcp",
-            "TCP answered on all " + std::to_string(tcpAnswered) + " probes (a refusal counts)");
-
-    if (r_.traceroute) {
-        const auto &t = *r_.traceroute;
-        const Hop *last = t.lastAnswered();
-        if (t.printed_nothing)
-            add(L::Warn, "traceroute", "traceroute printed nothing");
-        else if (t.reached())
-            add(L::Ok, "traceroute",
-                "traceroute reached " + t.destination + " in " +
-                    std::to_string(t.hops.back().number) +
-                    (t.hops.back().number == 1 ? " hop" : " hops"));
-        else if (!last)
-            add(L::Fail, "traceroute", "traceroute: no hop answered");
-        else
-            add(L::Warn, "traceroute",
-                "traceroute stopped at hop " + std::to_string(last->number) + " (last reply from " +
-                    last->addresses.back() + ")");
-    }
-    if (r_.popen_errors > 0)
-        add(L::Warn, "captures",
-            std::to_string(r_.popen_errors) + " command(s) could not be started (_popen() error)");
-    for (const auto &c : r_.captures)
-        if (c.empty() && c.command.find("traceroute") == std::string::npos)
-            add(L::Info, "captures", "capture of `" + c.command + "' is empty");
-
-    if (!r_.intranet.empty()) {
-        int answered = 0;
-        for (const auto &p : r_.intranet)
-            if (p.result.outcome == ProbeResult::Outcome::Answered)
-                answered++;
-        std::string frac =
-            std::to_string(answered) + "/" + std::to_string(r_.intranet.size()) + ")";
-        if (answered == 0)
-            add(L::Fail, "intranet", "intranet unreachable (" + frac);
-        else if (answered < static_cast<int>(r_.intranet.size()))
-            add(L::Warn, "intranet", "intranet partly reachable (" + frac);
-        else
-            add(L::Ok, "intranet", "intranet reachable (" + frac);
-    }
-
-    std::string missing, cut;
-    for (const auto &l : r_.logs) {
-        if (l.state == ClientLog::State::Missing)
-            missing += (missing.empty() ? "" : ", ") + l.file;
-        else if (l.state == ClientLog::State::NotShown)
-            cut += (cut.empty() ? "" : ", ") + l.file;
-    }
-    if (!missing.empty())
-        add(L::Info, "logs", "client logs missing: " + missing);
-    if (!cut.empty())
-        add(L::Warn, "logs", "client logs not shown (dump cut short): " + cut);
-    if (!r_.unknown.empty())
-        add(L::Info, "report",
-            std::to_string(r_.unknown.size()) + " section(s) not understood (kept as text)");
-}
-
 Report Parser::run() {
     sv body = text_;
     // The countdown, when the report was uploaded, closes it; a blank line
@@ -893,7 +820,10 @@ Report Parser::run() {
         parseTail(tailRegion);
     inferAddresses();
     findMissing();
-    judge();
+    std::sort(r_.popen_lines.begin(), r_.popen_lines.end(),
+              [](const SourceLine &a, const SourceLine &b) { return a.number < b.number; });
+    r_.popen_errors = static_cast<int>(r_.popen_lines.size());
+    applyRules(r_);
     return std::move(r_);
 }
 
@@ -988,7 +918,7 @@ const char *stateName(ClientLog::State state) {
     return "not shown";
 }
 
-std::string verdictTable(const Report &report) {
+std::string verdictTable(const Report &report, bool evidence) {
     std::string out = "LEVEL  AREA        VERDICT\n";
     for (const auto &v : report.verdicts) {
         char buf[32];
@@ -996,6 +926,25 @@ std::string verdictTable(const Report &report) {
         out += buf;
         out += v.text;
         out += '\n';
+        if (!evidence)
+            continue;
+        out += "       rule " + v.rule + " (rules version " + std::to_string(report.rules_version) +
+               ")\n";
+        for (const auto &l : v.evidence) {
+            std::snprintf(buf, sizeof buf, "%12zu| ", l.number);
+            out += buf;
+            // A report's line may carry terminal controls; they are shown,
+            // not obeyed.
+            for (unsigned char c : l.text) {
+                if ((c < 0x20 && c != '\t') || c == 0x7f) {
+                    std::snprintf(buf, sizeof buf, "\\x%02x", c);
+                    out += buf;
+                } else {
+                    out += static_cast<char>(c);
+                }
+            }
+            out += '\n';
+        }
     }
     return out;
 }

@@ -12,7 +12,18 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json_fwd.hpp>
+
 namespace kobtriage {
+
+// One line of the report as it stands there, numbered from 1.  Number 0 is
+// a line the report does not have.  Very long lines are kept cut, with
+// "[...]" at the end, since only their beginning serves as evidence.
+struct SourceLine {
+    std::size_t number = 0;
+    std::string text;
+    bool operator==(const SourceLine &) const = default;
+};
 
 // What one probe printed: an answer with its time, a timeout, or an error.
 struct ProbeResult {
@@ -25,6 +36,8 @@ struct ProbeResult {
     int err = 0;                    // Error: the errno the probe printed
     std::string error_text;         // Error: the message after the number
     std::vector<std::string> extra; // lines under the heading not understood
+    SourceLine heading;             // the probe's "==> " line
+    SourceLine line;                // the result line, when there is one
 };
 
 struct UdpAttempt {
@@ -61,6 +74,7 @@ struct Hop {
     std::vector<double> rtts_ms;
     int lost = 0;                   // probes shown as "*"
     std::vector<std::string> notes; // annotations such as "!H"
+    SourceLine line;                // the hop's first line
 };
 
 struct Traceroute {
@@ -77,6 +91,8 @@ struct Capture {
     std::string command;
     std::string text;
     std::size_t lines = 0;
+    SourceLine heading;         // the "==> Dumping the result of" line
+    std::size_t first_line = 0; // the number of the text's first line
     bool empty() const { return text.empty(); }
 };
 
@@ -88,6 +104,7 @@ struct ClientLog {
     State state = State::NotShown;
     std::string text; // the log as the report shows it
     std::size_t size = 0;
+    SourceLine label; // "[STDOUT]", "[STDERR]" or the "No ... exists" line
 };
 
 // A heading the parser does not know, or text outside any heading.
@@ -99,8 +116,10 @@ struct Section {
 struct Verdict {
     enum class Level { Ok, Info, Warn, Fail };
     Level level = Level::Info;
-    std::string area; // header, udp, tcp, traceroute, intranet, captures, logs, report
+    std::string area; // header, net, udp, tcp, traceroute, intranet, captures, logs, report
     std::string text;
+    std::string rule;                 // the rule's stable id, such as "udp.blocked"
+    std::vector<SourceLine> evidence; // the report's lines it rests on, in order
 };
 
 struct Report {
@@ -110,6 +129,7 @@ struct Report {
     std::optional<std::string> username, version, os;
     std::vector<Capture> captures;
     int popen_errors = 0;
+    std::vector<SourceLine> popen_lines; // where the "_popen() error" lines stand
     std::vector<UdpAttempt> udp;
     std::vector<TcpProbe> tcp;
     bool traceroute_heading = false;
@@ -122,6 +142,7 @@ struct Report {
     std::vector<Section> unknown;
     std::vector<std::string> missing; // parts of a whole run that are absent
     std::vector<Verdict> verdicts;
+    int rules_version = 0; // of the rule set that gave the verdicts
 
     UdpSummary udpSummary() const;
     // The failures and warnings in one line, for lists.
@@ -146,8 +167,21 @@ struct StoredFacts {
 // reference is null.
 std::string toJson(const Report &report, const StoredFacts *facts = nullptr);
 
+// One verdict as the JSON documents carry it: level, area, text, rule,
+// the rule's version and the evidence lines.
+nlohmann::ordered_json verdictJson(const Verdict &v);
+
+// A JSON document as every program here writes it: compact, with bytes
+// that are not UTF-8 replaced by U+FFFD.
+std::string dumpJson(const nlohmann::ordered_json &j);
+
+// The text as valid UTF-8: broken sequences become U+FFFD, as in JSON.
+std::string validUtf8(std::string_view s);
+
 // The verdicts as a plain-text table, one per line, with a header line.
-std::string verdictTable(const Report &report);
+// With evidence, each verdict's lines follow it, indented, with their
+// numbers.
+std::string verdictTable(const Report &report, bool evidence = false);
 
 } // namespace kobtriage
 

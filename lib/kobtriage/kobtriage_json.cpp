@@ -1,12 +1,26 @@
 // The JSON form of a triaged report, shared by kobreport --json and the
-// intake server's /api/, so both always say the same.
+// intake server's /api/, so both always say the same.  Members keep the
+// order they are written in; a report's bytes that are not UTF-8 become
+// U+FFFD when the document is written.
 
-#include "kobjson.h"
 #include "kobtriage.h"
+#include "kobrules.h"
+
+#include <nlohmann/json.hpp>
 
 namespace kobtriage {
 
 namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json orNull(const std::optional<std::string> &s) {
+    return s ? Json(*s) : Json(nullptr);
+}
+
+Json orNull(const std::optional<double> &d) {
+    return d ? Json(*d) : Json(nullptr);
+}
 
 const char *outcomeError(ProbeResult::Outcome o) {
     switch (o) {
@@ -23,194 +37,162 @@ const char *outcomeError(ProbeResult::Outcome o) {
 }
 
 // The members every probe has: rtt_ms when it answered, else error.
-void probe(kobjson::Writer &w, const ProbeResult &r) {
-    if (r.address.empty())
-        w.key("address").null();
-    else
-        w.key("address").value(r.address);
-    w.key("address_inferred").value(r.address_inferred);
-    if (r.port)
-        w.key("port").value(r.port);
-    else
-        w.key("port").null();
+void probe(Json &o, const ProbeResult &r) {
+    o["address"] = r.address.empty() ? Json(nullptr) : Json(r.address);
+    o["address_inferred"] = r.address_inferred;
+    o["port"] = r.port ? Json(r.port) : Json(nullptr);
     if (r.outcome == ProbeResult::Outcome::Answered) {
-        w.key("rtt_ms").value(r.rtt_ms);
+        o["rtt_ms"] = r.rtt_ms;
     } else {
-        w.key("error").value(outcomeError(r.outcome));
+        o["error"] = outcomeError(r.outcome);
         if (r.outcome == ProbeResult::Outcome::Error) {
-            w.key("errno").value(r.err);
-            w.key("message").value(r.error_text);
+            o["errno"] = r.err;
+            o["message"] = r.error_text;
         }
     }
-    if (!r.extra.empty()) {
-        w.key("unparsed").beginArray();
-        for (const auto &l : r.extra)
-            w.value(l);
-        w.endArray();
-    }
+    if (!r.extra.empty())
+        o["unparsed"] = r.extra;
+    o["line"] = r.line.number ? Json(r.line.number) : Json(nullptr);
+}
+
+Json lines(const std::vector<SourceLine> &ls) {
+    Json a = Json::array();
+    for (const auto &l : ls)
+        a.push_back(Json{{"line", l.number}, {"text", l.text}});
+    return a;
 }
 
 } // namespace
 
+std::string dumpJson(const nlohmann::ordered_json &j) {
+    return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string validUtf8(std::string_view s) {
+    // Written as JSON with the broken sequences replaced, then read back.
+    return nlohmann::json::parse(dumpJson(Json(std::string(s)))).get<std::string>();
+}
+
+Json verdictJson(const Verdict &v) {
+    const Rule *rule = findRule(v.rule);
+    return Json{{"level", levelName(v.level)},
+                {"area", v.area},
+                {"text", v.text},
+                {"rule", v.rule},
+                {"rule_version", rule ? Json(rule->version) : Json(nullptr)},
+                {"evidence", lines(v.evidence)}};
+}
+
 std::string toJson(const Report &r, const StoredFacts *facts) {
-    kobjson::Writer w;
-    w.beginObject();
+    Json w = Json::object();
     if (facts) {
-        w.key("reference").value(facts->reference);
-        w.key("received_at").value(facts->received_at);
-        w.key("form_username").value(facts->form_username);
-        w.key("why").value(facts->why);
-        w.key("size").value(facts->size);
+        w["reference"] = facts->reference;
+        w["received_at"] = facts->received_at;
+        w["form_username"] = orNull(facts->form_username);
+        w["why"] = orNull(facts->why);
+        w["size"] = facts->size;
     } else {
-        w.key("reference").null();
+        w["reference"] = nullptr;
     }
-    w.key("recognised").value(r.recognised);
-    w.key("complete").value(r.recognised && r.missing.empty());
-    w.key("timestamp").value(r.timestamp);
-    w.key("time").value(r.time_iso);
-    w.key("username").value(r.username);
-    w.key("version").value(r.version);
-    w.key("os").value(r.os);
+    w["recognised"] = r.recognised;
+    w["complete"] = r.recognised && r.missing.empty();
+    w["timestamp"] = orNull(r.timestamp);
+    w["time"] = orNull(r.time_iso);
+    w["username"] = orNull(r.username);
+    w["version"] = orNull(r.version);
+    w["os"] = orNull(r.os);
 
-    w.key("udp").beginArray();
+    Json udp = Json::array();
     for (const auto &a : r.udp) {
-        w.beginObject().key("attempt").value(a.number);
-        probe(w, a.result);
-        w.endObject();
+        Json o{{"attempt", a.number}};
+        probe(o, a.result);
+        udp.push_back(std::move(o));
     }
-    w.endArray();
+    w["udp"] = std::move(udp);
     auto u = r.udpSummary();
-    w.key("udp_summary").beginObject();
-    w.key("attempts").value(u.attempts).key("answered").value(u.answered);
-    w.key("timeouts").value(u.timeouts).key("errors").value(u.errors);
-    w.key("loss_percent").value(u.loss_percent);
-    w.key("min_ms").value(u.min_ms).key("avg_ms").value(u.avg_ms).key("max_ms").value(u.max_ms);
-    w.endObject();
+    w["udp_summary"] = Json{{"attempts", u.attempts},         {"answered", u.answered},
+                            {"timeouts", u.timeouts},         {"errors", u.errors},
+                            {"loss_percent", u.loss_percent}, {"min_ms", orNull(u.min_ms)},
+                            {"avg_ms", orNull(u.avg_ms)},     {"max_ms", orNull(u.max_ms)}};
 
-    w.key("tcp").beginArray();
+    Json tcp = Json::array();
     for (const auto &p : r.tcp) {
-        w.beginObject().key("heading").value(p.heading).key("target").value(p.target);
-        w.key("limit_s").value(p.limit_s);
-        probe(w, p.result);
-        w.endObject();
+        Json o{{"heading", p.heading}, {"target", p.target}, {"limit_s", p.limit_s}};
+        probe(o, p.result);
+        tcp.push_back(std::move(o));
     }
-    w.endArray();
+    w["tcp"] = std::move(tcp);
 
-    w.key("intranet").beginArray();
+    Json intranet = Json::array();
     for (const auto &p : r.intranet) {
-        w.beginObject().key("limit_s").value(p.limit_s);
-        probe(w, p.result);
-        w.endObject();
+        Json o{{"limit_s", p.limit_s}};
+        probe(o, p.result);
+        intranet.push_back(std::move(o));
     }
-    w.endArray();
+    w["intranet"] = std::move(intranet);
 
     if (r.traceroute) {
         const auto &t = *r.traceroute;
-        w.key("traceroute").beginObject();
-        w.key("command").value(t.command).key("destination").value(t.destination);
-        w.key("reached").value(t.reached());
+        Json o{{"command", t.command}, {"destination", t.destination}, {"reached", t.reached()}};
         const Hop *last = t.lastAnswered();
-        if (last)
-            w.key("last_hop").value(last->number).key("last_address").value(last->addresses.back());
-        else
-            w.key("last_hop").null().key("last_address").null();
-        w.key("hops").beginArray();
-        for (const auto &h : t.hops) {
-            w.beginObject().key("hop").value(h.number);
-            w.key("addresses").beginArray();
-            for (const auto &a : h.addresses)
-                w.value(a);
-            w.endArray().key("rtt_ms").beginArray();
-            for (double v : h.rtts_ms)
-                w.value(v);
-            w.endArray().key("lost").value(h.lost);
-            w.key("notes").beginArray();
-            for (const auto &n : h.notes)
-                w.value(n);
-            w.endArray().endObject();
-        }
-        w.endArray();
-        w.key("other_lines").beginArray();
-        for (const auto &l : t.other_lines)
-            w.value(l);
-        w.endArray().endObject();
+        o["last_hop"] = last ? Json(last->number) : Json(nullptr);
+        o["last_address"] = last ? Json(last->addresses.back()) : Json(nullptr);
+        Json hops = Json::array();
+        for (const auto &h : t.hops)
+            hops.push_back(Json{{"hop", h.number},
+                                {"addresses", h.addresses},
+                                {"rtt_ms", h.rtts_ms},
+                                {"lost", h.lost},
+                                {"notes", h.notes},
+                                {"line", h.line.number}});
+        o["hops"] = std::move(hops);
+        o["other_lines"] = t.other_lines;
+        w["traceroute"] = std::move(o);
     } else {
-        w.key("traceroute").null();
+        w["traceroute"] = nullptr;
     }
 
-    w.key("captures").beginArray();
+    Json captures = Json::array();
     for (const auto &c : r.captures)
-        w.beginObject()
-            .key("command")
-            .value(c.command)
-            .key("lines")
-            .value(c.lines)
-            .key("empty")
-            .value(c.empty())
-            .endObject();
-    w.endArray();
-    w.key("popen_errors").value(r.popen_errors);
+        captures.push_back(Json{{"command", c.command},
+                                {"lines", c.lines},
+                                {"empty", c.empty()},
+                                {"line", c.heading.number}});
+    w["captures"] = std::move(captures);
+    w["popen_errors"] = r.popen_errors;
+    w["mtu"] = r.mtu;
 
-    w.key("mtu").beginArray();
-    for (const auto &m : r.mtu)
-        w.value(m);
-    w.endArray();
-
-    w.key("logs").beginArray();
+    Json logs = Json::array();
     for (const auto &l : r.logs)
-        w.beginObject()
-            .key("program")
-            .value(l.program)
-            .key("stream")
-            .value(l.stream)
-            .key("file")
-            .value(l.file)
-            .key("state")
-            .value(stateName(l.state))
-            .key("size")
-            .value(l.size)
-            .endObject();
-    w.endArray();
+        logs.push_back(Json{{"program", l.program},
+                            {"stream", l.stream},
+                            {"file", l.file},
+                            {"state", stateName(l.state)},
+                            {"size", l.size},
+                            {"line", l.label.number ? Json(l.label.number) : Json(nullptr)}});
+    w["logs"] = std::move(logs);
 
     if (r.countdown_from)
-        w.key("countdown")
-            .beginObject()
-            .key("from")
-            .value(*r.countdown_from)
-            .key("lines")
-            .value(r.countdown_lines)
-            .endObject();
+        w["countdown"] = Json{{"from", *r.countdown_from}, {"lines", r.countdown_lines}};
     else
-        w.key("countdown").null();
+        w["countdown"] = nullptr;
 
-    w.key("unknown").beginArray();
+    Json unknown = Json::array();
     for (const auto &s : r.unknown)
-        w.beginObject().key("heading").value(s.heading).key("text").value(s.text).endObject();
-    w.endArray();
+        unknown.push_back(Json{{"heading", s.heading}, {"text", s.text}});
+    w["unknown"] = std::move(unknown);
+    w["missing"] = r.missing;
 
-    w.key("missing").beginArray();
-    for (const auto &m : r.missing)
-        w.value(m);
-    w.endArray();
-
-    w.key("verdicts").beginArray();
-    for (const auto &v : r.verdicts)
-        w.value(v.text);
-    w.endArray();
-    w.key("verdict_levels").beginArray();
-    for (const auto &v : r.verdicts)
-        w.beginObject()
-            .key("level")
-            .value(levelName(v.level))
-            .key("area")
-            .value(v.area)
-            .key("text")
-            .value(v.text)
-            .endObject();
-    w.endArray();
-    w.key("summary").value(r.summary());
-    w.endObject();
-    return w.str();
+    Json texts = Json::array(), levels = Json::array();
+    for (const auto &v : r.verdicts) {
+        texts.push_back(v.text);
+        levels.push_back(verdictJson(v));
+    }
+    w["verdicts"] = std::move(texts);
+    w["verdict_levels"] = std::move(levels);
+    w["rules_version"] = r.rules_version;
+    w["summary"] = r.summary();
+    return dumpJson(w);
 }
 
 } // namespace kobtriage

@@ -61,6 +61,6 @@ TEST(Kobreport, BadCommandLineExitsOneWithUsage) {
              {KOBREPORT_BIN}, {KOBREPORT_BIN, "-x", "f"}, {KOBREPORT_BIN, "a", "b"}}) {
         auto r = runProgram(args);
         EXPECT_TRUE(r.exited(1));
-        EXPECT_EQ(r.err, "usage: kobreport [--json] FILE\n");
+        EXPECT_EQ(r.err, "usage: kobreport [--json] [--evidence] FILE\n");
     }
 }

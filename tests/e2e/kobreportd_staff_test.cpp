@@ -527,8 +527,11 @@ TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
                              "remain.</p>"),
               std::string::npos)
         << page.body;
-    EXPECT_NE(page.body.find("<td>UDP pass-through blocked (5/5 timeouts)</td>"),
-              std::string::npos);
+    // The kept verdicts still show their rule and evidence.
+    EXPECT_NE(page.body.find("<td>UDP pass-through blocked (5/5 timeouts)<details "
+                             "class=\"evidence\"><summary>udp.blocked (version 1)</summary>"),
+              std::string::npos)
+        << page.body;
     EXPECT_EQ(value("SELECT length(why) FROM reports WHERE reference = '" + oldRef + "'"),
               "<none>");
     EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'retention.expired'"), "1");
@@ -585,12 +588,86 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "3");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "4");
+    // Judged by no rules that are known: retriage will take it.
+    EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
+    EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + ref + "'"), "1");
     EXPECT_EQ(s.signedIn().get("/reports/KOB-20260101-000001").status, 200);
     EXPECT_EQ(s.stop(), 0);
     // A second start finds it done.
     reportd::Server again(KOBREPORTD_BIN, db);
     EXPECT_EQ(again.api("/api/reports").body.rfind("{\"total\":2,", 0), 0u);
+}
+
+TEST_P(Staff, RetriageBringsOlderReportsToTheCurrentRulesAndTheFleetFollows) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto slow = reportgen::healthyRun();
+    slow.tcp[3] = reportgen::tcpTimeout();
+    auto offline = reportgen::healthyRun();
+    offline.udp.assign(5, reportgen::udpTimeout());
+    offline.tcp.assign(7, reportgen::tcpFail(51, "Network is unreachable"));
+    std::vector<std::string> refs;
+    for (const auto &run : {reportgen::healthyRun(), slow, offline, reportgen::healthyRun()})
+        refs.push_back(reportd::reference(reportd::upload(s.port(), reportgen::report(run))));
+    ASSERT_EQ(s.stop(), 0);
+    auto summary = [&](int k) {
+        return value("SELECT summary FROM reports WHERE reference = '" + refs[k] + "'");
+    };
+    std::string slowSummary = summary(1), offlineSummary = summary(2);
+    EXPECT_EQ(offlineSummary, "no network at all: no public target answered and `netstat -rn' "
+                              "shows no default route");
+    auto counted = [&] {
+        return value("SELECT count(*) || '/' || sum(failing) FROM outcomes") + " " +
+               value("SELECT sum(reports) || '/' || sum(failing) FROM outcome_hours");
+    };
+    std::string lastOutcomes = value("SELECT count(*) FROM outcomes o JOIN reports r ON"
+                                     " r.id = o.report_id WHERE r.reference = '" +
+                                     refs[3] + "'");
+    ASSERT_EQ(lastOutcomes, "13");
+
+    // As an older kobreportd left them: other summaries, no outcomes, and
+    // the last one's raw text expired.
+    value("UPDATE reports SET rules = 0, summary = 'judged by older rules'");
+    value("DELETE FROM outcomes");
+    value("DELETE FROM outcome_hours");
+    value("UPDATE reports SET raw_expired = 1 WHERE reference = '" + refs[3] + "'");
+
+    auto run = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("3 reports re-judged with rules version 1 in ", 0), 0u) << run.out;
+    const std::string kept = " s; 1 kept as they were (raw text expired)\n";
+    ASSERT_GT(run.out.size(), kept.size());
+    EXPECT_EQ(run.out.substr(run.out.size() - kept.size()), kept) << run.out;
+    EXPECT_EQ(run.err.rfind("retriage: 3 reports to re-judge with rules version 1\n", 0), 0u)
+        << run.err;
+    EXPECT_NE(run.err.find("\nretriage: 3 of 3 reports, "), std::string::npos) << run.err;
+    EXPECT_EQ(summary(0), "no problem found");
+    EXPECT_EQ(summary(1), slowSummary);
+    EXPECT_EQ(summary(2), offlineSummary);
+    EXPECT_EQ(summary(3), "judged by older rules");
+    EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + refs[3] + "'"), "0");
+    // Three reports of 13 targets each, one failing in the slow one and
+    // eight (UDP and every TCP probe) in the one without network; the
+    // hourly totals agree.
+    EXPECT_EQ(counted(), "39/9 39/9");
+
+    // Done is done; and a run stopped half-way goes on with what is left.
+    auto again = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
+    EXPECT_EQ(again.out.rfind("0 reports re-judged with rules version 1 in ", 0), 0u) << again.out;
+    value("UPDATE reports SET rules = 0 WHERE reference = '" + refs[1] + "'");
+    auto rest = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
+    EXPECT_EQ(rest.out.rfind("1 report re-judged with rules version 1 in ", 0), 0u) << rest.out;
+    EXPECT_EQ(counted(), "39/9 39/9");
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'reports.retriaged'"), "3");
+
+    // The fleet's numbers come from the new outcomes.
+    reportd::Server after(KOBREPORTD_BIN, db);
+    auto fleet = after.api("/api/fleet?window=24h");
+    EXPECT_NE(fleet.body.find("{\"area\":\"tcp\",\"target\":\"Testing TCP pass-through to port "
+                              "443\",\"reports\":3,\"failing\":2,"),
+              std::string::npos)
+        << fleet.body;
+    EXPECT_EQ(reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db, "extra"}).status, 1);
 }
 
 TEST_P(Staff, NamesAndSearchesAreCleanedAndMatchedLiterallyOnEitherStore) {
@@ -786,17 +863,22 @@ TEST_P(Staff, OneUsersReportsShowWhatChangedAndTwoCompareProbeByProbe) {
     reportd::upload(s.port(), reportgen::report(reportgen::healthyRun()), "someone-else");
 
     auto api = s.api("/api/users/pat");
-    EXPECT_EQ(
-        api.body,
-        "{\"username\":\"pat\",\"reports\":[{\"reference\":\"" + refs[2] +
-            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
-            ",\"summary\":\"no problem found\",\"now_failing\":[],\"recovered\":[\"" + k443 +
-            "\"]},{\"reference\":\"" + refs[1] +
-            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
-            ",\"summary\":\"TCP 443 to KT IDC unanswered within 15 s\",\"now_failing\":[\"" + k443 +
-            "\"],\"recovered\":[]},{\"reference\":\"" + refs[0] +
-            "\",\"received_at\":" + api.body.substr(api.body.find("\"received_at\":") + 14, 22) +
-            ",\"summary\":\"no problem found\"}]}")
+    // Each report's own time of receipt, as the answer gives it: the three
+    // uploads may fall into different seconds.
+    size_t at = 0;
+    auto receivedAt = [&api, &at] {
+        at = api.body.find("\"received_at\":", at) + 14;
+        return api.body.substr(at, 22);
+    };
+    std::string t2 = receivedAt(), t1 = receivedAt(), t0 = receivedAt();
+    EXPECT_EQ(api.body,
+              "{\"username\":\"pat\",\"reports\":[{\"reference\":\"" + refs[2] +
+                  "\",\"received_at\":" + t2 +
+                  ",\"summary\":\"no problem found\",\"now_failing\":[],\"recovered\":[\"" + k443 +
+                  "\"]},{\"reference\":\"" + refs[1] + "\",\"received_at\":" + t1 +
+                  ",\"summary\":\"TCP 443 to KT IDC unanswered within 15 s\",\"now_failing\":[\"" +
+                  k443 + "\"],\"recovered\":[]},{\"reference\":\"" + refs[0] +
+                  "\",\"received_at\":" + t0 + ",\"summary\":\"no problem found\"}]}")
         << api.body;
     reportd::Browser b = s.signedIn("viewer");
     auto timeline = b.get("/users/pat");
@@ -929,7 +1011,7 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
                   200);
     std::string cleared = hook.wait(2);
     EXPECT_EQ(cleared.rfind("{\"event\":\"cleared\",", 0), 0u) << cleared;
-    EXPECT_NE(cleared.find("\"target\":\"" + k443 + "\",\"share\":0,"), std::string::npos)
+    EXPECT_NE(cleared.find("\"target\":\"" + k443 + "\",\"share\":0.0,"), std::string::npos)
         << cleared;
     EXPECT_EQ(value("SELECT count(*) FROM alerts"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "0");

@@ -6,7 +6,9 @@
 
 #include "clock.h"
 #include "fleet.h"
-#include "kobjson.h"
+#include <nlohmann/json.hpp>
+
+#include "kobtriage.h"
 
 namespace kobreportd {
 
@@ -65,20 +67,21 @@ int AlertTask::check() {
         if (!event)
             continue;
         changed++;
-        kobjson::Writer w;
-        w.beginObject().key("event").value(event).key("at").value(isoTime(t));
-        w.key("area").value(target.area).key("target").value(target.target);
-        w.key("share").value(share).key("baseline").value(target.baseline);
-        w.key("window").value("1h").key("reports").value(target.hour_reports);
-        w.key("failing").value(target.hour_failing);
-        w.key("baseline_reports").value(target.baseline_reports);
-        w.key("samples").beginArray();
-        for (const auto &ref : failingReports(db_, target.area, target.target, t - 3600, 5))
-            w.value(ref);
-        w.endArray().endObject();
+        std::string doc = kobtriage::dumpJson(nlohmann::ordered_json{
+            {"event", event},
+            {"at", isoTime(t)},
+            {"area", target.area},
+            {"target", target.target},
+            {"share", share},
+            {"baseline", target.baseline},
+            {"window", "1h"},
+            {"reports", target.hour_reports},
+            {"failing", target.hour_failing},
+            {"baseline_reports", target.baseline_reports},
+            {"samples", failingReports(db_, target.area, target.target, t - 3600, 5)}});
         std::lock_guard<std::mutex> lock(mutex_);
         if (!url_.empty())
-            outbox_.push_back(w.str());
+            outbox_.push_back(std::move(doc));
         wake_.notify_all();
     }
     return changed;

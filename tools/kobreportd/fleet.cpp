@@ -30,6 +30,11 @@ std::vector<Outcome> outcomesOf(const kobtriage::Report &r) {
     return out;
 }
 
+Triaged triage(std::string_view text) {
+    auto report = kobtriage::parse(text);
+    return {report.username, report.summary(), outcomesOf(report), report.rules_version};
+}
+
 std::optional<std::time_t> windowSeconds(const std::string &w) {
     if (w == "6h")
         return std::time_t{6} * 3600;

@@ -24,6 +24,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kobtriage.h"
@@ -38,6 +39,16 @@ struct Outcome {
 };
 
 std::vector<Outcome> outcomesOf(const kobtriage::Report &report);
+
+// What the store keeps of a report's triage: the user the report names,
+// the one-line summary, the outcomes and the version of the rules.
+struct Triaged {
+    std::optional<std::string> report_username;
+    std::string summary;
+    std::vector<Outcome> outcomes;
+    int rules = 0;
+};
+Triaged triage(std::string_view text);
 
 constexpr int kBrokenMinReports = 5;
 constexpr double kBrokenMinRise = 0.25;

@@ -1,11 +1,11 @@
 #include "html.h"
 
-#include "kobjson.h"
+#include "kobtriage.h"
 
 namespace kobreportd::html {
 
 std::string escape(std::string_view s) {
-    std::string v = kobjson::utf8(s), out;
+    std::string v = kobtriage::validUtf8(s), out;
     out.reserve(v.size());
     for (char c : v) {
         switch (c) {

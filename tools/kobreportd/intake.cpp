@@ -420,11 +420,12 @@ void IntakeServer::upload(const httplib::Request &req, httplib::Response &res,
         // The findings hold copies of the logs; they go before the report
         // is written.
         auto triageStart = Clock::now();
-        auto triage = kobtriage::parse(nr.desc);
+        Triaged t = triage(nr.desc);
         metrics_.triage(std::chrono::duration<double>(Clock::now() - triageStart).count());
-        nr.report_username = triage.username;
-        nr.summary = triage.summary();
-        nr.outcomes = outcomesOf(triage);
+        nr.report_username = std::move(t.report_username);
+        nr.summary = std::move(t.summary);
+        nr.outcomes = std::move(t.outcomes);
+        nr.rules = t.rules;
     }
     nr.peer = req.remote_addr;
     try {

@@ -1,6 +1,7 @@
 // kobreportd: receives the problem reports kobdiag uploads, keeps them, and
 // shows them to signed-in support staff on a listener of their own.
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +18,9 @@
 #include "alerts.h"
 #include "audit.h"
 #include "clock.h"
+#include "fleet.h"
 #include "intake.h"
+#include "kobrules.h"
 #include "retention.h"
 #include "staff.h"
 #include "store.h"
@@ -40,7 +43,8 @@ int usage() {
         "       kobreportd token add NAME [--role viewer|admin] --db PATH_OR_URL\n"
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
-        "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n");
+        "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
+        "       kobreportd retriage --db PATH_OR_URL\n");
     return 1;
 }
 
@@ -118,7 +122,45 @@ bool readPassword(std::string &out) {
     return ok;
 }
 
-// user ..., token ..., purge ...: one change to the database, then exit.
+// Re-judges every stored report that older rules judged, batch by batch.
+// Each batch is committed on its own, so a run that is stopped goes on
+// where it stood when started again.
+int retriage(Store &store, Audit &audit, const char *who) {
+    using Clock = std::chrono::steady_clock;
+    int rules = kobtriage::rulesVersion();
+    auto before = store.countByRules(rules);
+    std::fprintf(stderr, "retriage: %lld reports to re-judge with rules version %d\n",
+                 static_cast<long long>(before.older), rules);
+    auto start = Clock::now(), shown = start;
+    int64_t done = 0, after = 0;
+    auto seconds = [&start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
+    for (;;) {
+        auto step = store.retriage(after, rules, triage);
+        done += step.retriaged;
+        after = step.last_id;
+        if (!step.more || Clock::now() - shown >= std::chrono::seconds(1)) {
+            shown = Clock::now();
+            double s = seconds();
+            std::fprintf(stderr, "retriage: %lld of %lld reports, %.0f reports/s\n",
+                         static_cast<long long>(done), static_cast<long long>(before.older),
+                         s > 0 ? static_cast<double>(done) / s : 0.0);
+        }
+        if (!step.more)
+            break;
+    }
+    audit.record(who, "", "reports.retriaged", "",
+                 std::to_string(done) + " to rules version " + std::to_string(rules));
+    std::printf("%lld %s re-judged with rules version %d in %.1f s", static_cast<long long>(done),
+                done == 1 ? "report" : "reports", rules, seconds());
+    if (before.expired)
+        std::printf("; %lld kept as they were (raw text expired)",
+                    static_cast<long long>(before.expired));
+    std::printf("\n");
+    return 0;
+}
+
+// user ..., token ..., purge ..., retriage: one change to the database, then
+// exit.
 int command(const std::vector<std::string> &args) {
     std::string db, role, olderThan;
     std::vector<std::string> words;
@@ -140,8 +182,9 @@ int command(const std::vector<std::string> &args) {
     std::string name = words.size() > 2 ? words[2] : "";
     bool named = words.size() == 3 && (verb == "add" || verb == "del");
     bool listing = words.size() == 2 && verb == "list";
-    if (what == "purge" ? words.size() != 1 || olderThan.empty()
-                        : (what != "user" && what != "token") || !(named || listing))
+    if (what == "retriage" ? words.size() != 1 || !olderThan.empty()
+        : what == "purge"  ? words.size() != 1 || olderThan.empty()
+                           : (what != "user" && what != "token") || !(named || listing))
         return usage();
     if (!role.empty() && !(named && verb == "add"))
         return usage();
@@ -167,6 +210,8 @@ int command(const std::vector<std::string> &args) {
         Audit audit(*database);
         Accounts accounts(*database, audit);
         const char *who = "kobreportd (command line)";
+        if (what == "retriage")
+            return retriage(store, audit, who);
         if (what == "purge") {
             int64_t n = expireOldReports(store, audit, static_cast<int>(days), who);
             std::printf("%lld %s expired\n", static_cast<long long>(n),

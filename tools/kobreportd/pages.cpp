@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "clock.h"
+#include "kobrules.h"
 #include "kobtriage.h"
 
 namespace kobreportd::pages {
@@ -40,6 +41,9 @@ dl.facts { display: grid; grid-template-columns: max-content 1fr; gap: 4px 16px;
            background: #fff; padding: 12px 16px; margin: 0; }
 dl.facts dt { color: #57606a; }
 dl.facts dd { margin: 0; }
+details.evidence { margin-top: 4px; font-size: 13px; color: #4a5568; }
+details.evidence summary { cursor: pointer; font-family: ui-monospace, monospace; }
+details.evidence pre { margin: 4px 0; padding: 6px 10px; }
 pre { background: #fff; padding: 12px 16px; overflow-x: auto; border: 1px solid #e3e6eb;
       font: 12.5px/1.4 ui-monospace, monospace; white-space: pre-wrap; word-break: break-all; }
 nav.pages { display: flex; gap: 16px; margin-top: 12px; }
@@ -141,12 +145,36 @@ void fact(Html &b, const char *k, const std::string &v) {
     fact(b, k, h);
 }
 
+// Under a verdict: its rule, what the rule means and the report's lines
+// it rests on, folded so that the table stays short.
+Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> &lines) {
+    Html b;
+    const kobtriage::Rule *known = kobtriage::findRule(rule);
+    b << "<details class=\"evidence\"><summary>" << text(rule.empty() ? "(no rule)" : rule);
+    if (known)
+        b << " (version " << known->version << ")";
+    b << "</summary>";
+    if (known)
+        b << "<p>" << text(known->meaning) << "</p>";
+    if (lines.empty()) {
+        b << "<p>It rests on what the report lacks, not on a line of it.</p>";
+    } else {
+        b << "<pre>";
+        for (const auto &l : lines)
+            b << l.number << "| " << text(l.text) << "\n";
+        b << "</pre>";
+    }
+    b << "</details>";
+    return b;
+}
+
 Html verdictRows(const kobtriage::Report &r) {
     Html b;
     for (const auto &v : r.verdicts) {
         std::string lv = kobtriage::levelName(v.level);
         b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
-          << text(v.area) << "</td><td>" << text(v.text) << "</td></tr>\n";
+          << text(v.area) << "</td><td>" << text(v.text) << evidence(v.rule, v.evidence)
+          << "</td></tr>\n";
     }
     return b;
 }
@@ -231,8 +259,17 @@ Html keptVerdicts(const std::string &findings) {
         auto str = [&v](const char *k) {
             return v.contains(k) && v[k].is_string() ? v[k].get<std::string>() : std::string();
         };
+        std::vector<kobtriage::SourceLine> lines;
+        if (v.contains("evidence") && v["evidence"].is_array())
+            for (const auto &l : v["evidence"])
+                if (l.is_object() && l.contains("line") && l["line"].is_number_unsigned() &&
+                    l.contains("text") && l["text"].is_string())
+                    lines.push_back({l["line"].get<std::size_t>(), l["text"].get<std::string>()});
         b << "<tr class=\"" << text(str("level")) << "\"><td class=\"level\">" << text(str("level"))
-          << "</td><td>" << text(str("area")) << "</td><td>" << text(str("text")) << "</td></tr>\n";
+          << "</td><td>" << text(str("area")) << "</td><td>" << text(str("text"));
+        if (v.contains("rule"))
+            b << evidence(str("rule"), lines);
+        b << "</td></tr>\n";
     }
     return b;
 }

@@ -2,12 +2,12 @@
 
 #include <cstdio>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <sodium.h>
 
 #include "clock.h"
 #include "fleet.h"
 #include "intake.h"
-#include "kobjson.h"
 #include "kobtriage.h"
 #include "mask.h"
 #include "pages.h"
@@ -18,6 +18,7 @@ namespace {
 
 using httplib::Request;
 using httplib::Response;
+using Json = nlohmann::ordered_json;
 
 constexpr int64_t kPageSize = 50;
 constexpr const char *kSessionCookie = "kob_session";
@@ -81,10 +82,16 @@ void json(Response &res, int status, const std::string &body) {
     res.set_content(body, "application/json");
 }
 
+void json(Response &res, int status, const Json &body) {
+    json(res, status, kobtriage::dumpJson(body));
+}
+
 void jsonError(Response &res, int status, const char *what) {
-    kobjson::Writer w;
-    w.beginObject().key("error").value(what).endObject();
-    json(res, status, w.str());
+    json(res, status, Json{{"error", what}});
+}
+
+Json orNull(const std::optional<std::string> &s) {
+    return s ? Json(*s) : Json(nullptr);
 }
 
 void seeOther(Response &res, const std::string &where) {
@@ -226,19 +233,15 @@ class StaffRoutes {
 
     std::string reportJson(const StoredReport &s, const Visible &v) {
         if (s.raw_expired) {
-            kobjson::Writer w;
-            w.beginObject().key("reference").value(s.reference);
-            w.key("received_at").value(isoTime(s.received_at));
-            w.key("form_username").value(s.form_username);
-            w.key("report_username").value(s.report_username);
-            w.key("summary").value(s.summary).key("raw_expired").value(true);
-            w.key("findings");
-            if (s.findings.empty())
-                w.null();
-            else
-                w.raw(s.findings);
-            w.endObject();
-            return w.str();
+            Json findings = Json::parse(s.findings, nullptr, false);
+            return kobtriage::dumpJson(
+                Json{{"reference", s.reference},
+                     {"received_at", isoTime(s.received_at)},
+                     {"form_username", orNull(s.form_username)},
+                     {"report_username", orNull(s.report_username)},
+                     {"summary", s.summary},
+                     {"raw_expired", true},
+                     {"findings", findings.is_discarded() ? Json(nullptr) : findings}});
         }
         kobtriage::StoredFacts f;
         f.reference = s.reference;
@@ -505,22 +508,24 @@ void StaffRoutes::routes() {
             std::string q = req.has_param("q") ? req.get_param_value("q") : "";
             int64_t pg = pageNumber(req);
             auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
-            kobjson::Writer w;
-            w.beginObject().key("total").value(list.total).key("page").value(pg);
-            w.key("page_size").value(kPageSize).key("reports").beginArray();
+            Json reports = Json::array();
             for (const auto &it : list.items) {
-                w.beginObject().key("reference").value(it.reference);
-                w.key("received_at").value(isoTime(it.received_at));
                 std::string user = it.form_username && !it.form_username->empty()
                                        ? *it.form_username
                                        : it.report_username.value_or("");
-                w.key("username").value(user);
-                w.key("form_username").value(it.form_username);
-                w.key("summary").value(it.summary).key("size").value(it.size);
-                w.key("raw_expired").value(it.raw_expired).endObject();
+                reports.push_back(Json{{"reference", it.reference},
+                                       {"received_at", isoTime(it.received_at)},
+                                       {"username", user},
+                                       {"form_username", orNull(it.form_username)},
+                                       {"summary", it.summary},
+                                       {"size", it.size},
+                                       {"raw_expired", it.raw_expired}});
             }
-            w.endArray().endObject();
-            json(res, 200, w.str());
+            json(res, 200,
+                 Json{{"total", list.total},
+                      {"page", pg},
+                      {"page_size", kPageSize},
+                      {"reports", std::move(reports)}});
         });
     // ?reveal=1 asks for the unmasked text, which only an admin gets.
     auto revealAsked = [](const Request &req, Response &res, const Principal &who) {
@@ -560,9 +565,7 @@ void StaffRoutes::routes() {
                 return;
             }
             audit_.record(who.account, req.remote_addr, "report.deleted", ref);
-            kobjson::Writer w;
-            w.beginObject().key("deleted").value(ref).endObject();
-            json(res, 200, w.str());
+            json(res, 200, Json{{"deleted", ref}});
         });
     page(Method::Get, "/fleet", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -610,42 +613,30 @@ void StaffRoutes::routes() {
                               "compare");
             auto sa = side(*a), sb = side(*b);
             pages::Changes c = pages::changes(sa.outcomes, sb.outcomes);
-            kobjson::Writer w;
-            w.beginObject().key("a").value(a->reference).key("b").value(b->reference);
-            w.key("now_failing").beginArray();
-            for (const auto &t : c.failing)
-                w.value(t);
-            w.endArray().key("recovered").beginArray();
-            for (const auto &t : c.recovered)
-                w.value(t);
-            w.endArray().endObject();
-            json(res, 200, w.str());
+            json(res, 200,
+                 Json{{"a", a->reference},
+                      {"b", b->reference},
+                      {"now_failing", c.failing},
+                      {"recovered", c.recovered}});
         });
     api(Method::Get, R"(/api/users/([^/]+))", Role::Viewer,
         [this](const Request &req, Response &res, const Principal &) {
             auto list = store_.byUser(req.matches[1], 200);
-            kobjson::Writer w;
-            w.beginObject().key("username").value(std::string(req.matches[1]));
-            w.key("reports").beginArray();
+            Json reports = Json::array();
             for (size_t i = 0; i < list.size(); i++) {
                 const auto &r = list[i];
-                w.beginObject().key("reference").value(r.item.reference);
-                w.key("received_at").value(isoTime(r.item.received_at));
-                w.key("summary").value(r.item.summary);
+                Json o{{"reference", r.item.reference},
+                       {"received_at", isoTime(r.item.received_at)},
+                       {"summary", r.item.summary}};
                 if (i + 1 < list.size()) {
                     auto c = pages::changes(list[i + 1].outcomes, r.outcomes);
-                    w.key("now_failing").beginArray();
-                    for (const auto &t : c.failing)
-                        w.value(t);
-                    w.endArray().key("recovered").beginArray();
-                    for (const auto &t : c.recovered)
-                        w.value(t);
-                    w.endArray();
+                    o["now_failing"] = c.failing;
+                    o["recovered"] = c.recovered;
                 }
-                w.endObject();
+                reports.push_back(std::move(o));
             }
-            w.endArray().endObject();
-            json(res, 200, w.str());
+            json(res, 200,
+                 Json{{"username", std::string(req.matches[1])}, {"reports", std::move(reports)}});
         });
     api(Method::Get, "/api/fleet", Role::Viewer,
         [this](const Request &req, Response &res, const Principal &) {
@@ -655,34 +646,32 @@ void StaffRoutes::routes() {
                 return;
             }
             Fleet f = fleet(store_.db(), w, now());
-            kobjson::Writer j;
-            j.beginObject().key("window").value(f.window);
-            j.key("from").value(isoTime(f.from)).key("to").value(isoTime(f.to));
-            j.key("bucket_seconds").value(static_cast<int64_t>(f.bucket_seconds));
-            j.key("targets").beginArray();
+            Json targets = Json::array();
             for (const auto &t : f.targets) {
-                j.beginObject().key("area").value(t.area).key("target").value(t.target);
-                j.key("reports").value(t.reports).key("failing").value(t.failing);
-                j.key("broken").value(t.broken);
-                j.key("last_hour").beginObject().key("reports").value(t.hour_reports);
-                j.key("failing").value(t.hour_failing).endObject();
-                j.key("baseline").beginObject().key("reports").value(t.baseline_reports);
-                j.key("failing").value(t.baseline_failing).key("share").value(t.baseline);
-                j.endObject().key("buckets").beginArray();
+                Json buckets = Json::array();
                 for (const auto &b : t.buckets)
                     if (b.reports)
-                        j.beginObject()
-                            .key("start")
-                            .value(isoTime(b.start))
-                            .key("reports")
-                            .value(b.reports)
-                            .key("failing")
-                            .value(b.failing)
-                            .endObject();
-                j.endArray().endObject();
+                        buckets.push_back(Json{{"start", isoTime(b.start)},
+                                               {"reports", b.reports},
+                                               {"failing", b.failing}});
+                targets.push_back(Json{
+                    {"area", t.area},
+                    {"target", t.target},
+                    {"reports", t.reports},
+                    {"failing", t.failing},
+                    {"broken", t.broken},
+                    {"last_hour", Json{{"reports", t.hour_reports}, {"failing", t.hour_failing}}},
+                    {"baseline", Json{{"reports", t.baseline_reports},
+                                      {"failing", t.baseline_failing},
+                                      {"share", t.baseline}}},
+                    {"buckets", std::move(buckets)}});
             }
-            j.endArray().endObject();
-            json(res, 200, j.str());
+            json(res, 200,
+                 Json{{"window", f.window},
+                      {"from", isoTime(f.from)},
+                      {"to", isoTime(f.to)},
+                      {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)},
+                      {"targets", std::move(targets)}});
         });
     // For Prometheus, with a token like the API.
     api(Method::Get, "/metrics", Role::Viewer,
@@ -693,17 +682,20 @@ void StaffRoutes::routes() {
         [this](const Request &req, Response &res, const Principal &) {
             int64_t pg = pageNumber(req), total = 0;
             auto entries = audit_.page((pg - 1) * kPageSize, kPageSize, total);
-            kobjson::Writer w;
-            w.beginObject().key("total").value(total).key("page").value(pg);
-            w.key("page_size").value(kPageSize).key("entries").beginArray();
-            for (const auto &e : entries) {
-                w.beginObject().key("id").value(e.id).key("at").value(isoTime(e.at));
-                w.key("account").value(e.account).key("address").value(e.address);
-                w.key("action").value(e.action).key("reference").value(e.reference);
-                w.key("detail").value(e.detail).endObject();
-            }
-            w.endArray().endObject();
-            json(res, 200, w.str());
+            Json list = Json::array();
+            for (const auto &e : entries)
+                list.push_back(Json{{"id", e.id},
+                                    {"at", isoTime(e.at)},
+                                    {"account", e.account},
+                                    {"address", e.address},
+                                    {"action", e.action},
+                                    {"reference", e.reference},
+                                    {"detail", e.detail}});
+            json(res, 200,
+                 Json{{"total", total},
+                      {"page", pg},
+                      {"page_size", kPageSize},
+                      {"entries", std::move(list)}});
         });
 }
 

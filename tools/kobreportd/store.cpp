@@ -13,8 +13,8 @@ namespace {
 
 // The layout this version writes.  1: the reports alone; 2: accounts,
 // sessions, tokens, the audit log, and expired raw text; 3: each report's
-// outcome per probe target.
-constexpr int kSchemaVersion = 3;
+// outcome per probe target; 4: the version of the rules that judged it.
+constexpr int kSchemaVersion = 4;
 
 constexpr const char *kColumns =
     "id, reference, received_at, form_username, report_username, summary, peer, size,"
@@ -53,9 +53,73 @@ void upgradeTo3(sql::Dialect d, sql::Conn &c) {
     // One open alert per target, whichever instance raises it.
     c.query("CREATE UNIQUE INDEX IF NOT EXISTS alerts_open ON alerts (area, target)"
             " WHERE cleared_at IS NULL");
+}
+
+// The rule set's version behind each report's summary and outcomes.  Reports
+// stored before it count as version 0, older than any rule set, so that
+// retriage gives them outcomes too.
+void upgradeTo4(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN rules {INT} NOT NULL DEFAULT 0"));
     c.query("DELETE FROM kob_meta WHERE key = 'schema'");
     c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
             {sql::text(std::to_string(kSchemaVersion))});
+}
+
+// A report's outcomes in one statement, and its hourly totals in another:
+// two round trips, whatever the number of targets.  A target named twice
+// (a report can say anything) is one row of the totals.
+void addOutcomes(sql::Conn &c, int64_t id, std::time_t receivedAt,
+                 const std::vector<Outcome> &outcomes) {
+    if (outcomes.empty())
+        return;
+    std::vector<std::string> targets;
+    targets.reserve(outcomes.size());
+    for (const Outcome &o : outcomes)
+        targets.push_back(cleanText(o.target));
+    std::string values, totals;
+    std::vector<sql::Param> params, totalParams;
+    std::map<std::pair<std::string_view, std::string_view>, std::pair<int64_t, int64_t>> sums;
+    auto row = [](size_t n) {
+        std::string s = "(";
+        for (size_t k = 1; k <= 5; k++)
+            s += (k > 1 ? ",$" : "$") + std::to_string(n + k);
+        return s + ")";
+    };
+    for (size_t k = 0; k < outcomes.size(); k++) {
+        const Outcome &o = outcomes[k];
+        values += (k ? "," : "") + row(params.size());
+        params.insert(params.end(), {sql::integer(id), sql::integer(receivedAt), sql::text(o.area),
+                                     sql::text(targets[k]), sql::integer(o.failing ? 1 : 0)});
+        auto &sum = sums[{o.area, targets[k]}];
+        sum.first++;
+        sum.second += o.failing ? 1 : 0;
+    }
+    for (const auto &[key, sum] : sums) {
+        totals += (totalParams.empty() ? "" : ",") + row(totalParams.size());
+        totalParams.insert(totalParams.end(), {sql::text(key.first), sql::text(key.second),
+                                               sql::integer(receivedAt / 3600),
+                                               sql::integer(sum.first), sql::integer(sum.second)});
+    }
+    c.query("INSERT INTO outcomes (report_id, received_at, area, target, failing) VALUES " + values,
+            params);
+    c.query("INSERT INTO outcome_hours (area, target, hour, reports, failing) VALUES " + totals +
+                " ON CONFLICT (hour, area, target) DO UPDATE"
+                " SET reports = outcome_hours.reports + excluded.reports,"
+                " failing = outcome_hours.failing + excluded.failing",
+            totalParams);
+}
+
+// Takes a report's outcomes out of the hourly totals, and away.
+void dropOutcomes(sql::Conn &c, int64_t id) {
+    c.query("UPDATE outcome_hours SET reports = outcome_hours.reports - o.n,"
+            " failing = outcome_hours.failing - o.f"
+            " FROM (SELECT area, target, received_at / 3600 AS hour, count(*) AS n,"
+            " sum(failing) AS f FROM outcomes WHERE report_id = $1"
+            " GROUP BY area, target, received_at / 3600) AS o"
+            " WHERE outcome_hours.area = o.area AND outcome_hours.target = o.target AND"
+            " outcome_hours.hour = o.hour",
+            {sql::integer(id)});
+    c.query("DELETE FROM outcomes WHERE report_id = $1", {sql::integer(id)});
 }
 
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
@@ -113,7 +177,9 @@ void Store::migrate() {
         if (version == kSchemaVersion)
             return;
         if (version >= 2) {
-            upgradeTo3(d, c);
+            if (version < 3)
+                upgradeTo3(d, c);
+            upgradeTo4(d, c);
             return;
         }
         if (!tableExists(d, c, "reports"))
@@ -164,6 +230,7 @@ void Store::migrate() {
         }
         c.query("CREATE TABLE IF NOT EXISTS kob_meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
         upgradeTo3(d, c);
+        upgradeTo4(d, c);
     });
 }
 
@@ -204,62 +271,19 @@ std::string Store::insert(const NewReport &r) {
         }
         auto rows = c.query(
             "INSERT INTO reports (id, reference, received_at, form_username, report_username,"
-            " summary, peer, size, \"desc\", why) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9,"
-            " $10) RETURNING id",
+            " summary, peer, size, \"desc\", why, rules) VALUES ($1, $2, $3, $4, $5, $6, $7, $8,"
+            " $9, $10, $11) RETURNING id",
             {pg ? sql::integer(id) : sql::null(), pg ? sql::text(ref) : sql::null(),
              sql::integer(r.received_at), sql::optText(formUser), sql::optText(reportUser),
              sql::text(summary), sql::text(peer), sql::integer(static_cast<int64_t>(r.desc.size())),
-             sql::blob(r.desc), sql::optBlob(r.why)});
+             sql::blob(r.desc), sql::optBlob(r.why), sql::integer(r.rules)});
         if (!pg) {
             id = rows.integer(0, 0);
             ref = makeReference(r.received_at, id);
             c.query("UPDATE reports SET reference = $1 WHERE id = $2",
                     {sql::text(ref), sql::integer(id)});
         }
-        if (r.outcomes.empty())
-            return;
-        // All of a report's outcomes in one statement, and its hourly totals
-        // in another: two round trips, whatever the number of targets.  A
-        // target named twice (a report can say anything) is one total.
-        std::vector<std::string> targets;
-        targets.reserve(r.outcomes.size());
-        for (const Outcome &o : r.outcomes)
-            targets.push_back(cleanText(o.target));
-        std::string values, totals;
-        std::vector<sql::Param> params, totalParams;
-        std::map<std::pair<std::string_view, std::string_view>, std::pair<int64_t, int64_t>> sums;
-        for (size_t k = 0; k < r.outcomes.size(); k++) {
-            const Outcome &o = r.outcomes[k];
-            size_t n = params.size();
-            values += std::string(k ? "," : "") + "($" + std::to_string(n + 1) + ",$" +
-                      std::to_string(n + 2) + ",$" + std::to_string(n + 3) + ",$" +
-                      std::to_string(n + 4) + ",$" + std::to_string(n + 5) + ")";
-            params.insert(params.end(),
-                          {sql::integer(id), sql::integer(r.received_at), sql::text(o.area),
-                           sql::text(targets[k]), sql::integer(o.failing ? 1 : 0)});
-            auto &sum = sums[{o.area, targets[k]}];
-            sum.first++;
-            sum.second += o.failing ? 1 : 0;
-        }
-        for (const auto &[key, sum] : sums) {
-            size_t n = totalParams.size();
-            totals += std::string(n ? "," : "") + "($" + std::to_string(n + 1) + ",$" +
-                      std::to_string(n + 2) + ",$" + std::to_string(n + 3) + ",$" +
-                      std::to_string(n + 4) + ",$" + std::to_string(n + 5) + ")";
-            totalParams.insert(totalParams.end(),
-                               {sql::text(key.first), sql::text(key.second),
-                                sql::integer(r.received_at / 3600), sql::integer(sum.first),
-                                sql::integer(sum.second)});
-        }
-        c.query("INSERT INTO outcomes (report_id, received_at, area, target, failing) VALUES " +
-                    values,
-                params);
-        c.query("INSERT INTO outcome_hours (area, target, hour, reports, failing) VALUES " +
-                    totals +
-                    " ON CONFLICT (hour, area, target) DO UPDATE"
-                    " SET reports = outcome_hours.reports + excluded.reports,"
-                    " failing = outcome_hours.failing + excluded.failing",
-                totalParams);
+        addOutcomes(c, id, r.received_at, r.outcomes);
     });
     return ref;
 }
@@ -347,13 +371,7 @@ bool Store::remove(const std::string &reference) {
         found = !rows.empty();
         if (!found)
             return;
-        c.query("UPDATE outcome_hours SET reports = outcome_hours.reports - 1,"
-                " failing = outcome_hours.failing - o.failing"
-                " FROM (SELECT area, target, received_at / 3600 AS hour, failing FROM outcomes"
-                " WHERE report_id = $1) AS o WHERE outcome_hours.area = o.area AND"
-                " outcome_hours.target = o.target AND outcome_hours.hour = o.hour",
-                {sql::integer(rows.integer(0, 0))});
-        c.query("DELETE FROM outcomes WHERE report_id = $1", {sql::integer(rows.integer(0, 0))});
+        dropOutcomes(c, rows.integer(0, 0));
     });
     if (found)
         db_.scrub();
@@ -386,6 +404,69 @@ int64_t Store::expireBefore(std::time_t cutoff) {
     if (done)
         db_.scrub();
     return done;
+}
+
+Store::RetriageStep Store::retriage(int64_t after, int rules,
+                                    const std::function<Triaged(const std::string &)> &triage) {
+    RetriageStep step;
+    step.last_id = after;
+    // A batch is a few hundred reports, or fewer when they are large, so
+    // that memory stays bounded whatever the reports hold.
+    constexpr int64_t kBatchReports = 500, kBatchBytes = 32 << 20;
+    auto heads = db_.read("SELECT id, size FROM reports WHERE id > $1 AND rules < $2 AND"
+                          " raw_expired = 0 ORDER BY id LIMIT $3",
+                          {sql::integer(after), sql::integer(rules), sql::integer(kBatchReports)});
+    if (heads.empty())
+        return step;
+    step.more = true;
+    int64_t bytes = 0, last = heads.integer(0, 0);
+    for (size_t i = 0; i < heads.size() && (i == 0 || bytes + heads.integer(i, 1) <= kBatchBytes);
+         i++) {
+        bytes += heads.integer(i, 1);
+        last = heads.integer(i, 0);
+    }
+    auto rows = db_.read("SELECT id, received_at, \"desc\" FROM reports WHERE id > $1 AND"
+                         " id <= $2 AND rules < $3 AND raw_expired = 0 ORDER BY id",
+                         {sql::integer(after), sql::integer(last), sql::integer(rules)});
+    // The rules run outside the transaction; intake waits only for the
+    // writes.
+    std::vector<Triaged> done;
+    done.reserve(rows.size());
+    for (size_t i = 0; i < rows.size(); i++)
+        done.push_back(triage(rows.str(i, 2)));
+    db_.transaction([&](sql::Conn &c) {
+        for (size_t i = 0; i < rows.size(); i++) {
+            const Triaged &t = done[i];
+            int64_t id = rows.integer(i, 0);
+            std::optional<std::string> user;
+            if (t.report_username)
+                user = cleanText(*t.report_username);
+            // A report deleted, expired or re-triaged by another instance
+            // meanwhile is left as it now is.
+            auto changed = c.query("UPDATE reports SET summary = $1, report_username = $2,"
+                                   " rules = $3 WHERE id = $4 AND rules < $3 AND raw_expired = 0"
+                                   " RETURNING id",
+                                   {sql::text(cleanText(t.summary)), sql::optText(user),
+                                    sql::integer(t.rules), sql::integer(id)});
+            if (changed.empty())
+                continue;
+            dropOutcomes(c, id);
+            addOutcomes(c, id, static_cast<std::time_t>(rows.integer(i, 1)), t.outcomes);
+            step.retriaged++;
+        }
+    });
+    step.last_id = last;
+    return step;
+}
+
+Store::RulesCount Store::countByRules(int rules) {
+    auto rows = db_.read("SELECT raw_expired, count(*) FROM reports WHERE rules < $1"
+                         " GROUP BY raw_expired",
+                         {sql::integer(rules)});
+    RulesCount n;
+    for (size_t i = 0; i < rows.size(); i++)
+        (rows.integer(i, 0) ? n.expired : n.older) += rows.integer(i, 1);
+    return n;
 }
 
 } // namespace kobreportd

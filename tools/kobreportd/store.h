@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,7 @@ struct NewReport {
     std::string summary;                        // the triage's one-line summary
     std::string peer;
     std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
+    int rules = 0;                 // the version of the rules that judged it
 };
 
 struct StoredReport {
@@ -86,6 +88,23 @@ class Store {
     // received before cutoff, keeping their reference, time, user names,
     // summary and findings.  Returns how many were expired.
     int64_t expireBefore(std::time_t cutoff);
+
+    // Re-judges the reports after id `after` whose summary and outcomes
+    // came from rules older than `rules`, one batch in one transaction:
+    // their summary, report user name and outcomes (with the hourly totals)
+    // are replaced.  Reports whose raw text expired keep what they have.
+    struct RetriageStep {
+        int64_t retriaged = 0;
+        int64_t last_id = 0; // where the next batch starts
+        bool more = false;   // false: nothing was left after `after`
+    };
+    RetriageStep retriage(int64_t after, int rules,
+                          const std::function<Triaged(const std::string &)> &triage);
+    struct RulesCount {
+        int64_t older = 0;   // with raw text, so retriage can redo them
+        int64_t expired = 0; // raw text gone: kept as they are
+    };
+    RulesCount countByRules(int rules);
 
   private:
     void migrate();

@@ -1,11 +1,11 @@
 #include "text.h"
 
-#include "kobjson.h"
+#include "kobtriage.h"
 
 namespace kobreportd {
 
 std::string cleanText(std::string_view s) {
-    std::string v = kobjson::utf8(s);
+    std::string v = kobtriage::validUtf8(s);
     std::string out;
     out.reserve(v.size());
     for (char c : v) {
