@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include "kobrules.h"
 #include "kobtriage.h"
 #include "odr.h"
 #include "vsb.h"
@@ -14,13 +15,28 @@
 namespace {
 
 int usage() {
-    std::fprintf(stderr, "usage: kobreport [--json] [--evidence] FILE\n");
+    std::fprintf(stderr, "usage: kobreport [--json] [--evidence] FILE\n"
+                         "       kobreport --rules\n");
     return 1;
 }
 
 } // namespace
 
+// The rule table, for a support engineer who asks what a verdict means.
+int printRules() {
+    std::printf("rules version %d\n", kobtriage::rulesVersion());
+    for (const auto &r : kobtriage::rules())
+        std::printf("\n%.*s (version %d, %s, %.*s)\n  reads %.*s\n  %.*s\n",
+                    static_cast<int>(r.id.size()), r.id.data(), r.version,
+                    kobtriage::levelName(r.level), static_cast<int>(r.area.size()), r.area.data(),
+                    static_cast<int>(r.reads.size()), r.reads.data(),
+                    static_cast<int>(r.meaning.size()), r.meaning.data());
+    return 0;
+}
+
 int main(int argc, char *argv[]) {
+    if (argc == 2 && std::strcmp(argv[1], "--rules") == 0)
+        return printRules();
     bool json = false, evidence = false;
     const char *path = nullptr;
     for (int i = 1; i < argc; i++) {
