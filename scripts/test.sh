@@ -39,7 +39,7 @@ build_and_test build/ci-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang
 
 echo "==> build/ci-fuzz: configure and build the fuzz targets"
 cmake -S . -B build/ci-fuzz -G Ninja -DKOB_WERROR=ON -DCMAKE_C_COMPILER=clang \
-  -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DKOB_FUZZ=ON -DKOB_BUILD_TESTS=OFF \
+  -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOB_FUZZ=ON -DKOB_BUILD_TESTS=OFF \
   -DKOB_BUILD_BENCH=OFF -DKOB_BUILD_SHARED=OFF >/dev/null
 cmake --build build/ci-fuzz -j "$jobs" --target fuzz
 echo "==> build/ci-fuzz: smoke run, 20 s per target"

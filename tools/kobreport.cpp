@@ -64,10 +64,11 @@ int main(int argc, char *argv[]) {
         std::fprintf(stderr, "kobreport: %s: %s\n", path, std::strerror(errno));
         return 1;
     }
-    std::string text(vsb_data(file), static_cast<size_t>(vsb_len(file)));
+    // The triage reads the file's buffer where it lies: a report of
+    // hundreds of megabytes is held once.
+    auto report =
+        kobtriage::parse(std::string_view(vsb_data(file), static_cast<size_t>(vsb_len(file))));
     vsb_delete(file);
-
-    auto report = kobtriage::parse(text);
     if (json) {
         std::printf("%s\n", kobtriage::toJson(report).c_str());
         return 0;

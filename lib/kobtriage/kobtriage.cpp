@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
+#include <functional>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -57,6 +59,46 @@ bool endsWith(sv s, sv p) {
     return s.size() >= p.size() && s.substr(s.size() - p.size()) == p;
 }
 
+// The logs region runs to hundreds of megabytes, and the labels searched
+// for in it are long: Boyer-Moore-Horspool skips up to a label's length at
+// each step instead of stopping at every '=' or '['.
+// Below that many bytes building the skip table costs more than it saves.
+constexpr std::size_t kSkipSearchFrom = 16 * 1024;
+
+std::size_t findIn(sv hay, sv needle, std::size_t from = 0) {
+    if (from > hay.size())
+        return sv::npos;
+    if (hay.size() - from < kSkipSearchFrom)
+        return hay.find(needle, from);
+    auto it = std::search(hay.begin() + static_cast<std::ptrdiff_t>(from), hay.end(),
+                          std::boyer_moore_horspool_searcher(needle.begin(), needle.end()));
+    return it == hay.end() ? sv::npos : static_cast<std::size_t>(it - hay.begin());
+}
+
+// The same from the end: the countdown stands at the very end of an
+// uploaded report, and a file report has none.
+std::size_t rfindIn(sv hay, sv needle) {
+    if (needle.size() > hay.size())
+        return sv::npos;
+    if (hay.size() < kSkipSearchFrom) {
+        // Back from the end by the first character, not at every position.
+        std::size_t end = hay.size() - needle.size() + 1;
+        while (end > 0) {
+            const void *p = memrchr(hay.data(), needle.front(), end);
+            if (!p)
+                break;
+            auto at = static_cast<std::size_t>(static_cast<const char *>(p) - hay.data());
+            if (hay.compare(at, needle.size(), needle) == 0)
+                return at;
+            end = at;
+        }
+        return sv::npos;
+    }
+    auto it = std::search(hay.rbegin(), hay.rend(),
+                          std::boyer_moore_horspool_searcher(needle.rbegin(), needle.rend()));
+    return it == hay.rend() ? sv::npos : static_cast<std::size_t>(hay.rend() - it) - needle.size();
+}
+
 std::optional<int> toInt(sv s) {
     int v = 0;
     if (s.empty())
@@ -89,10 +131,11 @@ SourceLine sourceLine(std::size_t number, sv text) {
 
 // "UDP src --%f ms--> dst(%s:%d)" and its TCP twin.
 bool parseRttLine(sv line, sv proto, ProbeResult &r) {
-    std::string prefix = std::string(proto) + " src --";
-    if (!startsWith(line, prefix) || !endsWith(line, ")"))
+    constexpr sv srcArrow = " src --";
+    if (!startsWith(line, proto) || !startsWith(line.substr(proto.size()), srcArrow) ||
+        !endsWith(line, ")"))
         return false;
-    sv rest = line.substr(prefix.size());
+    sv rest = line.substr(proto.size() + srcArrow.size());
     auto mid = rest.find(" ms--> dst(");
     if (mid == sv::npos)
         return false;
@@ -360,11 +403,30 @@ Heading classify(sv h) {
     return r;
 }
 
+// Line feeds eight bytes at a time: a byte equal to '\n' becomes 0 after
+// the xor, and exactly the zero bytes keep their top bit clear below.
+std::size_t countLineFeeds(sv s) {
+    constexpr uint64_t kOnes7 = 0x7f7f7f7f7f7f7f7fULL, kFeeds = 0x0a0a0a0a0a0a0a0aULL;
+    std::size_t n = 0, i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t w;
+        std::memcpy(&w, s.data() + i, 8);
+        uint64_t x = w ^ kFeeds;
+        uint64_t t = ~(((x & kOnes7) + kOnes7) | x | kOnes7);
+        // One bit per matching byte, summed bytewise by the multiplication.
+        n += static_cast<std::size_t>(((t >> 7) * 0x0101010101010101ULL) >> 56);
+    }
+    for (; i < s.size(); i++)
+        n += s[i] == '\n';
+    return n;
+}
+
 // Lines, split once more where a known heading follows text that had no
 // line feed of its own (a capture whose last line was not terminated); both
 // parts keep the number of the line they share.
 std::vector<Line> splitLines(sv region) {
     std::vector<Line> out;
+    out.reserve(countLineFeeds(region) + 1);
     std::size_t i = 0, number = 0;
     while (i < region.size()) {
         number++;
@@ -398,10 +460,6 @@ std::string joinLines(const std::vector<Line> &lines) {
     return s;
 }
 
-std::string roleKey(Role r) {
-    return std::to_string(static_cast<int>(r));
-}
-
 // Line numbers of offsets into the text, counted forward from the last
 // offset asked for, so that a pass over the logs counts each byte once.
 class LineCounter {
@@ -412,14 +470,7 @@ class LineCounter {
             offset_ = 0;
             line_ = 1;
         }
-        const char *p = text_.data() + offset_, *end = text_.data() + offset;
-        while (p < end) {
-            auto *nl = static_cast<const char *>(std::memchr(p, '\n', end - p));
-            if (!nl)
-                break;
-            line_++;
-            p = nl + 1;
-        }
+        line_ += countLineFeeds(text_.substr(offset_, offset - offset_));
         offset_ = offset;
         return line_;
     }
@@ -446,7 +497,8 @@ class Parser {
     sv text_;
     LineCounter counter_;
     Report r_;
-    std::map<std::string, std::string> roleAddress_;
+    // The first address seen for each server, by role; empty: none yet.
+    std::array<std::string, static_cast<std::size_t>(Role::Jp) + 1> roleAddress_;
     std::vector<Role> tcpRoles_;
 };
 
@@ -459,7 +511,8 @@ void Parser::keepUnknown(sv heading, std::string text) {
 void Parser::finishSection(const Line &headingSource, const Heading &h, std::vector<Line> &body) {
     sv headingLine = headingSource.text;
     const auto &lines = body;
-    SourceLine heading = sourceLine(headingSource.number, headingLine);
+    // Only the probes and captures keep their heading line.
+    auto heading = [&] { return sourceLine(headingSource.number, headingLine); };
     auto unexpected = [&](bool allowEmpty) {
         std::string extra;
         for (const auto &l : body) {
@@ -520,7 +573,7 @@ void Parser::finishSection(const Line &headingSource, const Heading &h, std::vec
         c.command = std::string(h.value);
         c.text = joinLines(body);
         c.lines = body.size();
-        c.heading = heading;
+        c.heading = heading();
         c.first_line = body.empty() ? 0 : body.front().number;
         if (h.value.find("traceroute") != sv::npos)
             r_.traceroute = parseTraceroute(h.value, body);
@@ -530,7 +583,7 @@ void Parser::finishSection(const Line &headingSource, const Heading &h, std::vec
     case Kind::Udp: {
         UdpAttempt a;
         a.number = h.number;
-        a.result.heading = heading;
+        a.result.heading = heading();
         takeProbeLines(lines, true, a.result, r_.popen_lines);
         r_.udp.push_back(std::move(a));
         break;
@@ -538,7 +591,7 @@ void Parser::finishSection(const Line &headingSource, const Heading &h, std::vec
     case Kind::Tcp: {
         TcpProbe p;
         p.heading = std::string(headingLine.substr(kHeading.size()));
-        p.result.heading = heading;
+        p.result.heading = heading();
         p.limit_s = kPublicLimit;
         Role role = Role::None;
         if (h.tcp) {
@@ -573,7 +626,7 @@ void Parser::finishSection(const Line &headingSource, const Heading &h, std::vec
         p.address = std::string(h.value);
         p.port = h.number;
         p.limit_s = kIntranetLimit;
-        p.result.heading = heading;
+        p.result.heading = heading();
         takeProbeLines(lines, false, p.result, r_.popen_lines);
         r_.intranet.push_back(std::move(p));
         break;
@@ -600,25 +653,31 @@ void Parser::parseProbes(sv region) {
     finishSection(headingLine, heading, body);
 }
 
-// The first of the program headings at or after from, with its index.
-std::pair<std::size_t, std::size_t> nextLogHeading(sv region, std::size_t from,
-                                                   std::size_t firstProgram) {
-    std::size_t best = sv::npos, which = kLogPrograms.size();
-    for (std::size_t k = firstProgram; k < kLogPrograms.size(); k++) {
-        auto at = region.find(kLogPrograms[k].heading, from);
-        if (at < best) {
-            best = at;
-            which = k;
-        }
+// The three program headings begin alike; a heading is found by its
+// common beginning and then told apart.
+constexpr sv kLogHeadingStart = "==> Dumping KOB";
+
+// The first heading of a program from firstProgram on, at or after from,
+// with its index; with atLineStart, only one that begins a line.
+std::pair<std::size_t, std::size_t>
+nextLogHeading(sv region, std::size_t from, std::size_t firstProgram, bool atLineStart = false) {
+    for (std::size_t at = findIn(region, kLogHeadingStart, from); at != sv::npos;
+         at = findIn(region, kLogHeadingStart, at + 1)) {
+        if (atLineStart && at > 0 && region[at - 1] != '\n')
+            continue;
+        for (std::size_t k = firstProgram; k < kLogPrograms.size(); k++)
+            if (startsWith(region.substr(at), kLogPrograms[k].heading))
+                return {at, k};
     }
-    return {best, which};
+    return {sv::npos, kLogPrograms.size()};
 }
 
 void Parser::parseLogs(sv region) {
     std::size_t pos = 0;
-    std::size_t first = 0;
+    // The heading after each block is where the next block starts.
+    auto next = nextLogHeading(region, 0, 0);
     while (pos < region.size()) {
-        auto [at, which] = nextLogHeading(region, pos, first);
+        auto [at, which] = next;
         if (at == sv::npos) {
             keepUnknown("", std::string(region.substr(pos)));
             return;
@@ -627,13 +686,10 @@ void Parser::parseLogs(sv region) {
             keepUnknown("", std::string(region.substr(pos, at - pos)));
         const auto &prog = kLogPrograms[which];
         std::size_t start = at + prog.heading.size();
-        auto [end, nextWhich] = nextLogHeading(region, start, which + 1);
-        (void)nextWhich;
-        if (end == sv::npos)
-            end = region.size();
+        next = nextLogHeading(region, start, which + 1);
+        std::size_t end = next.first == sv::npos ? region.size() : next.first;
         sv block = region.substr(start, end - start);
         pos = end;
-        first = which + 1;
         r_.recognised = true;
 
         std::string name(prog.name);
@@ -657,12 +713,16 @@ void Parser::parseLogs(sv region) {
                 log.state = ClientLog::State::Empty;
             } else {
                 log.state = ClientLog::State::Present;
-                log.text = std::string(text);
+                log.text = std::string(text.substr(0, kLogSampleMax));
                 log.size = text.size();
             }
         };
         // The stderr part starts at its label or at its "No ... exists" line.
-        std::size_t errAt = std::min(block.find("[STDERR]\n"), block.find(errMissing));
+        // Whichever comes first; the second is only looked for before the
+        // first.
+        std::size_t errAt = findIn(block, "[STDERR]\n");
+        sv before = errAt == sv::npos ? block : block.substr(0, errAt + errMissing.size() - 1);
+        errAt = std::min(errAt, findIn(before, errMissing));
         sv outPart = block.substr(0, errAt);
         sv errPart = errAt == sv::npos ? sv() : block.substr(errAt);
         if (startsWith(outPart, outMissing) || startsWith(outPart, "[STDOUT]\n"))
@@ -730,21 +790,26 @@ void Parser::parseTail(sv region) {
 void Parser::inferAddresses() {
     // The run prints a target's address only when it answers; the same
     // target answers other probes, or names itself in the traceroute.
+    auto learn = [this](Role role, const std::string &address) {
+        auto &known = roleAddress_[static_cast<std::size_t>(role)];
+        if (known.empty())
+            known = address;
+    };
     for (const auto &a : r_.udp)
         if (a.result.outcome == ProbeResult::Outcome::Answered)
-            roleAddress_.emplace(roleKey(Role::PassThrough), a.result.address);
+            learn(Role::PassThrough, a.result.address);
     for (std::size_t k = 0; k < r_.tcp.size(); k++)
         if (tcpRoles_[k] != Role::None &&
             r_.tcp[k].result.outcome == ProbeResult::Outcome::Answered)
-            roleAddress_.emplace(roleKey(tcpRoles_[k]), r_.tcp[k].result.address);
+            learn(tcpRoles_[k], r_.tcp[k].result.address);
     if (r_.traceroute && !r_.traceroute->destination.empty())
-        roleAddress_.emplace(roleKey(Role::KtIdc), r_.traceroute->destination);
+        learn(Role::KtIdc, r_.traceroute->destination);
     auto fill = [&](ProbeResult &res, Role role) {
         if (!res.address.empty() || role == Role::None)
             return;
-        auto it = roleAddress_.find(roleKey(role));
-        if (it != roleAddress_.end()) {
-            res.address = it->second;
+        const auto &known = roleAddress_[static_cast<std::size_t>(role)];
+        if (!known.empty()) {
+            res.address = known;
             res.address_inferred = true;
         }
     };
@@ -794,7 +859,7 @@ Report Parser::run() {
     sv body = text_;
     // The countdown, when the report was uploaded, closes it; a blank line
     // printed before it ends whatever the last log left unterminated.
-    auto tail = text_.rfind(kTailHeading);
+    auto tail = rfindIn(text_, kTailHeading);
     sv tailRegion;
     if (tail != sv::npos) {
         tailRegion = text_.substr(tail);
@@ -803,16 +868,7 @@ Report Parser::run() {
             end--;
         body = text_.substr(0, end);
     }
-    std::size_t logStart = sv::npos;
-    for (const auto &p : kLogPrograms) {
-        std::size_t at = 0;
-        while ((at = body.find(p.heading, at)) != sv::npos) {
-            if (at == 0 || body[at - 1] == '\n')
-                break;
-            at++;
-        }
-        logStart = std::min(logStart, at);
-    }
+    std::size_t logStart = nextLogHeading(body, 0, 0, true).first;
     parseProbes(body.substr(0, logStart));
     if (logStart != sv::npos)
         parseLogs(body.substr(logStart));

@@ -96,15 +96,19 @@ struct Capture {
     bool empty() const { return text.empty(); }
 };
 
+// How much of each client log a parsed report keeps: the logs of a report
+// may run to hundreds of megabytes, and the report's own text has them all.
+inline constexpr std::size_t kLogSampleMax = 64 * 1024;
+
 struct ClientLog {
     enum class State { Present, Empty, Missing, NotShown };
     std::string program; // kobvane, kobrun, kobflow
     std::string stream;  // stdout, stderr
     std::string file;
     State state = State::NotShown;
-    std::string text; // the log as the report shows it
-    std::size_t size = 0;
-    SourceLine label; // "[STDOUT]", "[STDERR]" or the "No ... exists" line
+    std::string text;     // the log's beginning as the report shows it (kLogSampleMax)
+    std::size_t size = 0; // the whole log's
+    SourceLine label;     // "[STDOUT]", "[STDERR]" or the "No ... exists" line
 };
 
 // A heading the parser does not know, or text outside any heading.

@@ -213,6 +213,18 @@ TEST(Triage, LogCutByAZeroByteLeavesItsStderrUnshown) {
               "warn logs: client logs not shown (dump cut short): kobvane_stderr.txt");
 }
 
+TEST(Triage, ALargeLogIsCountedWholeAndKeptAsItsBeginning) {
+    auto run = reportgen::healthyRun();
+    std::string big(3 * kobtriage::kLogSampleMax + 7, 'x');
+    big.back() = '\n';
+    run.logs["kobrun_stderr.txt"] = big;
+    auto r = parse(reportgen::report(run));
+    ASSERT_EQ(r.logs.size(), 6u);
+    EXPECT_EQ(r.logs[3].size, big.size());
+    EXPECT_EQ(r.logs[3].text, big.substr(0, kobtriage::kLogSampleMax));
+    EXPECT_EQ(r.logs[4].text, "flow up\n");
+}
+
 TEST(Triage, PartialReportSaysWhatIsMissing) {
     std::string text = reportgen::report(reportgen::healthyRun());
     text.resize(text.find("==> Testing UDP pass-through (4 of 5)"));
