@@ -235,6 +235,9 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
 
     auto run = reportgen::healthyRun();
     run.logs["kobvane_stdout.txt"] = script + "\n" + img + "\n" + link + "\n" + sql + "\n";
+    // Failures whose text and evidence lines carry the same.
+    run.tcp[3] = reportgen::tcpFail(61, script + img);
+    run.intranet[2] = reportgen::tcpFail(65, link);
     std::string hostile =
         upload(s, run, script.c_str(), (img + "\n" + link + "\n" + sql + "\n").c_str());
     ASSERT_FALSE(hostile.empty());
@@ -272,6 +275,13 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
     inert(hostile);
     EXPECT_EQ(b.text(b.find(kFormUser)), script);
     EXPECT_EQ(b.text(b.find("#why")), img + "\n" + link + "\n" + sql);
+    // The verdict and the evidence folded under it, as text.
+    std::string shown = b.source();
+    EXPECT_TRUE(has(shown, "TCP 443 to KT IDC failed at once (61 &lt;script&gt;"));
+    EXPECT_TRUE(
+        has(shown, "| connect(2) fail: 61 &lt;script&gt;document.title='pwned'&lt;/script&gt;"))
+        << shown;
+    EXPECT_TRUE(has(shown, "| connect(2) fail: 65 &lt;a href=\"javascript:"));
     std::string raw = b.text(b.find("#raw"));
     EXPECT_TRUE(has(raw, "[STDOUT]\n" + script + "\n" + img + "\n" + link + "\n" + sql + "\n"))
         << raw;

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "reportd.h"
+#include "reportgen.h"
 
 #include <sqlite3.h>
 #include "reportgen.h"
@@ -565,6 +566,37 @@ int fleetBench(const Options &o) {
     }
     std::printf("  30 days hold %lld reports of the UDP pass-through\n", total);
     good = good && total == n;
+    s.stop();
+
+    // Retriage: every report given a lab run's text (one TCP probe failing)
+    // and marked as judged by no known rules, then the command, alone.
+    auto run = reportgen::healthyRun();
+    run.tcp[3] = reportgen::tcpTimeout();
+    std::string text = reportgen::report(run);
+    std::string set = "UPDATE reports SET rules = 0, size = " + std::to_string(text.size());
+    if (o.postgres) {
+        std::string quoted;
+        for (char c : text)
+            quoted += c == '\'' ? std::string("''") : std::string(1, c);
+        db.pg->psql(set + ", \"desc\" = convert_to('" + quoted + "', 'UTF8')");
+    } else {
+        sqlite3 *h = nullptr;
+        sqlite3_open(db.where.c_str(), &h);
+        sqlite3_stmt *st = nullptr;
+        sqlite3_prepare_v2(h, (set + ", \"desc\" = ?").c_str(), -1, &st, nullptr);
+        sqlite3_bind_blob(st, 1, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+        good = good && sqlite3_step(st) == SQLITE_DONE;
+        sqlite3_finalize(st);
+        sqlite3_close(h);
+    }
+    auto r0 = Clock::now();
+    auto re = reportd::command(o.binary, {"retriage", "--db", db.where});
+    double took = secondsSince(r0);
+    std::printf("  retriage of %lld reports of %zu bytes: %.1f s, %.0f reports/s (%s)\n", n,
+                text.size(), took, static_cast<double>(n) / took,
+                re.out.empty() ? re.err.c_str() : re.out.substr(0, re.out.size() - 1).c_str());
+    good = good && re.status == 0 &&
+           re.out.rfind(std::to_string(n) + " reports re-judged", 0) == 0;
     std::printf("  %s\n", good ? "ok" : "FAILED");
     return good ? 0 : 1;
 }
