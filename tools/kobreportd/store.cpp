@@ -1,7 +1,9 @@
 #include "store.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
+#include <tuple>
 
 #include "kobtriage.h"
 #include "mask.h"
@@ -434,6 +436,24 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
     done.reserve(rows.size());
     for (size_t i = 0; i < rows.size(); i++)
         done.push_back(triage(rows.str(i, 2)));
+    // New rules seldom change what a report found, only what is said of it:
+    // outcomes that stay the same are not written again.
+    auto old = db_.read("SELECT report_id, area, target, failing FROM outcomes WHERE"
+                        " report_id > $1 AND report_id <= $2",
+                        {sql::integer(after), sql::integer(last)});
+    using Key = std::tuple<std::string, std::string, bool>;
+    std::map<int64_t, std::vector<Key>> kept;
+    for (size_t i = 0; i < old.size(); i++)
+        kept[old.integer(i, 0)].emplace_back(old.str(i, 1), old.str(i, 2), old.integer(i, 3) != 0);
+    auto same = [&kept](int64_t id, const std::vector<Outcome> &now) {
+        std::vector<Key> next;
+        for (const Outcome &o : now)
+            next.emplace_back(o.area, cleanText(o.target), o.failing);
+        auto &was = kept[id];
+        std::sort(was.begin(), was.end());
+        std::sort(next.begin(), next.end());
+        return was == next;
+    };
     db_.transaction([&](sql::Conn &c) {
         for (size_t i = 0; i < rows.size(); i++) {
             const Triaged &t = done[i];
@@ -450,9 +470,11 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
                                     sql::integer(t.rules), sql::integer(id)});
             if (changed.empty())
                 continue;
+            step.retriaged++;
+            if (same(id, t.outcomes))
+                continue;
             dropOutcomes(c, id);
             addOutcomes(c, id, static_cast<std::time_t>(rows.integer(i, 1)), t.outcomes);
-            step.retriaged++;
         }
     });
     step.last_id = last;
