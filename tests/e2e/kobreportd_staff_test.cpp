@@ -528,9 +528,11 @@ TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
               std::string::npos)
         << page.body;
     // The kept verdicts still show their rule and evidence.
-    EXPECT_NE(page.body.find("<td>UDP pass-through blocked (5/5 timeouts)<details "
-                             "class=\"evidence\"><summary>udp.blocked (version 1)</summary>"),
-              std::string::npos)
+    EXPECT_NE(
+        page.body.find("<td>UDP pass-through blocked (5/5 timeouts)<details "
+                       "class=\"evidence\"><summary>rule udp.blocked (version 1), 5 lines of the "
+                       "report</summary>"),
+        std::string::npos)
         << page.body;
     EXPECT_EQ(value("SELECT length(why) FROM reports WHERE reference = '" + oldRef + "'"),
               "<none>");

@@ -150,9 +150,14 @@ void fact(Html &b, const char *k, const std::string &v) {
 Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> &lines) {
     Html b;
     const kobtriage::Rule *known = kobtriage::findRule(rule);
-    b << "<details class=\"evidence\"><summary>" << text(rule.empty() ? "(no rule)" : rule);
+    b << "<details class=\"evidence\"><summary>rule " << text(rule.empty() ? "(none)" : rule);
     if (known)
         b << " (version " << known->version << ")";
+    b << ", " << lines.size();
+    if (lines.size() == 1)
+        b << " line of the report";
+    else
+        b << " lines of the report";
     b << "</summary>";
     if (known)
         b << "<p>" << text(known->meaning) << "</p>";
