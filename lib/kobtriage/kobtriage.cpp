@@ -63,7 +63,7 @@ bool endsWith(sv s, sv p) {
 // for in it are long: Boyer-Moore-Horspool skips up to a label's length at
 // each step instead of stopping at every '=' or '['.
 // Below that many bytes building the skip table costs more than it saves.
-constexpr std::size_t kSkipSearchFrom = 16 * 1024;
+constexpr std::size_t kSkipSearchFrom = std::size_t{16} * 1024;
 
 std::size_t findIn(sv hay, sv needle, std::size_t from = 0) {
     if (from > hay.size())

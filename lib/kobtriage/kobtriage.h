@@ -98,7 +98,7 @@ struct Capture {
 
 // How much of each client log a parsed report keeps: the logs of a report
 // may run to hundreds of megabytes, and the report's own text has them all.
-inline constexpr std::size_t kLogSampleMax = 64 * 1024;
+inline constexpr std::size_t kLogSampleMax = std::size_t{64} * 1024;
 
 struct ClientLog {
     enum class State { Present, Empty, Missing, NotShown };

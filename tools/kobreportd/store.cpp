@@ -447,6 +447,7 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
         kept[old.integer(i, 0)].emplace_back(old.str(i, 1), old.str(i, 2), old.integer(i, 3) != 0);
     auto same = [&kept](int64_t id, const std::vector<Outcome> &now) {
         std::vector<Key> next;
+        next.reserve(now.size());
         for (const Outcome &o : now)
             next.emplace_back(o.area, cleanText(o.target), o.failing);
         auto &was = kept[id];
