@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cctype>
 #include <condition_variable>
+#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <span>
@@ -225,22 +226,31 @@ class SqliteDb : public Db {
         auto *s = static_cast<SqliteDb *>(self);
         int64_t bytes = int64_t{pages} * s->walPage_;
         if (bytes >= kWalLimit) {
-            // The thread has fallen far behind: the writer helps, as SQLite
-            // would on its own.
+            // The thread has been kept waiting too long: the writer does it,
+            // as SQLite would on its own.
             sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
         } else if (bytes >= kWalCheckpoint) {
             std::lock_guard<std::mutex> lock(s->checkpointMutex_);
+            s->walBytes_ = bytes;
+            s->lastCommit_ = std::chrono::steady_clock::now();
             s->checkpointDue_ = true;
             s->checkpointWanted_.notify_one();
         }
         return SQLITE_OK;
     }
 
+    // A checkpoint writes every page a second time, now into the database
+    // file: during a burst of uploads it would halve the disk's speed for
+    // the commits that answers wait for.  So it waits for a pause in the
+    // commits, unless the log has grown large.
     void checkpoints() {
         std::unique_ptr<Handle> h;
         std::unique_lock<std::mutex> lock(checkpointMutex_);
         for (;;) {
             checkpointWanted_.wait(lock, [this] { return checkpointDue_ || stopping_; });
+            while (!stopping_ && walBytes_ < kWalBusyLimit &&
+                   std::chrono::steady_clock::now() - lastCommit_ < kQuiet)
+                checkpointWanted_.wait_until(lock, lastCommit_ + kQuiet);
             if (stopping_)
                 return;
             checkpointDue_ = false;
@@ -259,7 +269,9 @@ class SqliteDb : public Db {
     }
 
     static constexpr int64_t kWalCheckpoint = int64_t{16} << 20;
-    static constexpr int64_t kWalLimit = int64_t{512} << 20;
+    static constexpr int64_t kWalBusyLimit = int64_t{256} << 20;
+    static constexpr auto kQuiet = std::chrono::milliseconds(200);
+    static constexpr int64_t kWalLimit = int64_t{1} << 30;
 
     // A reader connection from the pool for the time of one query.
     struct Reader {
@@ -292,6 +304,8 @@ class SqliteDb : public Db {
     std::mutex checkpointMutex_;
     std::condition_variable checkpointWanted_;
     bool checkpointDue_ = false, stopping_ = false;
+    int64_t walBytes_ = 0;
+    std::chrono::steady_clock::time_point lastCommit_;
     std::thread checkpointer_;
 };
 
