@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <thread>
 #include <tuple>
 
 #include "kobtriage.h"
@@ -264,14 +265,19 @@ std::string Store::insert(const NewReport &r) {
     Pending mine{&r, {}, {}, false};
     std::unique_lock<std::mutex> lock(groupMutex_);
     queue_.push_back(&mine);
+    // SQLite writes one transaction at a time anyway; PostgreSQL's server
+    // stores each on a process of its own, so one per core can run at once.
+    const int most = db_.dialect() == sql::Dialect::Postgres
+                         ? static_cast<int>(std::max(2u, std::thread::hardware_concurrency()))
+                         : 1;
     while (!mine.done) {
-        if (committing_) {
+        if (committers_ >= most || queue_.empty()) {
             groupDone_.wait(lock);
             continue;
         }
-        // Nobody is committing: this thread commits everything queued,
-        // its own report among it.
-        committing_ = true;
+        // This thread commits what is queued, its own report among it
+        // unless another committer has taken that already.
+        committers_++;
         // A bounded batch: its reports wait for its whole commit.
         size_t take = 0, bytes = 0;
         while (take < queue_.size() && (take == 0 || bytes < kCommitBytes))
@@ -281,7 +287,7 @@ std::string Store::insert(const NewReport &r) {
         lock.unlock();
         commit(batch);
         lock.lock();
-        committing_ = false;
+        committers_--;
         for (Pending *p : batch)
             p->done = true;
         groupDone_.notify_all();

@@ -69,7 +69,7 @@ class Store {
     sql::Db &db() { return db_; }
 
     // Stores the report durably; returns its reference.  Throws StoreError.
-    // Reports handed in while another batch is being committed are
+    // Reports handed in while earlier ones are being committed are
     // committed together in the next transaction: one sync to disk for
     // all of them, and none returns before its commit.
     std::string insert(const NewReport &r);
@@ -125,7 +125,7 @@ class Store {
     std::mutex groupMutex_;
     std::condition_variable groupDone_;
     std::vector<Pending *> queue_;
-    bool committing_ = false;
+    int committers_ = 0;
 };
 
 // "KOB-YYYYMMDD-NNNNNN": the day of receipt (UTC) and the report's number.
