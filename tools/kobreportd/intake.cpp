@@ -9,8 +9,8 @@
 #include <map>
 #include <netinet/in.h>
 #include <poll.h>
-#include <thread>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include "clock.h"

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <condition_variable>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <span>
@@ -158,9 +158,8 @@ class HandleConn : public Conn {
 class SqliteDb : public Db {
   public:
     explicit SqliteDb(std::string path) : path_(std::move(path)), writer_(path_) {
-        // Only a new, empty file takes it.  Reports are mostly text of a
-        // megabyte or more: large pages store them in fewer pieces, and a
-        // commit writes its few small rows' pages no more often than before.
+        // Only a new, empty file takes it.  Reports run to a megabyte and
+        // more: in large pages one is a few pieces instead of hundreds.
         writer_.exec("PRAGMA page_size=65536");
         writer_.exec("PRAGMA journal_mode=WAL");
         walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, 0);
