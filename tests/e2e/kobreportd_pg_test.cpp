@@ -60,6 +60,45 @@ TEST(ReportdPostgres, TwoInstancesShareOneDatabase) {
     EXPECT_EQ(again.signedIn().get("/").status, 200);
 }
 
+// Large reports with every byte value and small ones, sent together and
+// committed in batches side by side: each lands whole under its own number,
+// stored with the faster compression.
+TEST(ReportdPostgres, ReportsSentTogetherAreStoredWholeEachUnderItsOwnReference) {
+    reportd::Postgres pg;
+    if (!pg.available())
+        GTEST_SKIP() << pg.reason();
+    reportd::Server s(KOBREPORTD_BIN, pg.url(), {"--max-body", "20000000"});
+    const std::vector<size_t> sizes = {1, 300u << 10, 7, (3u << 20) + 3, 4096, 262145};
+    std::vector<std::string> descs, refs(sizes.size());
+    for (size_t i = 0; i < sizes.size(); i++) {
+        std::string d(sizes[i], '\0');
+        unsigned x = static_cast<unsigned>(i) * 2654435761u + 7;
+        for (char &c : d) {
+            x = x * 1103515245u + 12345u;
+            // Half of it repeats, so that it is worth compressing.
+            c = static_cast<char>(x & 0x100 ? 'a' : (x >> 16) & 0xff);
+        }
+        descs.push_back(d);
+    }
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < sizes.size(); i++)
+        threads.emplace_back(
+            [&, i] { refs[i] = reportd::reference(reportd::upload(s.port(), descs[i])); });
+    for (auto &t : threads)
+        t.join();
+    std::set<std::string> unique(refs.begin(), refs.end());
+    EXPECT_EQ(unique.size(), sizes.size());
+    for (size_t i = 0; i < sizes.size(); i++) {
+        SCOPED_TRACE(sizes[i]);
+        auto raw = s.api("/api/reports/" + refs[i] + "/raw?reveal=1");
+        EXPECT_EQ(raw.status, 200);
+        EXPECT_TRUE(raw.body == descs[i]) << raw.body.size();
+    }
+    EXPECT_EQ(pg.psql("SELECT pg_column_compression(\"desc\") FROM reports WHERE size = " +
+                      std::to_string((3u << 20) + 3)),
+              "lz4\n");
+}
+
 TEST(ReportdPostgres, UnreachableDatabaseAtStartExitsOne) {
     int port = reportd::freePort();
     auto r = kobtest::runProgram({KOBREPORTD_BIN, "--listen", "127.0.0.1:0", "--db",

@@ -68,6 +68,8 @@ TEST_F(Reportd, PrintsOneReadyLineWithItsAddresses) {
                                           std::to_string(intakeOnly.port()) + "/\n");
     EXPECT_TRUE(kobtest::fileExists(db));
     EXPECT_EQ(sqlValue(db, "PRAGMA journal_mode"), "wal");
+    // A new file is made with large pages, for reports of a megabyte.
+    EXPECT_EQ(sqlValue(db, "PRAGMA page_size"), "65536");
 }
 
 TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
@@ -414,6 +416,106 @@ TEST_F(Reportd, ABurstOfUploadsIsAllAnsweredWithUniqueReferences) {
     EXPECT_EQ(unique.count(""), 0u);
     EXPECT_EQ(unique.size(), static_cast<size_t>(kClients));
     EXPECT_EQ(sqlValue(db, "SELECT count(DISTINCT desc) FROM reports"), std::to_string(kClients));
+}
+
+// Every byte value, in a text that does not repeat with a short period, so
+// that a piece stored out of place or twice shows.
+std::string binaryReport(size_t size, unsigned seed) {
+    std::string s(size, '\0');
+    unsigned x = seed * 2654435761u + 7;
+    for (size_t i = 0; i < size; i++) {
+        x = x * 1103515245u + 12345u;
+        s[i] = static_cast<char>((x >> 16) & 0xff);
+    }
+    return s;
+}
+
+// Reports large and small, sent together, each under its own reference:
+// the large ones reach the database in pieces, and uploads that arrive
+// together are committed together.
+TEST_F(Reportd, ReportsSentTogetherAreStoredWholeEachUnderItsOwnReference) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--max-body", "20000000"});
+    const std::vector<size_t> sizes = {1,    300u << 10, 7,      (5u << 20) + 3,
+                                       4096, 262144,     262145, (1u << 20) - 1};
+    std::vector<std::string> descs, refs(sizes.size());
+    for (size_t i = 0; i < sizes.size(); i++)
+        descs.push_back(binaryReport(sizes[i], static_cast<unsigned>(i)));
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < sizes.size(); i++)
+        threads.emplace_back(
+            [&, i] { refs[i] = reportd::reference(reportd::upload(s.port(), descs[i])); });
+    for (auto &t : threads)
+        t.join();
+    std::set<std::string> unique(refs.begin(), refs.end());
+    EXPECT_EQ(unique.size(), sizes.size());
+    for (size_t i = 0; i < sizes.size(); i++) {
+        SCOPED_TRACE(sizes[i]);
+        ASSERT_FALSE(refs[i].empty());
+        auto raw = s.api("/api/reports/" + refs[i] + "/raw?reveal=1");
+        EXPECT_EQ(raw.status, 200);
+        EXPECT_TRUE(raw.body == descs[i]) << raw.body.size();
+        EXPECT_EQ(sqlValue(db, "SELECT size FROM reports WHERE reference = '" + refs[i] + "'"),
+                  std::to_string(sizes[i]));
+    }
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), std::to_string(sizes.size()));
+}
+
+// A number once given is never given again, not even after the newest
+// report was deleted and the server restarted.
+TEST_F(Reportd, TheNumberOfADeletedReportIsNotGivenAgain) {
+    std::string second;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        EXPECT_EQ(reportd::reference(reportd::upload(s.port(), "one\n")),
+                  "KOB-" + today() + "-000001");
+        second = reportd::reference(reportd::upload(s.port(), "two\n"));
+        EXPECT_EQ(second, "KOB-" + today() + "-000002");
+        EXPECT_EQ(s.api("/api/reports/" + second, "DELETE").status, 200);
+        EXPECT_EQ(reportd::reference(reportd::upload(s.port(), "three\n")),
+                  "KOB-" + today() + "-000003");
+        EXPECT_EQ(s.api("/api/reports/KOB-" + today() + "-000003", "DELETE").status, 200);
+        EXPECT_EQ(s.stop(), 0);
+    }
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::reference(reportd::upload(s.port(), "four\n")),
+              "KOB-" + today() + "-000004");
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "2");
+}
+
+// A client that stops sending in the middle of a large report, or goes
+// away, leaves nothing stored, and the server goes on.
+TEST_F(Reportd, ALargeReportCutOffMidBodyIsNotStored) {
+    reportd::Server s(KOBREPORTD_BIN, db,
+                      {"--read-timeout", "1", "--request-timeout", "30", "--max-body", "20000000"});
+    std::string body = reportgen::body(binaryReport(3u << 20, 1), std::nullopt, std::nullopt);
+    std::string head = reportgen::head("h", body.size());
+    // Silent after two thirds: the read time limit ends it.
+    auto r = reportd::exchange(s.port(), {head, body.substr(0, body.size() * 2 / 3)}, 20);
+    EXPECT_EQ(r.status, 408) << r.raw;
+    // Gone after two thirds: the end of the stream ends it at once.
+    struct sockaddr_in a {};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<uint16_t>(s.port()));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    std::string part = head + body.substr(0, body.size() * 2 / 3);
+    for (size_t off = 0; off < part.size();) {
+        ssize_t n = send(fd, part.data() + off, part.size() - off, MSG_NOSIGNAL);
+        ASSERT_GT(n, 0);
+        off += static_cast<size_t>(n);
+    }
+    shutdown(fd, SHUT_WR);
+    std::string raw;
+    char buf[4096];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
+        raw.append(buf, static_cast<size_t>(n));
+    close(fd);
+    EXPECT_EQ(reportd::parse(raw).status, 400) << raw;
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "0");
+    EXPECT_EQ(reportd::upload(s.port(), "after\n").status, 200);
+    EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "1");
 }
 
 TEST_F(Reportd, UploadsPerAddressAreLimitedAndAnswered429WithRetryAfter) {

@@ -101,9 +101,10 @@ int load(const Options &o) {
     std::string name = "server on port " + std::to_string(port);
     if (!port) {
         db = std::make_unique<Database>(o.postgres);
-        s = std::make_unique<reportd::Server>(
-            o.binary, db->where,
-            std::vector<std::string>{"--threads", "64", "--max-body", "200000000"});
+        s = std::make_unique<reportd::Server>(o.binary, db->where,
+                                              // Its workers as it sizes them for the machine; only
+                                              // the body limit is raised, for the 64 MiB upload.
+                                              std::vector<std::string>{"--max-body", "200000000"});
         port = s->port();
         name = "kobreportd, " + db->name;
     }

@@ -1,5 +1,6 @@
 #include "intake.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cmath>
@@ -9,6 +10,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include "clock.h"
@@ -47,9 +49,8 @@ class DeadlineStream : public httplib::Stream {
             pos_ += n;
             return static_cast<ssize_t>(n);
         }
-        if (!wait(POLLIN))
-            return -1;
-        // The head is read a byte at a time; fill a buffer so that is cheap.
+        // The head is read a byte at a time and the body in small pieces;
+        // fill a buffer so that is cheap.
         if (size < sizeof buf_) {
             ssize_t n = recvSome(buf_, sizeof buf_);
             if (n <= 0)
@@ -100,11 +101,22 @@ class DeadlineStream : public httplib::Stream {
     socket_t socket() const override { return sock_; }
 
   private:
+    // What has arrived is taken at once; only an empty socket is waited
+    // for, so a body streaming in costs one call per buffer, not two.
     ssize_t recvSome(char *p, size_t size) {
         for (;;) {
-            ssize_t n = ::recv(sock_, p, size, 0);
+            if (Clock::now() >= deadline_) {
+                tl_timedOut = true;
+                return -1;
+            }
+            ssize_t n = ::recv(sock_, p, size, MSG_DONTWAIT);
             if (n < 0 && errno == EINTR)
                 continue;
+            if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+                if (!wait(POLLIN))
+                    return -1;
+                continue;
+            }
             return n;
         }
     }
@@ -161,7 +173,7 @@ class DeadlineStream : public httplib::Stream {
     bool failed_ = false;
     Clock::time_point deadline_;
     Clock::duration ioTimeout_;
-    char buf_[16384] = {};
+    char buf_[65536] = {};
     size_t pos_ = 0, len_ = 0;
 };
 
@@ -209,6 +221,11 @@ bool strictLength(const std::string &s, size_t &out) {
 constexpr const char *kUploadPath = "/report/problem.php";
 
 } // namespace
+
+int threadsForThisMachine() {
+    unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    return static_cast<int>(std::clamp(8 * cores, 16u, 64u));
+}
 
 int RateLimiter::take(const std::string &address) {
     if (rate_ <= 0)

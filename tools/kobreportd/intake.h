@@ -19,11 +19,16 @@
 
 namespace kobreportd {
 
+// Intake workers for this machine: eight per core, at least 16 so that a few
+// slow senders do not hold up everyone, at most 64.  More would only crowd
+// the cores that receive, triage and commit the reports.
+int threadsForThisMachine();
+
 struct Limits {
     size_t max_body = 64u << 20;
     int read_timeout_s = 10;     // for any one read or write
     int request_timeout_s = 120; // for the whole request, head and body
-    int threads = 64;
+    int threads = threadsForThisMachine();
     int rate_per_minute = 30; // uploads per source address; 0: no limit
     int max_inflight = 64;    // uploads being received at once
 };

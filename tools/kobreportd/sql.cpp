@@ -15,6 +15,10 @@ int64_t Rows::integer(size_t r, size_t c) const {
     return v;
 }
 
+void Conn::fillBlob(const char *, const char *, int64_t, std::string_view) {
+    throw StoreError("incremental blob writes are SQLite's");
+}
+
 Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {
     Rows rows;
     transaction([&](Conn &c) { rows = c.query(sql, params); });

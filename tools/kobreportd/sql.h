@@ -90,6 +90,11 @@ class Conn {
     Rows query(std::string_view sql, const std::vector<Param> &params) {
         return run(sql, params.data(), params.size());
     }
+    // SQLite only: writes data into a blob column of one row that was
+    // inserted with zeroblob() of the same length, a piece at a time, so
+    // that a large value is not first copied whole into a record.
+    virtual void fillBlob(const char *table, const char *column, int64_t rowid,
+                          std::string_view data);
 
   protected:
     virtual Rows run(std::string_view sql, const Param *params, size_t count) = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <thread>
 #include <tuple>
 
 #include "kobtriage.h"
@@ -149,6 +150,12 @@ StoredReport fromRow(const sql::Rows &r, size_t i) {
     return s;
 }
 
+// A commit takes the reports waiting for it up to about this many bytes.
+constexpr size_t kCommitBytes = size_t{8} << 20;
+
+// Above this size SQLite is handed the report in pieces.
+constexpr size_t kPieceWiseFrom = size_t{256} << 10;
+
 } // namespace
 
 std::unique_ptr<sql::Db> openDatabase(const std::string &name) {
@@ -255,38 +262,102 @@ bool plausibleReference(const std::string &s) {
 }
 
 std::string Store::insert(const NewReport &r) {
+    Pending mine{&r, {}, {}, false};
+    std::unique_lock<std::mutex> lock(groupMutex_);
+    queue_.push_back(&mine);
+    // SQLite writes one transaction at a time anyway; PostgreSQL's server
+    // stores each on a process of its own, so one per core can run at once.
+    const int most = db_.dialect() == sql::Dialect::Postgres
+                         ? static_cast<int>(std::max(2u, std::thread::hardware_concurrency()))
+                         : 1;
+    while (!mine.done) {
+        if (committers_ >= most || queue_.empty()) {
+            groupDone_.wait(lock);
+            continue;
+        }
+        // This thread commits what is queued, its own report among it
+        // unless another committer has taken that already.
+        committers_++;
+        // A bounded batch: its reports wait for its whole commit.
+        size_t take = 0, bytes = 0;
+        while (take < queue_.size() && (take == 0 || bytes < kCommitBytes))
+            bytes += queue_[take++]->report->desc.size();
+        std::vector<Pending *> batch(queue_.begin(), queue_.begin() + static_cast<long>(take));
+        queue_.erase(queue_.begin(), queue_.begin() + static_cast<long>(take));
+        lock.unlock();
+        commit(batch);
+        lock.lock();
+        committers_--;
+        for (Pending *p : batch)
+            p->done = true;
+        groupDone_.notify_all();
+    }
+    if (mine.error)
+        throw StoreError(*mine.error);
+    return mine.reference;
+}
+
+void Store::commit(const std::vector<Pending *> &batch) {
+    auto alone = [this](Pending *p) {
+        try {
+            db_.transaction([&](sql::Conn &c) { p->reference = insertOne(c, *p->report); });
+            p->error.reset();
+        } catch (const std::exception &e) {
+            p->error = e.what();
+        }
+    };
+    if (batch.size() == 1) {
+        alone(batch[0]);
+        return;
+    }
+    try {
+        db_.transaction([&](sql::Conn &c) {
+            for (Pending *p : batch)
+                p->reference = insertOne(c, *p->report);
+        });
+        return;
+    } catch (const std::exception &) {
+        // Rolled back whole; each again on its own, so that one report the
+        // database refuses does not cost the others theirs.
+    }
+    for (Pending *p : batch)
+        alone(p);
+}
+
+std::string Store::insertOne(sql::Conn &c, const NewReport &r) {
     std::optional<std::string> formUser, reportUser;
     if (r.form_username)
         formUser = cleanText(*r.form_username);
     if (r.report_username)
         reportUser = cleanText(*r.report_username);
     std::string summary = cleanText(r.summary), peer = cleanText(r.peer);
-    std::string ref;
     bool pg = db_.dialect() == sql::Dialect::Postgres;
-    db_.transaction([&](sql::Conn &c) {
-        int64_t id = 0;
-        if (pg) {
-            // The number comes from the table's sequence, so references stay
-            // unique across instances sharing the database.
-            id = c.query("SELECT nextval(pg_get_serial_sequence('reports', 'id'))").integer(0, 0);
-            ref = makeReference(r.received_at, id);
-        }
-        auto rows = c.query(
-            "INSERT INTO reports (id, reference, received_at, form_username, report_username,"
-            " summary, peer, size, \"desc\", why, rules) VALUES ($1, $2, $3, $4, $5, $6, $7, $8,"
-            " $9, $10, $11) RETURNING id",
-            {pg ? sql::integer(id) : sql::null(), pg ? sql::text(ref) : sql::null(),
-             sql::integer(r.received_at), sql::optText(formUser), sql::optText(reportUser),
-             sql::text(summary), sql::text(peer), sql::integer(static_cast<int64_t>(r.desc.size())),
-             sql::blob(r.desc), sql::optBlob(r.why), sql::integer(r.rules)});
-        if (!pg) {
-            id = rows.integer(0, 0);
-            ref = makeReference(r.received_at, id);
-            c.query("UPDATE reports SET reference = $1 WHERE id = $2",
-                    {sql::text(ref), sql::integer(id)});
-        }
-        addOutcomes(c, id, r.received_at, r.outcomes);
-    });
+    // The number is known before the row is written, so the row is
+    // written once, reference and all: rewriting it would write the
+    // report a second time.  PostgreSQL takes it from the table's sequence,
+    // unique across instances sharing the database; SQLite's writer holds
+    // the database alone until its commit, so the next number is its own.
+    int64_t id =
+        pg ? c.query("SELECT nextval(pg_get_serial_sequence('reports', 'id'))").integer(0, 0)
+           : c.query("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name ="
+                     " 'reports'), 0), coalesce((SELECT max(id) FROM reports), 0)) + 1")
+                 .integer(0, 0);
+    std::string ref = makeReference(r.received_at, id);
+    // A large report goes into SQLite in pieces, not through one record
+    // holding a second copy of it.
+    bool pieces = !pg && r.desc.size() > kPieceWiseFrom;
+    c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
+            " summary, peer, size, \"desc\", why, rules) VALUES ($1, $2, $3, $4, $5, $6, $7,"
+            " $8, " +
+                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11)",
+            {sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
+             sql::optText(reportUser), sql::text(summary), sql::text(peer),
+             sql::integer(static_cast<int64_t>(r.desc.size())),
+             pieces ? sql::integer(static_cast<int64_t>(r.desc.size())) : sql::blob(r.desc),
+             sql::optBlob(r.why), sql::integer(r.rules)});
+    if (pieces)
+        c.fillBlob("reports", "desc", id, r.desc);
+    addOutcomes(c, id, r.received_at, r.outcomes);
     return ref;
 }
 

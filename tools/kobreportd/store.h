@@ -6,10 +6,12 @@
 #ifndef KOBREPORTD_STORE_H
 #define KOBREPORTD_STORE_H
 
+#include <condition_variable>
 #include <cstdint>
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,6 +69,9 @@ class Store {
     sql::Db &db() { return db_; }
 
     // Stores the report durably; returns its reference.  Throws StoreError.
+    // Reports handed in while earlier ones are being committed are
+    // committed together in the next transaction: one sync to disk for
+    // all of them, and none returns before its commit.
     std::string insert(const NewReport &r);
     std::optional<StoredReport> get(const std::string &reference);
     // Newest first.  query matches a reference (whole or its beginning) or
@@ -107,8 +112,20 @@ class Store {
     RulesCount countByRules(int rules);
 
   private:
+    struct Pending {
+        const NewReport *report;
+        std::string reference;
+        std::optional<std::string> error;
+        bool done = false;
+    };
     void migrate();
+    void commit(const std::vector<Pending *> &batch);
+    std::string insertOne(sql::Conn &c, const NewReport &r);
     sql::Db &db_;
+    std::mutex groupMutex_;
+    std::condition_variable groupDone_;
+    std::vector<Pending *> queue_;
+    int committers_ = 0;
 };
 
 // "KOB-YYYYMMDD-NNNNNN": the day of receipt (UTC) and the report's number.

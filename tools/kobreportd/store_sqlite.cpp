@@ -5,10 +5,15 @@
 
 #include "sql.h"
 
+#include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <mutex>
 #include <span>
 #include <sqlite3.h>
+#include <thread>
 
 namespace kobreportd::sql {
 
@@ -33,6 +38,7 @@ class Handle {
         exec("PRAGMA secure_delete=ON");
     }
     ~Handle() { sqlite3_close(db_); }
+    sqlite3 *raw() { return db_; }
     Handle(const Handle &) = delete;
     Handle &operator=(const Handle &) = delete;
 
@@ -110,7 +116,25 @@ class Handle {
         return rows;
     }
 
+    void fillBlob(const char *table, const char *column, int64_t rowid, std::string_view data) {
+        sqlite3_blob *b = nullptr;
+        if (sqlite3_blob_open(db_, "main", table, column, rowid, 1, &b) != SQLITE_OK) {
+            std::string msg = sqlite3_errmsg(db_);
+            sqlite3_blob_close(b);
+            throw StoreError("blob open: " + msg);
+        }
+        std::unique_ptr<sqlite3_blob, int (*)(sqlite3_blob *)> guard(b, sqlite3_blob_close);
+        for (size_t off = 0; off < data.size();) {
+            size_t n = std::min(data.size() - off, kBlobPiece);
+            if (sqlite3_blob_write(b, data.data() + off, static_cast<int>(n),
+                                   static_cast<int>(off)) != SQLITE_OK)
+                throw StoreError(std::string("blob write: ") + sqlite3_errmsg(db_));
+            off += n;
+        }
+    }
+
   private:
+    static constexpr size_t kBlobPiece = size_t{1} << 20;
     sqlite3 *db_ = nullptr;
 };
 
@@ -122,6 +146,10 @@ class HandleConn : public Conn {
     Rows run(std::string_view sql, const Param *params, size_t count) override {
         return h_.query(sql, params, count);
     }
+    void fillBlob(const char *table, const char *column, int64_t rowid,
+                  std::string_view data) override {
+        h_.fillBlob(table, column, rowid, data);
+    }
 
   private:
     Handle &h_;
@@ -130,8 +158,31 @@ class HandleConn : public Conn {
 class SqliteDb : public Db {
   public:
     explicit SqliteDb(std::string path) : path_(std::move(path)), writer_(path_) {
+        // Only a new, empty file takes it.  Reports run to a megabyte and
+        // more: in large pages one is a few pieces instead of hundreds.
+        writer_.exec("PRAGMA page_size=65536");
         writer_.exec("PRAGMA journal_mode=WAL");
+        walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, 0);
+        // A batch of reports is committed whole: its pages stay in memory
+        // until the commit instead of spilling into the log on the way.
+        writer_.exec("PRAGMA cache_size=-16384");
+        // Folding the log back into the file (a checkpoint) copies every
+        // page written since the last one.  A thread of its own does it, so
+        // that a commit, which every waiting upload waits for, does not.
+        sqlite3_wal_hook(writer_.raw(), &SqliteDb::walGrew, this);
+        checkpointer_ = std::thread([this] { checkpoints(); });
     }
+
+    ~SqliteDb() override {
+        {
+            std::lock_guard<std::mutex> lock(checkpointMutex_);
+            stopping_ = true;
+        }
+        checkpointWanted_.notify_one();
+        checkpointer_.join();
+    }
+    SqliteDb(const SqliteDb &) = delete;
+    SqliteDb &operator=(const SqliteDb &) = delete;
 
     Dialect dialect() const override { return Dialect::Sqlite; }
 
@@ -169,6 +220,58 @@ class SqliteDb : public Db {
     }
 
   private:
+    // After each commit, with the number of pages in the log.
+    static int walGrew(void *self, sqlite3 *db, const char *, int pages) {
+        auto *s = static_cast<SqliteDb *>(self);
+        int64_t bytes = int64_t{pages} * s->walPage_;
+        if (bytes >= kWalLimit) {
+            // The thread has been kept waiting too long: the writer does it,
+            // as SQLite would on its own.
+            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        } else if (bytes >= kWalCheckpoint) {
+            std::lock_guard<std::mutex> lock(s->checkpointMutex_);
+            s->walBytes_ = bytes;
+            s->lastCommit_ = std::chrono::steady_clock::now();
+            s->checkpointDue_ = true;
+            s->checkpointWanted_.notify_one();
+        }
+        return SQLITE_OK;
+    }
+
+    // A checkpoint writes every page a second time, now into the database
+    // file: during a burst of uploads it would halve the disk's speed for
+    // the commits that answers wait for.  So it waits for a pause in the
+    // commits, unless the log has grown large.
+    void checkpoints() {
+        std::unique_ptr<Handle> h;
+        std::unique_lock<std::mutex> lock(checkpointMutex_);
+        for (;;) {
+            checkpointWanted_.wait(lock, [this] { return checkpointDue_ || stopping_; });
+            while (!stopping_ && walBytes_ < kWalBusyLimit &&
+                   std::chrono::steady_clock::now() - lastCommit_ < kQuiet)
+                checkpointWanted_.wait_until(lock, lastCommit_ + kQuiet);
+            if (stopping_)
+                return;
+            checkpointDue_ = false;
+            lock.unlock();
+            try {
+                if (!h)
+                    h = std::make_unique<Handle>(path_);
+                // Passive: it copies what no reader still needs and never
+                // waits for the writer or a reader.
+                h->query("PRAGMA wal_checkpoint(PASSIVE)", nullptr, 0);
+            } catch (const StoreError &e) {
+                std::fprintf(stderr, "kobreportd: checkpoint: %s\n", e.what());
+            }
+            lock.lock();
+        }
+    }
+
+    static constexpr int64_t kWalCheckpoint = int64_t{16} << 20;
+    static constexpr int64_t kWalBusyLimit = int64_t{256} << 20;
+    static constexpr auto kQuiet = std::chrono::milliseconds(200);
+    static constexpr int64_t kWalLimit = int64_t{1} << 30;
+
     // A reader connection from the pool for the time of one query.
     struct Reader {
         explicit Reader(SqliteDb &s) : db(s) {
@@ -196,6 +299,13 @@ class SqliteDb : public Db {
     std::mutex writeMutex_;
     std::mutex poolMutex_;
     std::vector<std::unique_ptr<Handle>> pool_;
+    int64_t walPage_ = 4096;
+    std::mutex checkpointMutex_;
+    std::condition_variable checkpointWanted_;
+    bool checkpointDue_ = false, stopping_ = false;
+    int64_t walBytes_ = 0;
+    std::chrono::steady_clock::time_point lastCommit_;
+    std::thread checkpointer_;
 };
 
 } // namespace
