@@ -61,8 +61,15 @@ struct vsb *DIA_readLogs(const char *out, const char *err) {
     for (FILE *fp : {outLog, errLog})
         if (fp != nullptr)
             want += dia_fileSize(fp);
+    // Built where the report will hold it, so that printing it copies
+    // nothing; the storage stays the report's.
+    size_t room = 0;
+    char *tail = dia_reportTail(static_cast<size_t>(want), &room);
     struct vsb *res =
-        vsb_new(nullptr, nullptr, want < INT_MAX / 2 ? static_cast<int>(want) : 0, VSB_AUTOEXTEND);
+        tail != nullptr ? vsb_new(nullptr, tail, static_cast<int>(room < INT_MAX ? room : INT_MAX),
+                                  VSB_AUTOEXTEND)
+                        : vsb_new(nullptr, nullptr, want < INT_MAX / 2 ? static_cast<int>(want) : 0,
+                                  VSB_AUTOEXTEND);
     if (res == nullptr)
         res = vsb_newauto(); // too much at once: let it grow as far as it can
     DIA_ASSERT_AT(res != nullptr, "(res) != 0", 76);
@@ -137,11 +144,12 @@ int main(int argc, char *argv[]) {
     // and in order even when the process ends by abort.
     setvbuf(stdout, nullptr, _IOLBF, 0);
 #ifdef M_MMAP_MAX
-    // The client logs pass through blocks of tens of megabytes, one pair of
-    // files after another.  The allocator would map each afresh and give it
-    // back when freed, so that every byte landed in new, zeroed memory; from
-    // the heap, a freed block serves the next pair and the report grows in
-    // place at its top.
+    // The client logs are read into the report's own tail; a file that
+    // cannot be (the -m message, a log that grew while it was read) passes
+    // through a block of its own.  The allocator would map such a block
+    // afresh and give it back when freed, so that every byte landed in new,
+    // zeroed memory; from the heap, a freed block serves the next one and
+    // the report grows in place at its top.
     (void)mallopt(M_MMAP_MAX, 0);
     (void)mallopt(M_TRIM_THRESHOLD, INT_MAX);
 #endif

@@ -96,9 +96,18 @@ long long dia_fileSize(FILE *fp);
 // of the file or a read error.  The stream is made unbuffered.
 void dia_readStream(struct vsb *vsb, FILE *fp);
 
+// Make room for n more bytes at the end of the open report buffer dia_msg
+// and return where its free tail starts, with the tail's size (at least
+// n + 1) in *room; NULL when the report cannot grow that far.  Text built
+// there and then printed through DIA_printf is counted, not copied.  The
+// tail holds only until the report is next appended to.
+char *dia_reportTail(size_t n, size_t *room);
+
 // Both files with their labels ("[STDOUT]", "[STDERR]", "Empty file.", or
 // "No <name> exists" for a file that cannot be opened) in a new finished
-// buffer that the caller deletes.
+// buffer that the caller deletes.  The buffer's text is built in the
+// report's free tail when there is a report: print it, or copy it out,
+// before anything else goes into the report.
 struct vsb *DIA_readLogs(const char *out, const char *err);
 
 // Print the stdout and stderr logs of kobvane, kobrun and kobflow from the

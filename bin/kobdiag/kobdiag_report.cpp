@@ -31,6 +31,14 @@ namespace {
 // is kept never differ.
 void dia_emit(const char *p, size_t n) {
     (void)fwrite(p, 1, n, stderr);
+    // Text that was read straight into the report's free tail (see
+    // dia_reportTail) is already in place: it only needs counting.
+    struct vsb *s = dia_msg;
+    if (s != nullptr && p == s->s_buf + s->s_len && n < s->s_size - s->s_len &&
+        (s->s_flags & (VSB_FINISHED | VSB_OVERFLOWED)) == 0) {
+        s->s_len += n;
+        return;
+    }
     (void)vsb_bcat(dia_msg, p, n);
 }
 
@@ -98,6 +106,29 @@ void DIA_writepid(void) {
     DIA_ASSERT_AT(dia_pfh != nullptr, "dia_pfh != NULL", 48);
     // The handle is never closed: the lock holds until the process ends.
     (void)VPF_Write(dia_pfh);
+}
+
+char *dia_reportTail(size_t n, size_t *room) {
+    constexpr size_t kGrowthStep = 0x20000; // the buffer's own step beyond 1 MiB
+    struct vsb *s = dia_msg;
+    if (s == nullptr || (s->s_flags & (VSB_FINISHED | VSB_OVERFLOWED)) != 0 ||
+        (s->s_flags & VSB_DYNAMIC) == 0 || (s->s_flags & VSB_AUTOEXTEND) == 0)
+        return nullptr;
+    if (n > static_cast<size_t>(INT_MAX) - 1 - s->s_len)
+        return nullptr; // beyond what the buffer can count
+    size_t need = s->s_len + n + 1;
+    if (need > s->s_size) {
+        size_t size = (need + kGrowthStep - 1) / kGrowthStep * kGrowthStep;
+        if (size > static_cast<size_t>(INT_MAX))
+            size = static_cast<size_t>(INT_MAX);
+        auto *buf = static_cast<char *>(realloc(s->s_buf, size));
+        if (buf == nullptr)
+            return nullptr;
+        s->s_buf = buf;
+        s->s_size = size;
+    }
+    *room = s->s_size - s->s_len;
+    return s->s_buf + s->s_len;
 }
 
 /* ---- reading files and capturing commands ------------------------------------- */

@@ -1,3 +1,4 @@
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -58,6 +59,46 @@ TEST_F(ReportChannel, ZeroByteEndsTheShownText) {
     EXPECT_EQ(r, 2);
     EXPECT_EQ(err, "ab");
     EXPECT_EQ(report(), "ab");
+}
+
+TEST_F(ReportChannel, TextBuiltInTheTailIsCountedInPlace) {
+    DIA_printf("head\n");
+    size_t room = 0;
+    char *tail = dia_reportTail(300000, &room);
+    ASSERT_NE(tail, nullptr);
+    EXPECT_GT(room, 300000u);
+    EXPECT_EQ(tail, dia_msg->s_buf + dia_msg->s_len);
+    EXPECT_EQ(report(), "head\n");
+    std::string text(300000, 'q');
+    text[0] = '[';
+    memcpy(tail, text.data(), text.size());
+    char *storage = dia_msg->s_buf;
+    int r = 0;
+    std::string err =
+        kobtest::captureFd(2, [&] { r = DIA_printf("%.*s", static_cast<int>(text.size()), tail); });
+    EXPECT_EQ(r, 300000);
+    EXPECT_EQ(err, text);
+    EXPECT_EQ(report(), "head\n" + text);
+    EXPECT_EQ(dia_msg->s_buf, storage); // neither moved nor grown
+}
+
+TEST_F(ReportChannel, ZeroByteInTheTailEndsTheCountedText) {
+    size_t room = 0;
+    char *tail = dia_reportTail(5, &room);
+    ASSERT_NE(tail, nullptr);
+    memcpy(tail, "ab\0cd", 5);
+    std::string err = kobtest::captureFd(2, [&] { DIA_printf("%.*s", 5, tail); });
+    EXPECT_EQ(err, "ab");
+    EXPECT_EQ(report(), "ab");
+    DIA_printf("x");
+    EXPECT_EQ(report(), "abx");
+}
+
+TEST_F(ReportChannel, NoTailInASealedReport) {
+    vsb_finish(dia_msg);
+    size_t room = 0;
+    EXPECT_EQ(dia_reportTail(5, &room), nullptr);
+    vsb_clear(dia_msg);
 }
 
 TEST(DiaGetOSVersion, IsAlwaysSkipped) {
