@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Times kobdiag-lab -o with six client logs of 64 MiB each against cat of the
-# same six files into one file.  Each is run three times and the median kept.
+# same six files into one file.  Each is run three times, in turn with the
+# others, and the median kept.
 # The run's fixed part (a full lab run, every target answering, no client
 # logs) is measured the same way and taken off the run with logs, so what is
 # compared with cat is what the logs cost.  Prints wall times, CPU times
@@ -31,6 +32,7 @@ koblab_pid=
 cleanup() {
   [ -n "$koblab_pid" ] && { kill -TERM "$koblab_pid" 2>/dev/null; wait "$koblab_pid" 2>/dev/null; }
   rm -f "$labdir"/*.txt "$labdir/kobdiag.pid"
+  rm -rf "$labdir/aside"
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -44,54 +46,66 @@ until grep -q '^koblab: ready$' "$work/koblab.log"; do
 done
 
 runs=3
-# measure NAME LABEL COMMAND...: runs the command $runs times; prints each
-# run and leaves the medians of wall seconds, CPU seconds, max RSS (KiB) and
-# minor page faults in wall_NAME, cpu_NAME, rss_NAME and flt_NAME.
-measure() {
-  local name=$1 label=$2
-  shift 2
-  local walls=() cpus=() rsss=() flts=() i start end wall cpu rss flt
-  for ((i = 1; i <= runs; i++)); do
-    start=$(date +%s%N)
-    /usr/bin/time -f '%M %U %S %R' -o "$work/rss.txt" "$@"
-    end=$(date +%s%N)
-    wall=$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", (b - a) / 1e9 }')
-    read -r rss cpu flt < <(tail -n 1 "$work/rss.txt" | awk '{ printf "%d %.2f %d\n", $1, $2 + $3, $4 }')
-    printf '%-36s run %d: wall %7.3f s  CPU %6.2f s  max RSS %8d KiB  minor faults %7d\n' \
-      "$label" "$i" "$wall" "$cpu" "$rss" "$flt"
-    walls+=("$wall")
-    cpus+=("$cpu")
-    rsss+=("$rss")
-    flts+=("$flt")
+# run_once NAME LABEL ROUND COMMAND...: runs the command once, prints the
+# run and adds its wall seconds, CPU seconds, max RSS (KiB) and minor page
+# faults to the lists walls_NAME, cpus_NAME, rsss_NAME and flts_NAME.
+run_once() {
+  local name=$1 label=$2 round=$3
+  shift 3
+  local start end wall cpu rss flt
+  start=$(date +%s%N)
+  /usr/bin/time -f '%M %U %S %R' -o "$work/rss.txt" "$@"
+  end=$(date +%s%N)
+  wall=$(awk -v a="$start" -v b="$end" 'BEGIN { printf "%.3f", (b - a) / 1e9 }')
+  read -r rss cpu flt < <(tail -n 1 "$work/rss.txt" | awk '{ printf "%d %.2f %d\n", $1, $2 + $3, $4 }')
+  printf '%-36s run %d: wall %7.3f s  CPU %6.2f s  max RSS %8d KiB  minor faults %7d\n' \
+    "$label" "$round" "$wall" "$cpu" "$rss" "$flt"
+  eval "walls_$name+=($wall) cpus_$name+=($cpu) rsss_$name+=($rss) flts_$name+=($flt)"
+}
+# medians NAME: leaves the medians of NAME's lists in wall_NAME, cpu_NAME,
+# rss_NAME and flt_NAME.
+medians() {
+  local name=$1 what list
+  for what in wall cpu rss flt; do
+    eval "list=(\"\${${what}s_$name[@]}\")"
+    printf -v "${what}_$name" '%s' "$(printf '%s\n' "${list[@]}" | sort -g | sed -n "$(((runs + 1) / 2))p")"
   done
-  printf -v "wall_$name" '%s' "$(printf '%s\n' "${walls[@]}" | sort -g | sed -n 2p)"
-  printf -v "cpu_$name" '%s' "$(printf '%s\n' "${cpus[@]}" | sort -g | sed -n 2p)"
-  printf -v "rss_$name" '%s' "$(printf '%s\n' "${rsss[@]}" | sort -g | sed -n 2p)"
-  printf -v "flt_$name" '%s' "$(printf '%s\n' "${flts[@]}" | sort -g | sed -n 2p)"
 }
 
-echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
-echo "==> the fixed part: a full lab run, every target answering, no client logs"
-rm -f "$labdir"/*.txt
-measure fixed "kobdiag-lab -o, no logs" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
-
 echo "==> six client logs of 64 MiB each"
+# Made aside first: the fixed part is measured without them.
+rm -f "$labdir"/*.txt
+aside=$labdir/aside
+mkdir -p "$aside"
 logs=()
 for p in kobvane kobrun kobflow; do
   for s in stdout stderr; do
-    f=$labdir/${p}_$s.txt
+    f=${p}_$s.txt
     # Log-like lines, with no zero byte so that all of it is copied.
     { yes "2026-01-05 09:12:01 $p/$s: tunnel keepalive answered in 23 ms (100% of routes)" ||
-      true; } | head -c $((64 * 1024 * 1024)) >"$f"
+      true; } | head -c $((64 * 1024 * 1024)) >"$aside/$f"
     logs+=("$f")
   done
 done
-total=$(cat "${logs[@]}" | wc -c)
+total=$(cd "$aside" && cat "${logs[@]}" | wc -c)
 echo "total log size: $((total / 1024)) KiB"
 
-measure cat "cat of the six logs into one file" sh -c 'cat "$@" >"$0"' "$work/cat.out" "${logs[@]}"
-measure logs "kobdiag-lab -o with the logs" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
+echo "load average before: $(cut -d' ' -f1-3 /proc/loadavg)"
+# The three are taken in turn, round by round, so that a busy spell of the
+# machine falls on all of them alike.  The fixed part is a full lab run,
+# every target answering, with no client logs.
+for ((i = 1; i <= runs; i++)); do
+  run_once fixed "kobdiag-lab -o, no logs" "$i" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
+  (cd "$aside" && mv "${logs[@]}" ..)
+  run_once cat "cat of the six logs into one file" "$i" \
+    sh -c 'cat "$@" >"$0"' "$work/cat.out" "${logs[@]/#/$labdir/}"
+  run_once logs "kobdiag-lab -o with the logs" "$i" "$build/bin/kobdiag/kobdiag-lab" -o 2>/dev/null
+  (cd "$labdir" && mv "${logs[@]}" aside/)
+done
 ls -l "$labdir/kobdiag_stdout.txt" | awk '{print "report file:", $5, "bytes"}'
+for name in fixed cat logs; do
+  medians "$name"
+done
 
 echo "load average after: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "==> medians of $runs"
