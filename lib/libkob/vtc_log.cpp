@@ -64,23 +64,34 @@ namespace kob {
 
 size_t formatSeconds(char *buf, double v) {
     size_t n;
-    double hundredths = v * 100.0;
-    double whole = std::floor(hundredths);
     // Away from a rounding tie, rounding the scaled value gives what printf
     // gives; near one (and outside the everyday range) ask for the exactly
-    // rounded text.
-    if (v >= 0.0 && v < 1e7 && std::fabs(hundredths - whole - 0.5) > 1e-6) {
-        auto cents = static_cast<unsigned long>(whole) + (hundredths - whole > 0.5 ? 1 : 0);
-        char digits[16];
-        auto r = std::to_chars(digits, digits + sizeof digits, cents / 100);
-        n = static_cast<size_t>(r.ptr - digits);
-        digits[n++] = '.';
-        digits[n++] = static_cast<char>('0' + cents / 10 % 10);
-        digits[n++] = static_cast<char>('0' + cents % 10);
-        size_t pad = n < 6 ? 6 - n : 0;
-        memset(buf, ' ', pad);
-        memcpy(buf + pad, digits, n);
-        return pad + n;
+    // rounded text.  In range the value is not negative, so truncating is
+    // flooring, and the digits are written from the right by hand: this
+    // runs for every line.
+    if (v >= 0.0 && v < 1e7) {
+        double hundredths = v * 100.0;
+        auto whole = static_cast<unsigned long>(hundredths);
+        double frac = hundredths - static_cast<double>(whole);
+        if (std::fabs(frac - 0.5) > 1e-6) {
+            unsigned long cents = whole + (frac > 0.5 ? 1 : 0);
+            char digits[16];
+            char *end = digits + sizeof digits;
+            char *p = end;
+            *--p = static_cast<char>('0' + cents % 10);
+            *--p = static_cast<char>('0' + cents / 10 % 10);
+            *--p = '.';
+            unsigned long units = cents / 100;
+            do {
+                *--p = static_cast<char>('0' + units % 10);
+                units /= 10;
+            } while (units != 0);
+            n = static_cast<size_t>(end - p);
+            size_t pad = n < 6 ? 6 - n : 0;
+            memset(buf, ' ', pad);
+            memcpy(buf + pad, p, n);
+            return pad + n;
+        }
     }
     char digits[360];
     auto r = std::to_chars(digits, digits + sizeof digits, v, std::chars_format::fixed, 2);
@@ -125,14 +136,14 @@ void vtc_log(vtclog *vl, unsigned lvl, const char *fmt, ...) {
         vtc_t0.store(VTIM_now(), std::memory_order_relaxed);
     double elapsed = VTIM_now() - vtc_t0.load(std::memory_order_relaxed);
     // A message with nothing to format is the common line: put it together
-    // here, before the lock, so that under it the line only goes into the
-    // log's buffer and out.
-    size_t msglen = strcspn(fmt, "%");
+    // here, before the lock, so that under it the line only goes out.
+    size_t msglen = strlen(fmt);
     size_t idlen = strlen(vl->id);
     size_t pad = idlen < 4 ? 5 - idlen : 1;
     char line[1024];
     size_t n = 0;
-    bool whole = fmt[msglen] == '\0' && kLeadMax + idlen + pad + msglen + 1 <= sizeof line;
+    bool whole =
+        memchr(fmt, '%', msglen) == nullptr && kLeadMax + idlen + pad + msglen + 1 <= sizeof line;
     if (whole) {
         n = formatLead(line, vtc_leads[lvl], elapsed);
         memcpy(line + n, vl->id, idlen);
@@ -144,6 +155,13 @@ void vtc_log(vtclog *vl, unsigned lvl, const char *fmt, ...) {
         line[n++] = '\n';
     }
     VAS_ZERO(ODR_pthread_mutex_lock(&vl->mtx));
+    if (whole && vl->func == nullptr) {
+        // Nobody to hand the line to: it goes out as built, in one write,
+        // and the log's buffer stays empty as it is between calls.
+        (void)fwrite(line, 1, n, stdout);
+        VAS_ZERO(ODR_pthread_mutex_unlock(&vl->mtx));
+        return;
+    }
     vsb_clear(vl->vsb);
     if (whole) {
         (void)vsb_bcat(vl->vsb, line, n);
