@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "vas.h"
 #include "vsb.h"
@@ -137,20 +138,21 @@ void vtc_log(vtclog *vl, unsigned lvl, const char *fmt, ...) {
     double elapsed = VTIM_now() - vtc_t0.load(std::memory_order_relaxed);
     // A message with nothing to format is the common line: put it together
     // here, before the lock, so that under it the line only goes out.
-    size_t msglen = strlen(fmt);
+    std::string_view msg(fmt);
+    size_t msglen = msg.size();
     size_t idlen = strlen(vl->id);
     size_t pad = idlen < 4 ? 5 - idlen : 1;
     char line[1024];
     size_t n = 0;
-    bool whole =
-        memchr(fmt, '%', msglen) == nullptr && kLeadMax + idlen + pad + msglen + 1 <= sizeof line;
+    bool whole = msg.find('%') == std::string_view::npos &&
+                 kLeadMax + idlen + pad + msglen + 1 <= sizeof line;
     if (whole) {
         n = formatLead(line, vtc_leads[lvl], elapsed);
         memcpy(line + n, vl->id, idlen);
         n += idlen;
         memcpy(line + n, "     ", pad);
         n += pad;
-        memcpy(line + n, fmt, msglen);
+        memcpy(line + n, msg.data(), msglen);
         n += msglen;
         line[n++] = '\n';
     }
