@@ -15,7 +15,6 @@
 #include <functional>
 #include <cstdio>
 #include <cstring>
-#include <map>
 
 #include "kobrules.h"
 #include "kobrun.h"

@@ -171,10 +171,6 @@ struct StoredFacts {
 // reference is null.
 std::string toJson(const Report &report, const StoredFacts *facts = nullptr);
 
-// One verdict as the JSON documents carry it: level, area, text, rule,
-// the rule's version and the evidence lines.
-nlohmann::ordered_json verdictJson(const Verdict &v);
-
 // A JSON document as every program here writes it: compact, with bytes
 // that are not UTF-8 replaced by U+FFFD.
 std::string dumpJson(const nlohmann::ordered_json &j);

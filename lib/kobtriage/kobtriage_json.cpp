@@ -62,6 +62,18 @@ Json lines(const std::vector<SourceLine> &ls) {
     return a;
 }
 
+// One verdict as the documents carry it: level, area, text, rule, the
+// rule's version and the evidence lines.
+Json verdictJson(const Verdict &v) {
+    const Rule *rule = findRule(v.rule);
+    return Json{{"level", levelName(v.level)},
+                {"area", v.area},
+                {"text", v.text},
+                {"rule", v.rule},
+                {"rule_version", rule ? Json(rule->version) : Json(nullptr)},
+                {"evidence", lines(v.evidence)}};
+}
+
 } // namespace
 
 std::string dumpJson(const nlohmann::ordered_json &j) {
@@ -71,16 +83,6 @@ std::string dumpJson(const nlohmann::ordered_json &j) {
 std::string validUtf8(std::string_view s) {
     // Written as JSON with the broken sequences replaced, then read back.
     return nlohmann::json::parse(dumpJson(Json(std::string(s)))).get<std::string>();
-}
-
-Json verdictJson(const Verdict &v) {
-    const Rule *rule = findRule(v.rule);
-    return Json{{"level", levelName(v.level)},
-                {"area", v.area},
-                {"text", v.text},
-                {"rule", v.rule},
-                {"rule_version", rule ? Json(rule->version) : Json(nullptr)},
-                {"evidence", lines(v.evidence)}};
 }
 
 std::string toJson(const Report &r, const StoredFacts *facts) {

@@ -69,7 +69,7 @@ TEST(ReportdPostgres, ReportsSentTogetherAreStoredWholeEachUnderItsOwnReference)
         GTEST_SKIP() << pg.reason();
     reportd::Server s(KOBREPORTD_BIN, pg.url(), {"--max-body", "20000000"});
     const std::vector<size_t> sizes = {1, 300u << 10, 7, (3u << 20) + 3, 4096, 262145};
-    std::vector<std::string> descs, refs(sizes.size());
+    std::vector<std::string> descs;
     for (size_t i = 0; i < sizes.size(); i++) {
         std::string d(sizes[i], '\0');
         unsigned x = static_cast<unsigned>(i) * 2654435761u + 7;
@@ -80,12 +80,7 @@ TEST(ReportdPostgres, ReportsSentTogetherAreStoredWholeEachUnderItsOwnReference)
         }
         descs.push_back(d);
     }
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < sizes.size(); i++)
-        threads.emplace_back(
-            [&, i] { refs[i] = reportd::reference(reportd::upload(s.port(), descs[i])); });
-    for (auto &t : threads)
-        t.join();
+    std::vector<std::string> refs = reportd::uploadTogether(s.port(), descs);
     std::set<std::string> unique(refs.begin(), refs.end());
     EXPECT_EQ(unique.size(), sizes.size());
     for (size_t i = 0; i < sizes.size(); i++) {

@@ -274,10 +274,7 @@ TEST_F(Reportd, HalfSentAndTricklingRequestsTimeOut) {
             if (poll(&pf, 1, 500) > 0)
                 break;
         }
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-            raw.append(buf, static_cast<size_t>(n));
+        raw += reportd::readAll(fd);
         close(fd);
         t.took = std::chrono::steady_clock::now() - start;
         t.r = reportd::parse(raw);
@@ -392,9 +389,7 @@ TEST_F(Reportd, ExpectContinueIsAnsweredBeforeTheBody) {
     ASSERT_GT(n, 0);
     EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "HTTP/1.1 100 Continue\r\n\r\n");
     ASSERT_EQ(send(fd, body.data(), body.size(), 0), static_cast<ssize_t>(body.size()));
-    std::string raw;
-    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-        raw.append(buf, static_cast<size_t>(n));
+    std::string raw = reportd::readAll(fd);
     close(fd);
     EXPECT_EQ(reportd::parse(raw).body, "Report received: KOB-" + today() + "-000001");
 }
@@ -437,15 +432,10 @@ TEST_F(Reportd, ReportsSentTogetherAreStoredWholeEachUnderItsOwnReference) {
     reportd::Server s(KOBREPORTD_BIN, db, {"--max-body", "20000000"});
     const std::vector<size_t> sizes = {1,    300u << 10, 7,      (5u << 20) + 3,
                                        4096, 262144,     262145, (1u << 20) - 1};
-    std::vector<std::string> descs, refs(sizes.size());
+    std::vector<std::string> descs;
     for (size_t i = 0; i < sizes.size(); i++)
         descs.push_back(binaryReport(sizes[i], static_cast<unsigned>(i)));
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < sizes.size(); i++)
-        threads.emplace_back(
-            [&, i] { refs[i] = reportd::reference(reportd::upload(s.port(), descs[i])); });
-    for (auto &t : threads)
-        t.join();
+    std::vector<std::string> refs = reportd::uploadTogether(s.port(), descs);
     std::set<std::string> unique(refs.begin(), refs.end());
     EXPECT_EQ(unique.size(), sizes.size());
     for (size_t i = 0; i < sizes.size(); i++) {
@@ -506,11 +496,7 @@ TEST_F(Reportd, ALargeReportCutOffMidBodyIsNotStored) {
         off += static_cast<size_t>(n);
     }
     shutdown(fd, SHUT_WR);
-    std::string raw;
-    char buf[4096];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-        raw.append(buf, static_cast<size_t>(n));
+    std::string raw = reportd::readAll(fd);
     close(fd);
     EXPECT_EQ(reportd::parse(raw).status, 400) << raw;
     EXPECT_EQ(sqlValue(db, "SELECT count(*) FROM reports"), "0");
@@ -563,11 +549,7 @@ TEST_F(Reportd, UploadsBeyondTheInFlightLimitAreAnswered503) {
     // The two finish, and the door opens again.
     for (int fd : slow) {
         ASSERT_EQ(send(fd, body.data(), body.size(), 0), static_cast<ssize_t>(body.size()));
-        std::string raw;
-        char buf[4096];
-        ssize_t n;
-        while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-            raw.append(buf, static_cast<size_t>(n));
+        std::string raw = reportd::readAll(fd);
         close(fd);
         EXPECT_EQ(reportd::parse(raw).status, 200) << raw;
     }

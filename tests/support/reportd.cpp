@@ -18,6 +18,7 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "reportgen.h"
@@ -301,13 +302,28 @@ Response exchangeAt(const std::string &host, int port, const std::vector<std::st
         if (off < p.size())
             break;
     }
+    std::string raw = readAll(fd);
+    close(fd);
+    return parse(raw);
+}
+
+std::string readAll(int fd) {
     std::string raw;
     char buf[65536];
     ssize_t n;
     while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
         raw.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return parse(raw);
+    return raw;
+}
+
+std::vector<std::string> uploadTogether(int port, const std::vector<std::string> &descs) {
+    std::vector<std::string> refs(descs.size());
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < descs.size(); i++)
+        threads.emplace_back([&, i] { refs[i] = reference(upload(port, descs[i])); });
+    for (auto &t : threads)
+        t.join();
+    return refs;
 }
 
 Response upload(int port, const std::string &desc, const char *username, const char *why) {

@@ -125,6 +125,14 @@ std::string reference(const Response &r);
 
 Response parse(const std::string &raw);
 
+// What a socket yields until the peer closes it (or its receive time-out
+// passes).
+std::string readAll(int fd);
+
+// Uploads every report at once, each from a thread of its own; returns
+// their references in the same order (empty where none was given).
+std::vector<std::string> uploadTogether(int port, const std::vector<std::string> &descs);
+
 // A PostgreSQL server of its own on a free loopback port, in a temporary
 // data directory, run as the "postgres" user.  available() is false with a
 // reason when the server programs or the user are missing.

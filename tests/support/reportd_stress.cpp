@@ -271,15 +271,6 @@ int connectTo(int port) {
     return fd;
 }
 
-std::string readAll(int fd) {
-    std::string raw;
-    char buf[65536];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof buf, 0)) > 0)
-        raw.append(buf, static_cast<size_t>(n));
-    return raw;
-}
-
 int hostile(const Options &o) {
     Database db(false);
     // Short limits so that the slow cases end within the run.
@@ -369,7 +360,7 @@ int hostile(const Options &o) {
                         break;
                 }
             }
-            auto r = reportd::parse(readAll(fd));
+            auto r = reportd::parse(reportd::readAll(fd));
             close(fd);
             double took = secondsSince(t0);
             std::lock_guard<std::mutex> lock(out);
@@ -453,7 +444,7 @@ int limits(const Options &o) {
                         send(fd, head.data(), head.size(), MSG_NOSIGNAL) > 0) {
                         std::this_thread::sleep_for(std::chrono::seconds(1));
                         (void)send(fd, body.data(), body.size(), MSG_NOSIGNAL);
-                        r = reportd::parse(readAll(fd));
+                        r = reportd::parse(reportd::readAll(fd));
                     }
                     close(fd);
                 } else {
