@@ -549,9 +549,30 @@ TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
 TEST_P(Staff, ADeletedReportIsGoneAndItsTextLeavesTheDatabaseFile) {
     reportd::Server s(KOBREPORTD_BIN, db);
     const std::string marker = "UNIQUE-MARKER-7f3a9c";
-    std::string big = marker + "\n" + std::string(200000, 'z') + "\n" + marker + "\n";
+    std::string big = marker + "\n";
+    for (unsigned i = 0, x = 1; i < 20000; i++, x = x * 1103515245u + 12345u)
+        big += "judy's log line " + std::to_string(i) + " " + std::to_string(x) + "\n";
+    big += marker + "\n";
     std::string ref = reportd::reference(reportd::upload(s.port(), big, "judy", marker.c_str()));
     std::string other = reportd::reference(reportd::upload(s.port(), "stays\n"));
+    // The report as the database holds it.
+    const std::string stored = reportd::zstdFrame(big);
+    ASSERT_GT(stored.size(), 10000u);
+    auto inFiles = [&](const std::string &what) {
+        std::string bytes;
+        for (const std::string &f : std::vector<std::string>{db, db + "-wal"})
+            bytes += kobtest::fileExists(f) ? kobtest::readFile(f) : "";
+        return bytes.find(what) != std::string::npos;
+    };
+    // Pieces of it, each within one page of the file.
+    std::vector<std::string> pieces;
+    for (size_t at = 0; at + 64 <= stored.size(); at += stored.size() / 8)
+        pieces.push_back(stored.substr(at, 64));
+    if (GetParam() == "sqlite") {
+        EXPECT_TRUE(inFiles(marker));
+        for (const std::string &p : pieces)
+            EXPECT_TRUE(inFiles(p));
+    }
     auto r = s.api("/api/reports/" + ref, "DELETE");
     EXPECT_EQ(r.status, 200);
     EXPECT_EQ(r.body, "{\"deleted\":\"" + ref + "\"}");
@@ -559,13 +580,11 @@ TEST_P(Staff, ADeletedReportIsGoneAndItsTextLeavesTheDatabaseFile) {
     EXPECT_EQ(s.api("/api/reports/" + ref, "DELETE").status, 404);
     EXPECT_EQ(s.api("/api/reports/" + other + "/raw?reveal=1").body, "stays\n");
     if (GetParam() == "sqlite") {
-        // Neither the file nor its log holds a byte of it.
-        for (const std::string &f : std::vector<std::string>{db, db + "-wal"}) {
-            SCOPED_TRACE(f);
-            std::string bytes = kobtest::fileExists(f) ? kobtest::readFile(f) : "";
-            EXPECT_EQ(bytes.find(marker), std::string::npos);
-            EXPECT_EQ(bytes.find(std::string(1000, 'z')), std::string::npos);
-        }
+        // Neither the file nor its log holds it any more: not the comment,
+        // nor any of those pieces of the report as it was stored.
+        EXPECT_FALSE(inFiles(marker));
+        for (const std::string &p : pieces)
+            EXPECT_FALSE(inFiles(p));
     }
 }
 
@@ -590,7 +609,10 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "4");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "5");
+    // The old text stays as it was; the new one is compressed.
+    EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
+    EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
     // Judged by no rules that are known: retriage will take it.
     EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -599,6 +621,58 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     // A second start finds it done.
     reportd::Server again(KOBREPORTD_BIN, db);
     EXPECT_EQ(again.api("/api/reports").body.rfind("{\"total\":2,", 0), 0u);
+}
+
+TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOnes) {
+    std::string oldRef;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        oldRef = reportd::reference(reportd::upload(s.port(), "old report\n"));
+        ASSERT_EQ(s.stop(), 0);
+    }
+    // As the version before left it: the text as it came, no flag for it.
+    value("ALTER TABLE reports DROP COLUMN desc_zstd");
+    value(GetParam() == "postgres"
+              ? "UPDATE reports SET \"desc\" = convert_to('old report' || chr(10), 'UTF8')"
+              : "UPDATE reports SET \"desc\" = CAST('old report' || char(10) AS BLOB)");
+    value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
+
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "5");
+    EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
+    std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
+    EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");
+    EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + oldRef + "'"), "0");
+    EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + newRef + "'"), "1");
+}
+
+TEST_P(Staff, AStoredReportThatNoLongerDecompressesIsAnErrorNotAnotherText) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string bad = reportd::reference(reportd::upload(s.port(), "will be damaged\n"));
+    std::string good = reportd::reference(reportd::upload(s.port(), "stays readable\n"));
+    // A zstd frame's magic and then nothing that decodes.
+    value(std::string("UPDATE reports SET \"desc\" = ") +
+          (GetParam() == "postgres" ? "'\\x28b52ffd00ff'::bytea" : "X'28b52ffd00ff'") +
+          " WHERE reference = '" + bad + "'");
+    auto raw = s.api("/api/reports/" + bad + "/raw?reveal=1");
+    EXPECT_EQ(raw.status, 500);
+    EXPECT_EQ(raw.body, "Internal error\n");
+    EXPECT_EQ(s.api("/api/reports/" + good + "/raw?reveal=1").body, "stays readable\n");
+    EXPECT_NE(s.errors().find("kobreportd: GET /api/reports/" + bad +
+                              "/raw failed: a stored report is damaged: its text does not"
+                              " decompress\n"),
+              std::string::npos)
+        << s.errors();
+    ASSERT_EQ(s.stop(), 0);
+    // Retriage leaves it as it was and goes on with the others.
+    value("UPDATE reports SET rules = 0");
+    auto run = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.err.find(": a stored report is damaged: its text does not decompress\n"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + bad + "'"), "0");
+    EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + good + "'"), "1");
 }
 
 TEST_P(Staff, RetriageBringsOlderReportsToTheCurrentRulesAndTheFleetFollows) {

@@ -83,8 +83,12 @@ TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
     std::string ref = "KOB-" + today() + "-000001";
     EXPECT_EQ(r.body, "Report received: " + ref);
     EXPECT_NE(r.raw.find("\r\nConnection: close\r\n"), std::string::npos);
-    // On disk byte for byte, under that reference.
-    EXPECT_EQ(sqlValue(db, "SELECT desc FROM reports WHERE reference = '" + ref + "'"), desc);
+    // On disk byte for byte, under that reference, compressed.
+    EXPECT_EQ(sqlValue(db, "SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
+    EXPECT_EQ(
+        reportd::unzstd(sqlValue(db, "SELECT desc FROM reports WHERE reference = '" + ref + "'")),
+        desc);
+    EXPECT_EQ(sqlValue(db, "SELECT size FROM reports"), std::to_string(desc.size()));
     EXPECT_EQ(sqlValue(db, "SELECT form_username FROM reports"), "alice");
     EXPECT_EQ(sqlValue(db, "SELECT why FROM reports"), "VPN drops\n");
     EXPECT_EQ(sqlValue(db, "SELECT summary FROM reports"), "no problem found");

@@ -1,5 +1,7 @@
 #include "reportd.h"
 
+#include <zstd.h>
+
 #include <arpa/inet.h>
 #include <algorithm>
 #include <cctype>
@@ -560,6 +562,22 @@ std::string Postgres::psql(const std::string &sql, const std::string &db) const 
     std::string out;
     run({bin_ + "/psql", "-X", "-q", "-A", "-t", "-d", url(db), "-c", sql}, &out);
     return out;
+}
+
+std::string zstdFrame(const std::string &text) {
+    std::string out(ZSTD_compressBound(text.size()), '\0');
+    size_t n = ZSTD_compress(out.data(), out.size(), text.data(), text.size(), 1);
+    out.resize(ZSTD_isError(n) ? 0 : n);
+    return out;
+}
+
+std::string unzstd(const std::string &frame) {
+    unsigned long long size = ZSTD_getFrameContentSize(frame.data(), frame.size());
+    if (size == ZSTD_CONTENTSIZE_ERROR || size == ZSTD_CONTENTSIZE_UNKNOWN)
+        return "<not a zstd frame>";
+    std::string out(static_cast<size_t>(size), '\0');
+    size_t n = ZSTD_decompress(out.data(), out.size(), frame.data(), frame.size());
+    return ZSTD_isError(n) || n != size ? "<not a zstd frame>" : out;
 }
 
 } // namespace reportd

@@ -123,6 +123,12 @@ std::string formEncode(const std::vector<std::pair<std::string, std::string>> &f
 // The reference from "Report received: KOB-..." or empty.
 std::string reference(const Response &r);
 
+// A report text as the database holds it (a zstd frame) and back, with
+// the same library and level as kobreportd; "<not a zstd frame>" when it
+// does not decompress.
+std::string zstdFrame(const std::string &text);
+std::string unzstd(const std::string &frame);
+
 Response parse(const std::string &raw);
 
 // What a socket yields until the peer closes it (or its receive time-out

@@ -6,6 +6,8 @@
 #include <thread>
 #include <tuple>
 
+#include <zstd.h>
+
 #include "kobtriage.h"
 #include "mask.h"
 #include "text.h"
@@ -16,12 +18,13 @@ namespace {
 
 // The layout this version writes.  1: the reports alone; 2: accounts,
 // sessions, tokens, the audit log, and expired raw text; 3: each report's
-// outcome per probe target; 4: the version of the rules that judged it.
-constexpr int kSchemaVersion = 4;
+// outcome per probe target; 4: the version of the rules that judged it;
+// 5: report texts compressed.
+constexpr int kSchemaVersion = 5;
 
 constexpr const char *kColumns =
     "id, reference, received_at, form_username, report_username, summary, peer, size,"
-    " \"desc\", why, raw_expired, findings";
+    " \"desc\", why, raw_expired, findings, desc_zstd";
 
 std::string ddl(sql::Dialect d, std::string s) {
     auto put = [&s](const std::string &what, const char *with) {
@@ -63,6 +66,18 @@ void upgradeTo3(sql::Dialect d, sql::Conn &c) {
 // retriage gives them outcomes too.
 void upgradeTo4(sql::Dialect d, sql::Conn &c) {
     c.query(ddl(d, "ALTER TABLE reports ADD COLUMN rules {INT} NOT NULL DEFAULT 0"));
+}
+
+// Report texts written from now on are zstd frames; those already stored
+// stay as they came (desc_zstd 0) and read as before.  PostgreSQL is told
+// not to compress them a second time.
+void upgradeTo5(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN desc_zstd {INT} NOT NULL DEFAULT 0"));
+    if (d == sql::Dialect::Postgres)
+        c.query("ALTER TABLE reports ALTER COLUMN \"desc\" SET STORAGE EXTERNAL");
+}
+
+void setLayout(sql::Conn &c) {
     c.query("DELETE FROM kob_meta WHERE key = 'schema'");
     c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
             {sql::text(std::to_string(kSchemaVersion))});
@@ -133,6 +148,41 @@ bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     return c.query(q, {sql::text(name)}).integer(0, 0) > 0;
 }
 
+// Reports are kept as zstd frames: their logs shrink several times over,
+// and with them the database, its log and every sync to disk before an
+// answer.  Level 1 keeps up with the intake.
+std::string pack(std::string_view text) {
+    thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> cctx(ZSTD_createCCtx(),
+                                                                          ZSTD_freeCCtx);
+    // Left uninitialised: of a large report's bound only the compressed
+    // part is ever touched.
+    size_t bound = ZSTD_compressBound(text.size());
+    std::unique_ptr<char[]> out(new char[bound]);
+    if (!cctx)
+        throw StoreError("cannot compress the report: out of memory");
+    size_t n = ZSTD_compressCCtx(cctx.get(), out.get(), bound, text.data(), text.size(), 1);
+    if (ZSTD_isError(n))
+        throw StoreError(std::string("cannot compress the report: ") + ZSTD_getErrorName(n));
+    return std::string(out.get(), n);
+}
+
+// The text of a stored report; rows from before compression hold it as it
+// came.  A frame that does not give back exactly the recorded size is
+// refused rather than shown as something it is not.
+std::string unpack(const std::string &stored, bool packed, int64_t size) {
+    if (!packed)
+        return stored;
+    unsigned long long want = ZSTD_getFrameContentSize(stored.data(), stored.size());
+    if (want == ZSTD_CONTENTSIZE_ERROR || want == ZSTD_CONTENTSIZE_UNKNOWN ||
+        want != static_cast<unsigned long long>(size))
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    std::string text(static_cast<size_t>(want), '\0');
+    size_t n = ZSTD_decompress(text.data(), text.size(), stored.data(), stored.size());
+    if (ZSTD_isError(n) || n != want)
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    return text;
+}
+
 StoredReport fromRow(const sql::Rows &r, size_t i) {
     StoredReport s;
     s.id = r.integer(i, 0);
@@ -143,10 +193,10 @@ StoredReport fromRow(const sql::Rows &r, size_t i) {
     s.summary = r.str(i, 5);
     s.peer = r.str(i, 6);
     s.size = r.integer(i, 7);
-    s.desc = r.str(i, 8);
     s.why = r.opt(i, 9);
     s.raw_expired = r.integer(i, 10) != 0;
     s.findings = r.str(i, 11);
+    s.desc = unpack(r.str(i, 8), r.integer(i, 12) != 0, s.size);
     return s;
 }
 
@@ -188,7 +238,10 @@ void Store::migrate() {
         if (version >= 2) {
             if (version < 3)
                 upgradeTo3(d, c);
-            upgradeTo4(d, c);
+            if (version < 4)
+                upgradeTo4(d, c);
+            upgradeTo5(d, c);
+            setLayout(c);
             return;
         }
         if (!tableExists(d, c, "reports"))
@@ -240,6 +293,8 @@ void Store::migrate() {
         c.query("CREATE TABLE IF NOT EXISTS kob_meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
         upgradeTo3(d, c);
         upgradeTo4(d, c);
+        upgradeTo5(d, c);
+        setLayout(c);
     });
 }
 
@@ -262,7 +317,10 @@ bool plausibleReference(const std::string &s) {
 }
 
 std::string Store::insert(const NewReport &r) {
-    Pending mine{&r, {}, {}, false};
+    // Compressed by the uploading thread, so that the reports of a batch
+    // are compressed side by side before their commit, not one by one in it.
+    std::string packed = pack(r.desc);
+    Pending mine{&r, &packed, {}, {}, false};
     std::unique_lock<std::mutex> lock(groupMutex_);
     queue_.push_back(&mine);
     // SQLite writes one transaction at a time anyway; PostgreSQL's server
@@ -281,7 +339,7 @@ std::string Store::insert(const NewReport &r) {
         // A bounded batch: its reports wait for its whole commit.
         size_t take = 0, bytes = 0;
         while (take < queue_.size() && (take == 0 || bytes < kCommitBytes))
-            bytes += queue_[take++]->report->desc.size();
+            bytes += queue_[take++]->packed->size();
         std::vector<Pending *> batch(queue_.begin(), queue_.begin() + static_cast<long>(take));
         queue_.erase(queue_.begin(), queue_.begin() + static_cast<long>(take));
         lock.unlock();
@@ -300,7 +358,8 @@ std::string Store::insert(const NewReport &r) {
 void Store::commit(const std::vector<Pending *> &batch) {
     auto alone = [this](Pending *p) {
         try {
-            db_.transaction([&](sql::Conn &c) { p->reference = insertOne(c, *p->report); });
+            db_.transaction(
+                [&](sql::Conn &c) { p->reference = insertOne(c, *p->report, *p->packed); });
             p->error.reset();
         } catch (const std::exception &e) {
             p->error = e.what();
@@ -313,7 +372,7 @@ void Store::commit(const std::vector<Pending *> &batch) {
     try {
         db_.transaction([&](sql::Conn &c) {
             for (Pending *p : batch)
-                p->reference = insertOne(c, *p->report);
+                p->reference = insertOne(c, *p->report, *p->packed);
         });
         return;
     } catch (const std::exception &) {
@@ -324,7 +383,7 @@ void Store::commit(const std::vector<Pending *> &batch) {
         alone(p);
 }
 
-std::string Store::insertOne(sql::Conn &c, const NewReport &r) {
+std::string Store::insertOne(sql::Conn &c, const NewReport &r, const std::string &packed) {
     std::optional<std::string> formUser, reportUser;
     if (r.form_username)
         formUser = cleanText(*r.form_username);
@@ -345,18 +404,18 @@ std::string Store::insertOne(sql::Conn &c, const NewReport &r) {
     std::string ref = makeReference(r.received_at, id);
     // A large report goes into SQLite in pieces, not through one record
     // holding a second copy of it.
-    bool pieces = !pg && r.desc.size() > kPieceWiseFrom;
+    bool pieces = !pg && packed.size() > kPieceWiseFrom;
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
-            " summary, peer, size, \"desc\", why, rules) VALUES ($1, $2, $3, $4, $5, $6, $7,"
-            " $8, " +
-                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11)",
+            " summary, peer, size, \"desc\", why, rules, desc_zstd) VALUES ($1, $2, $3, $4, $5,"
+            " $6, $7, $8, " +
+                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1)",
             {sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
              sql::optText(reportUser), sql::text(summary), sql::text(peer),
              sql::integer(static_cast<int64_t>(r.desc.size())),
-             pieces ? sql::integer(static_cast<int64_t>(r.desc.size())) : sql::blob(r.desc),
+             pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
              sql::optBlob(r.why), sql::integer(r.rules)});
     if (pieces)
-        c.fillBlob("reports", "desc", id, r.desc);
+        c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);
     return ref;
 }
@@ -455,8 +514,8 @@ int64_t Store::expireBefore(std::time_t cutoff) {
     int64_t done = 0;
     for (;;) {
         // In batches, each its own transaction: intake never waits long.
-        auto rows = db_.read("SELECT id, \"desc\" FROM reports WHERE received_at < $1 AND"
-                             " raw_expired = 0 ORDER BY id LIMIT 50",
+        auto rows = db_.read("SELECT id, \"desc\", desc_zstd, size FROM reports WHERE"
+                             " received_at < $1 AND raw_expired = 0 ORDER BY id LIMIT 50",
                              {sql::integer(cutoff)});
         if (rows.empty())
             break;
@@ -464,11 +523,19 @@ int64_t Store::expireBefore(std::time_t cutoff) {
             for (size_t i = 0; i < rows.size(); i++) {
                 // What stays is what the triage found, from the text as a
                 // viewer sees it, without the sections it did not understand.
-                auto report = kobtriage::parse(maskReport(rows.str(i, 1)));
-                report.unknown.clear();
-                std::string findings = kobtriage::toJson(report);
-                c.query("UPDATE reports SET \"desc\" = $1, why = NULL, peer = '', raw_expired = 1,"
-                        " findings = $2 WHERE id = $3",
+                // A text that no longer decompresses expires with no findings.
+                std::string findings;
+                try {
+                    auto report = kobtriage::parse(maskReport(
+                        unpack(rows.str(i, 1), rows.integer(i, 2) != 0, rows.integer(i, 3))));
+                    report.unknown.clear();
+                    findings = kobtriage::toJson(report);
+                } catch (const StoreError &e) {
+                    std::fprintf(stderr, "kobreportd: report %lld expired without findings: %s\n",
+                                 static_cast<long long>(rows.integer(i, 0)), e.what());
+                }
+                c.query("UPDATE reports SET \"desc\" = $1, desc_zstd = 0, why = NULL, peer = '',"
+                        " raw_expired = 1, findings = $2 WHERE id = $3",
                         {sql::blob(""), sql::text(findings), sql::integer(rows.integer(i, 0))});
             }
         });
@@ -498,15 +565,24 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
         bytes += heads.integer(i, 1);
         last = heads.integer(i, 0);
     }
-    auto rows = db_.read("SELECT id, received_at, \"desc\" FROM reports WHERE id > $1 AND"
-                         " id <= $2 AND rules < $3 AND raw_expired = 0 ORDER BY id",
+    auto rows = db_.read("SELECT id, received_at, \"desc\", desc_zstd, size FROM reports WHERE"
+                         " id > $1 AND id <= $2 AND rules < $3 AND raw_expired = 0 ORDER BY id",
                          {sql::integer(after), sql::integer(last), sql::integer(rules)});
     // The rules run outside the transaction; intake waits only for the
     // writes.
-    std::vector<Triaged> done;
+    std::vector<std::optional<Triaged>> done;
     done.reserve(rows.size());
-    for (size_t i = 0; i < rows.size(); i++)
-        done.push_back(triage(rows.str(i, 2)));
+    for (size_t i = 0; i < rows.size(); i++) {
+        try {
+            done.push_back(
+                triage(unpack(rows.str(i, 2), rows.integer(i, 3) != 0, rows.integer(i, 4))));
+        } catch (const StoreError &e) {
+            // One damaged row must not stop the reports after it.
+            std::fprintf(stderr, "kobreportd: report %lld left as it was: %s\n",
+                         static_cast<long long>(rows.integer(i, 0)), e.what());
+            done.emplace_back();
+        }
+    }
     // New rules seldom change what a report found, only what is said of it:
     // outcomes that stay the same are not written again.
     auto old = db_.read("SELECT report_id, area, target, failing FROM outcomes WHERE"
@@ -528,7 +604,9 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
     };
     db_.transaction([&](sql::Conn &c) {
         for (size_t i = 0; i < rows.size(); i++) {
-            const Triaged &t = done[i];
+            if (!done[i])
+                continue;
+            const Triaged &t = *done[i];
             int64_t id = rows.integer(i, 0);
             std::optional<std::string> user;
             if (t.report_username)

@@ -114,13 +114,14 @@ class Store {
   private:
     struct Pending {
         const NewReport *report;
+        const std::string *packed; // its text as stored
         std::string reference;
         std::optional<std::string> error;
         bool done = false;
     };
     void migrate();
     void commit(const std::vector<Pending *> &batch);
-    std::string insertOne(sql::Conn &c, const NewReport &r);
+    std::string insertOne(sql::Conn &c, const NewReport &r, const std::string &packed);
     sql::Db &db_;
     std::mutex groupMutex_;
     std::condition_variable groupDone_;
