@@ -3,8 +3,9 @@
 # same load generator (kobreportd-stress load) against kobreportd on SQLite,
 # on PostgreSQL, and against nginx storing each request body to a file and
 # answering 200, all on loopback.  Prints reports/s, MiB/s, p50/p99 latency
-# and peak memory for each, and kobreportd's wall time over nginx's.  The
-# figures are for reading, not part of the test command.
+# and peak memory for each run, three runs of each, and kobreportd's median
+# wall time over nginx's.  The figures are for reading, not part of the test
+# command.
 #
 #   scripts/intake-bench.sh
 set -euo pipefail
@@ -90,20 +91,34 @@ nginx_peak() {
 }
 
 wall() { awk '/ wall / {print $2}' "$1"; }
+# The middle one of a target's three wall times.
+median() { for k in 1 2 3; do wall "$work/$1.$k.txt"; done | sort -n | sed -n 2p; }
 
+# Each target three times: this machine's other work moves single runs by
+# a third and more.  The ratios are of the median wall times.
 run() {
-  local label=$1
+  local label=$1 target k
   shift
-  echo "==> $label"
-  "$stress" load "$server" "$@" | tee "$work/sqlite.txt" || true
-  "$stress" load "$server" "$@" --postgres | tee "$work/pg.txt" || true
-  rm -rf "${work:?}/bodies"/*
-  if ! "$stress" load - "$@" --port "$port" | tee "$work/nginx.txt"; then
-    echo "  nginx did not answer every upload with 200:"
-    tail -n 5 "$work/logs/error.log"
-  fi
+  echo "==> $label (three runs each)"
+  for target in sqlite pg nginx; do
+    for k in 1 2 3; do
+      case $target in
+      sqlite) "$stress" load "$server" "$@" >"$work/$target.$k.txt" || true ;;
+      pg) "$stress" load "$server" "$@" --postgres >"$work/$target.$k.txt" || true ;;
+      nginx)
+        rm -rf "${work:?}/bodies"/*
+        if ! "$stress" load - "$@" --port "$port" >"$work/$target.$k.txt"; then
+          echo "  nginx did not answer every upload with 200:"
+          tail -n 5 "$work/logs/error.log"
+        fi
+        ;;
+      esac
+      cat "$work/$target.$k.txt"
+    done
+  done
   nginx_peak
-  python3 -c "print('  wall time over nginx\'s: kobreportd on SQLite %.2f, on PostgreSQL %.2f' % ($(wall "$work/sqlite.txt") / $(wall "$work/nginx.txt"), $(wall "$work/pg.txt") / $(wall "$work/nginx.txt")))"
+  echo "  median wall: kobreportd on SQLite $(median sqlite) s, on PostgreSQL $(median pg) s, nginx $(median nginx) s"
+  python3 -c "print('  wall time over nginx\'s: kobreportd on SQLite %.2f, on PostgreSQL %.2f' % ($(median sqlite) / $(median nginx), $(median pg) / $(median nginx)))"
 }
 
 run "200 concurrent uploads of 1 MiB" --count 200 --size 1048576
