@@ -573,7 +573,8 @@ int fleetBench(const Options &o) {
     auto run = reportgen::healthyRun();
     run.tcp[3] = reportgen::tcpTimeout();
     std::string text = reportgen::report(run);
-    std::string set = "UPDATE reports SET rules = 0, desc_zstd = 0, size = " + std::to_string(text.size());
+    std::string set =
+        "UPDATE reports SET rules = 0, desc_zstd = 0, size = " + std::to_string(text.size());
     if (o.postgres) {
         std::string quoted;
         for (char c : text)
