@@ -154,12 +154,12 @@ bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
 std::string pack(std::string_view text) {
     thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> cctx(ZSTD_createCCtx(),
                                                                           ZSTD_freeCCtx);
+    if (!cctx)
+        throw StoreError("cannot compress the report: out of memory");
     // Left uninitialised: of a large report's bound only the compressed
     // part is ever touched.
     size_t bound = ZSTD_compressBound(text.size());
     std::unique_ptr<char[]> out(new char[bound]);
-    if (!cctx)
-        throw StoreError("cannot compress the report: out of memory");
     size_t n = ZSTD_compressCCtx(cctx.get(), out.get(), bound, text.data(), text.size(), 1);
     if (ZSTD_isError(n))
         throw StoreError(std::string("cannot compress the report: ") + ZSTD_getErrorName(n));
@@ -200,7 +200,8 @@ StoredReport fromRow(const sql::Rows &r, size_t i) {
     return s;
 }
 
-// A commit takes the reports waiting for it up to about this many bytes.
+// A commit takes the reports waiting for it up to about this many bytes as
+// stored (compressed).
 constexpr size_t kCommitBytes = size_t{8} << 20;
 
 // Above this size SQLite is handed the report in pieces.

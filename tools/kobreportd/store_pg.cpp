@@ -29,11 +29,6 @@ class Connection {
         // Notices (an index that already exists, ...) are not for the log.
         PQsetNoticeProcessor(
             c_, [](void *, const char *) {}, nullptr);
-        // Reports are compressed as they are stored; LZ4 does it several
-        // times faster than the server's default, which would otherwise be
-        // most of the cost of storing a large report.  A server built
-        // without it refuses the setting and keeps its default.
-        PQclear(PQexec(c_, "SET default_toast_compression = 'lz4'"));
     }
     ~Connection() { PQfinish(c_); }
     Connection(const Connection &) = delete;
