@@ -10,7 +10,7 @@ set(KOB_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/kob)
 set(KOB_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Programs and their pages, where this build makes them (kobreport and
-# kobreportd only with KOB_BUILD_OPERATOR).  kobreportd is a system daemon:
+# kobreportd only with KOB_BUILD_SERVER).  kobreportd is a system daemon:
 # sbin, beside its section 8 page.  The tests read these lists.
 set(KOB_INSTALLED_PROGRAMS "")
 set(KOB_INSTALLED_DAEMONS "")

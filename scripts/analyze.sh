@@ -14,7 +14,7 @@ build=${1:-build/ci-gcc}
 
 # Everything of our own: the library, the tool, the programs beside it and
 # the operator's side.
-paths=(lib bin tools)
+paths=(lib bin tools lab server)
 
 if [ ! -f "$build/compile_commands.json" ]; then
   echo "analyze: $build/compile_commands.json is missing: configure that tree first" >&2

@@ -38,7 +38,7 @@ cleanup() {
 trap cleanup EXIT
 
 : >"$work/koblab.log"
-"$build/tools/koblab" -d "$work/reports" >"$work/koblab.log" 2>&1 &
+"$build/lab/koblab" -d "$work/reports" >"$work/koblab.log" 2>&1 &
 koblab_pid=$!
 until grep -q '^koblab: ready$' "$work/koblab.log"; do
   kill -0 "$koblab_pid" || { cat "$work/koblab.log"; exit 1; }

@@ -38,11 +38,11 @@ trap 'echo; echo "==> interrupted"; exit 130' INT TERM
 rm -f "$reports"/reports.db*
 admin_password=$(head -c 18 /dev/urandom | base64 | tr '+/' '-_')
 printf '%s\n' "$admin_password" |
-  "$build/tools/kobreportd" user add demo-admin --role admin --db "$reports/reports.db"
-token=$("$build/tools/kobreportd" token add demo-script --role admin --db "$reports/reports.db")
+  "$build/server/kobreportd/kobreportd" user add demo-admin --role admin --db "$reports/reports.db"
+token=$("$build/server/kobreportd/kobreportd" token add demo-script --role admin --db "$reports/reports.db")
 
 echo "==> starting koblab (the operator's network on loopback addresses)"
-"$build/tools/koblab" -d "$reports" -s "$build/tools/kobreportd" >"$koblab_log" 2>&1 &
+"$build/lab/koblab" -d "$reports" -s "$build/server/kobreportd/kobreportd" >"$koblab_log" 2>&1 &
 koblab_pid=$!
 for _ in $(seq 1 100); do
   grep -q '^koblab: ready$' "$koblab_log" && break
@@ -96,12 +96,12 @@ sed '1,/^\r$/d' <&3 >"$stored"
 exec 3<&-
 echo
 echo "==> kobreport: the verdicts on report $reference ($(wc -c <"$stored") bytes stored)"
-"$build/tools/kobreport" "$stored"
+"$build/server/kobreport/kobreport" "$stored"
 echo
 echo "==> staff view: $view (report page: ${view}reports/$reference)"
 echo "    sign in as demo-admin with the password $admin_password"
 echo "    It is served while koblab runs; to browse the stored reports again later:"
-echo "    $build/tools/kobreportd --listen 127.0.0.1:8080 --staff-listen 127.0.0.1:8081 \\"
+echo "    $build/server/kobreportd/kobreportd --listen 127.0.0.1:8080 --staff-listen 127.0.0.1:8081 \\"
 echo "      --db $reports/reports.db"
 stop_koblab
 echo

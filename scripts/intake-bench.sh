@@ -29,7 +29,7 @@ build=build/stress
 cmake -S . -B "$build" -G Ninja -DKOB_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target kobreportd kobreportd-stress >/dev/null
 stress=$build/tests/support/kobreportd-stress
-server=$build/tools/kobreportd
+server=$build/server/kobreportd/kobreportd
 
 work=$(mktemp -d /tmp/intake-bench.XXXXXX)
 nginx_pid=

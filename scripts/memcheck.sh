@@ -63,7 +63,7 @@ printf 'flow line 1\nflow line 2\n' >"$labdir/kobflow_stderr.txt"
 printf 'why it broke\n' >"$labdir/why.txt"
 
 reports=$logs/reports
-"$build/tools/koblab" -d "$reports" >"$logs/koblab.out" 2>&1 &
+"$build/lab/koblab" -d "$reports" >"$logs/koblab.out" 2>&1 &
 koblab=$!
 stop_koblab() {
   if kill -0 "$koblab" 2>/dev/null; then

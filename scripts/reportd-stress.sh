@@ -14,7 +14,7 @@ cmake -S . -B "$build" -G Ninja -DKOB_BUILD_BENCH=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" --target kobreportd kobreportd-stress >/dev/null
 
 stress=$build/tests/support/kobreportd-stress
-server=$build/tools/kobreportd
+server=$build/server/kobreportd/kobreportd
 status=0
 echo "==> load"
 "$stress" load "$server" --count 200 --size 1048576 || status=1
