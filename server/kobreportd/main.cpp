@@ -6,10 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <pthread.h>
 #include <string>
-#include <termios.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -18,9 +16,8 @@
 #include "alerts.h"
 #include "audit.h"
 #include "clock.h"
-#include "fleet.h"
+#include "commands.h"
 #include "intake.h"
-#include "kobrules.h"
 #include "retention.h"
 #include "staff.h"
 #include "store.h"
@@ -28,42 +25,6 @@
 namespace {
 
 using namespace kobreportd;
-
-int usage() {
-    std::fprintf(
-        stderr,
-        "usage: kobreportd --listen ADDR:PORT --db PATH_OR_URL [--staff-listen ADDR:PORT]\n"
-        "                  [--tls-cert FILE --tls-key FILE] [--retain-days N]\n"
-        "                  [--rate PER_MINUTE] [--max-inflight N] [--max-body BYTES]\n"
-        "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
-        "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
-        "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
-        "       kobreportd user del NAME --db PATH_OR_URL\n"
-        "       kobreportd user list --db PATH_OR_URL\n"
-        "       kobreportd token add NAME [--role viewer|admin] --db PATH_OR_URL\n"
-        "       kobreportd token del NAME --db PATH_OR_URL\n"
-        "       kobreportd token list --db PATH_OR_URL\n"
-        "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
-        "       kobreportd retriage --db PATH_OR_URL\n");
-    return 1;
-}
-
-int fail(const std::string &what) {
-    std::fprintf(stderr, "kobreportd: %s\n", what.c_str());
-    return 1;
-}
-
-bool number(const char *s, unsigned long long max, unsigned long long &out) {
-    if (!*s)
-        return false;
-    char *end = nullptr;
-    errno = 0;
-    unsigned long long v = std::strtoull(s, &end, 10);
-    if (*end || errno || v > max || s[0] == '-')
-        return false;
-    out = v;
-    return true;
-}
 
 // "127.0.0.1:8080", "[::1]:8080" or "localhost:0" (0: any free port).
 bool splitListen(const std::string &s, std::string &host, int &port) {
@@ -89,157 +50,6 @@ int bindServer(httplib::Server &svr, const std::string &host, int port) {
     if (port == 0)
         return svr.bind_to_any_port(host);
     return svr.bind_to_port(host, port) ? port : -1;
-}
-
-// The password comes from standard input, never from the command line: at
-// a terminal it is asked for twice without echo, else it is the first line.
-bool readPassword(std::string &out) {
-    auto line = [](std::string &s) {
-        if (!std::getline(std::cin, s))
-            return false;
-        if (!s.empty() && s.back() == '\r')
-            s.pop_back();
-        return true;
-    };
-    if (!isatty(0))
-        return line(out);
-    termios old{};
-    tcgetattr(0, &old);
-    termios quiet = old;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(0, TCSAFLUSH, &quiet);
-    std::string again;
-    std::fprintf(stderr, "Password: ");
-    bool ok = line(out);
-    std::fprintf(stderr, "\nAgain: ");
-    ok = ok && line(again);
-    std::fprintf(stderr, "\n");
-    tcsetattr(0, TCSAFLUSH, &old);
-    if (ok && out != again) {
-        std::fprintf(stderr, "kobreportd: the two passwords differ\n");
-        return false;
-    }
-    return ok;
-}
-
-// Re-judges every stored report that older rules judged, batch by batch.
-// Each batch is committed on its own, so a run that is stopped goes on
-// where it stood when started again.
-int retriage(Store &store, Audit &audit, const char *who) {
-    using Clock = std::chrono::steady_clock;
-    int rules = kobtriage::rulesVersion();
-    auto before = store.countByRules(rules);
-    std::fprintf(stderr, "retriage: %lld reports to re-judge with rules version %d\n",
-                 static_cast<long long>(before.older), rules);
-    auto start = Clock::now(), shown = start;
-    int64_t done = 0, after = 0;
-    auto seconds = [&start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
-    for (;;) {
-        auto step = store.retriage(after, rules, triage);
-        done += step.retriaged;
-        after = step.last_id;
-        if (!step.more || Clock::now() - shown >= std::chrono::seconds(1)) {
-            shown = Clock::now();
-            double s = seconds();
-            std::fprintf(stderr, "retriage: %lld of %lld reports, %.0f reports/s\n",
-                         static_cast<long long>(done), static_cast<long long>(before.older),
-                         s > 0 ? static_cast<double>(done) / s : 0.0);
-        }
-        if (!step.more)
-            break;
-    }
-    audit.record(who, "", "reports.retriaged", "",
-                 std::to_string(done) + " to rules version " + std::to_string(rules));
-    std::printf("%lld %s re-judged with rules version %d in %.1f s", static_cast<long long>(done),
-                done == 1 ? "report" : "reports", rules, seconds());
-    if (before.expired)
-        std::printf("; %lld kept as they were (raw text expired)",
-                    static_cast<long long>(before.expired));
-    std::printf("\n");
-    return 0;
-}
-
-// user ..., token ..., purge ..., retriage: one change to the database, then
-// exit.
-int command(const std::vector<std::string> &args) {
-    std::string db, role, olderThan;
-    std::vector<std::string> words;
-    for (size_t i = 0; i < args.size(); i++) {
-        if ((args[i] == "--db" || args[i] == "--role" || args[i] == "--older-than") &&
-            i + 1 < args.size()) {
-            (args[i] == "--db" ? db : args[i] == "--role" ? role : olderThan) = args[i + 1];
-            i++;
-        } else if (args[i].rfind("--", 0) == 0) {
-            return usage();
-        } else {
-            words.push_back(args[i]);
-        }
-    }
-    if (db.empty() || words.empty())
-        return usage();
-    const std::string &what = words[0];
-    std::string verb = words.size() > 1 ? words[1] : "";
-    std::string name = words.size() > 2 ? words[2] : "";
-    bool named = words.size() == 3 && (verb == "add" || verb == "del");
-    bool listing = words.size() == 2 && verb == "list";
-    if (what == "retriage" ? words.size() != 1 || !olderThan.empty()
-        : what == "purge"  ? words.size() != 1 || olderThan.empty()
-                           : (what != "user" && what != "token") || !(named || listing))
-        return usage();
-    if (!role.empty() && !(named && verb == "add"))
-        return usage();
-    std::optional<Role> r = parseRole(role.empty() ? "viewer" : role);
-    if (!r || (what == "user" && verb == "add" && role.empty()))
-        return usage();
-    if (named && !Accounts::validName(name))
-        return fail("a name is 1 to 64 letters, digits, '.', '_', '-' or '@'");
-    unsigned long long days = 0;
-    if (what == "purge" && !number(olderThan.c_str(), 1000000, days))
-        return usage();
-
-    std::string password;
-    if (what == "user" && verb == "add") {
-        if (!readPassword(password))
-            return fail("no password on standard input");
-        if (password.size() < 12)
-            return fail("a password needs 12 or more characters");
-    }
-    try {
-        auto database = openDatabase(db);
-        Store store(*database);
-        Audit audit(*database);
-        Accounts accounts(*database, audit);
-        const char *who = "kobreportd (command line)";
-        if (what == "retriage")
-            return retriage(store, audit, who);
-        if (what == "purge") {
-            int64_t n = expireOldReports(store, audit, static_cast<int>(days), who);
-            std::printf("%lld %s expired\n", static_cast<long long>(n),
-                        n == 1 ? "report" : "reports");
-            return 0;
-        }
-        if (listing) {
-            for (const auto &a : what == "user" ? accounts.users() : accounts.tokens())
-                std::printf("%s\t%s\n", a.name.c_str(), roleName(a.role));
-            return 0;
-        }
-        if (verb == "add" && what == "user") {
-            accounts.addUser(name, *r, password);
-            audit.record(who, "", "user.added", "", name + " (" + roleName(*r) + ")");
-        } else if (verb == "add") {
-            std::string token = accounts.addToken(name, *r);
-            audit.record(who, "", "token.added", "", name + " (" + roleName(*r) + ")");
-            std::printf("%s\n", token.c_str());
-        } else {
-            bool found = what == "user" ? accounts.deleteUser(name) : accounts.deleteToken(name);
-            if (!found)
-                return fail("no " + what + " " + name);
-            audit.record(who, "", what + ".deleted", "", name);
-        }
-        return 0;
-    } catch (const StoreError &e) {
-        return fail(e.what());
-    }
 }
 
 } // namespace
