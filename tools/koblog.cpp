@@ -18,7 +18,6 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
-#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "segment_tool.h"
@@ -82,6 +81,89 @@ void printRecord(const uint32_t *p) {
     fwrite(line.data(), 1, line.size(), stdout);
 }
 
+// How many bytes the UTF-8 sequence at the start of s takes, and whether it
+// is well formed (no overlong forms, no surrogates, nothing above U+10FFFF).
+// An ill-formed one takes its longest well-formed beginning, at least one
+// byte, which the writer shows as a single U+FFFD.
+struct Utf8Step {
+    size_t length;
+    bool valid;
+};
+
+Utf8Step utf8Step(std::string_view s) {
+    auto c = static_cast<unsigned char>(s[0]);
+    size_t need = c >= 0xc2 && c <= 0xdf   ? 2
+                  : c >= 0xe0 && c <= 0xef ? 3
+                  : c >= 0xf0 && c <= 0xf4 ? 4
+                                           : 0;
+    if (need == 0)
+        return {1, false};
+    // The second byte's range rules out the overlong forms, the surrogates
+    // and what lies beyond U+10FFFF.
+    unsigned char lo = c == 0xe0 ? 0xa0 : c == 0xf0 ? 0x90 : 0x80;
+    unsigned char hi = c == 0xed ? 0x9f : c == 0xf4 ? 0x8f : 0xbf;
+    size_t k = 1;
+    for (; k < need && k < s.size(); k++) {
+        auto b = static_cast<unsigned char>(s[k]);
+        if (b < (k == 1 ? lo : 0x80) || b > (k == 1 ? hi : 0xbf))
+            break;
+    }
+    return {k, k == need};
+}
+
+// A JSON string: UTF-8 as it is, every byte of an invalid sequence taken
+// as one U+FFFD, control characters escaped.  The readers link nothing but
+// libkob, so this small writer stands in for a JSON library.
+void jsonString(std::string &out, std::string_view s) {
+    out += '"';
+    size_t i = 0;
+    while (i < s.size()) {
+        auto c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
+            default:
+                if (c < 0x20) {
+                    char esc[8];
+                    snprintf(esc, sizeof esc, "\\u%04x", c);
+                    out += esc;
+                } else {
+                    out += static_cast<char>(c);
+                }
+            }
+            i++;
+            continue;
+        }
+        Utf8Step step = utf8Step(s.substr(i));
+        if (step.valid)
+            out.append(s.substr(i, step.length));
+        else
+            out += "\xef\xbf\xbd";
+        i += step.length;
+    }
+    out += '"';
+}
+
 void printJson(const uint32_t *p) {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
@@ -91,22 +173,19 @@ void printJson(const uint32_t *p) {
     size_t n = strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%S", &tm);
     snprintf(when + n, sizeof when - n, ".%03ldZ", ts.tv_nsec / 1000000);
     unsigned tag = VSL_TAG(p), side = VSL_SIDE(p);
-    std::string sides = std::string(side & VSL_SIDE_A ? "A" : "") + (side & VSL_SIDE_B ? "B" : "");
-    // Nothing here throws but a failed allocation, which ends the record.
-    try {
-        nlohmann::json j = {
-            {"time", when},
-            {"tag", tag},
-            {"tag_name", VSL_tags[tag] ? nlohmann::json(VSL_tags[tag]) : nlohmann::json(nullptr)},
-            {"id", VSL_ID(p)},
-            {"side", sides},
-            {"payload", std::string(VSL_DATA(p), VSL_LEN(p))},
-        };
-        std::string line = j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-        fwrite(line.data(), 1, line.size(), stdout);
-    } catch (const std::exception &e) {
-        fprintf(stderr, "koblog: %s\n", e.what());
-    }
+    std::string line = "{\"time\":\"";
+    line += when;
+    line += "\",\"tag\":" + std::to_string(tag) + ",\"tag_name\":";
+    if (VSL_tags[tag])
+        jsonString(line, VSL_tags[tag]);
+    else
+        line += "null";
+    line += ",\"id\":" + std::to_string(VSL_ID(p)) + ",\"side\":\"";
+    line += std::string(side & VSL_SIDE_A ? "A" : "") + (side & VSL_SIDE_B ? "B" : "");
+    line += "\",\"payload\":";
+    jsonString(line, std::string_view(VSL_DATA(p), VSL_LEN(p)));
+    line += "}\n";
+    fwrite(line.data(), 1, line.size(), stdout);
 }
 
 // The identity of the file a reader has open, to notice a new one.
