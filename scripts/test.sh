@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: a GCC build with warnings as errors,
 # then over that build the static analysis, valgrind memcheck of whole runs
-# and the network guard; the Debian packages, built, checked by lintian,
+# and the network guard; the client alone with the server's packages hidden; the Debian packages, built, checked by lintian,
 # installed and removed again; a Clang build under AddressSanitizer and
 # UndefinedBehaviorSanitizer, and a ThreadSanitizer build; the fuzz targets,
 # each run briefly; then the formatting check.  Any failure fails it.
@@ -30,6 +30,8 @@ echo "==> build/ci-gcc: valgrind memcheck"
 scripts/memcheck.sh build/ci-gcc
 echo "==> build/ci-gcc: network guard"
 scripts/netguard.sh build/ci-gcc
+echo "==> build/ci-client: the client alone, the server's packages hidden"
+scripts/client-only.sh build/ci-client
 echo "==> Debian packages"
 tests/install/package_test.sh
 build_and_test build/ci-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
