@@ -148,8 +148,8 @@ std::vector<AccountInfo> Accounts::list(const char *query) {
     auto rows = db_.read(query);
     std::vector<AccountInfo> out;
     for (size_t i = 0; i < rows.size(); i++)
-        out.push_back({rows.str(i, 0), parseRole(rows.str(i, 1)).value_or(Role::Viewer),
-                       static_cast<std::time_t>(rows.integer(i, 2))});
+        out.push_back({rows.str(i, "name"), parseRole(rows.str(i, "role")).value_or(Role::Viewer),
+                       static_cast<std::time_t>(rows.integer(i, "created_at"))});
     return out;
 }
 
@@ -173,7 +173,8 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
     }
     auto rows = db_.read("SELECT pw_hash FROM users WHERE name = $1", {sql::text(who)});
     // An unknown name costs the same hash as a known one.
-    bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, 0), password) && !rows.empty();
+    bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password) &&
+              !rows.empty();
     if (!ok) {
         audit_.record(who, address, "signin.failed");
         return out;
@@ -196,7 +197,8 @@ std::optional<Principal> Accounts::session(const std::string &id) {
                          {sql::text(h)});
     if (rows.empty())
         return std::nullopt;
-    std::time_t t = now(), created = rows.integer(0, 2), seen = rows.integer(0, 3);
+    std::time_t t = now(), created = rows.integer(0, "created_at"),
+                seen = rows.integer(0, "last_seen");
     if (t - seen >= kSessionIdle || t - created >= kSessionAbsolute) {
         db_.write("DELETE FROM sessions WHERE id_hash = $1", {sql::text(h)});
         return std::nullopt;
@@ -205,7 +207,8 @@ std::optional<Principal> Accounts::session(const std::string &id) {
     if (t - seen >= 60)
         db_.write("UPDATE sessions SET last_seen = $1 WHERE id_hash = $2",
                   {sql::integer(t), sql::text(h)});
-    return Principal{rows.str(0, 0), parseRole(rows.str(0, 1)).value_or(Role::Viewer), id};
+    return Principal{rows.str(0, "account"), parseRole(rows.str(0, "role")).value_or(Role::Viewer),
+                     id};
 }
 
 void Accounts::signOut(const std::string &id) {
@@ -221,8 +224,9 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
         db_.read("SELECT name, role, hash FROM tokens WHERE token_id = $1", {sql::text(*id)});
     if (rows.empty())
         return std::nullopt;
-    Principal p{"token:" + rows.str(0, 0), parseRole(rows.str(0, 1)).value_or(Role::Viewer), ""};
-    std::string d = digest(token, rows.str(0, 2).substr(0, 64));
+    Principal p{"token:" + rows.str(0, "name"),
+                parseRole(rows.str(0, "role")).value_or(Role::Viewer), ""};
+    std::string d = digest(token, rows.str(0, "hash").substr(0, 64));
     std::time_t t = now();
     {
         std::lock_guard<std::mutex> lock(cacheMutex_);
@@ -231,7 +235,7 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
             sodium_memcmp(it->second.first.data(), d.data(), d.size()) == 0)
             return p;
     }
-    if (!verifyPassword(rows.str(0, 2), token))
+    if (!verifyPassword(rows.str(0, "hash"), token))
         return std::nullopt;
     std::lock_guard<std::mutex> lock(cacheMutex_);
     if (tokenCache_.size() > 10000)

@@ -59,7 +59,7 @@ int AlertTask::check() {
         } else if (!open.empty() && share - target.baseline < kBrokenMinRise / 2) {
             auto done = db_.write("UPDATE alerts SET cleared_at = $1 WHERE id = $2 AND"
                                   " cleared_at IS NULL RETURNING id",
-                                  {sql::integer(t), sql::integer(open.integer(0, 0))});
+                                  {sql::integer(t), sql::integer(open.integer(0, "id"))});
             if (done.empty())
                 continue;
             event = "cleared";

@@ -19,15 +19,15 @@ void Audit::record(const std::string &account, const std::string &address,
 }
 
 std::vector<AuditEntry> Audit::page(int64_t offset, int64_t limit, int64_t &total) {
-    total = db_.read("SELECT count(*) FROM audit").integer(0, 0);
+    total = db_.read("SELECT count(*) AS n FROM audit").integer(0, "n");
     auto rows = db_.read("SELECT id, at, account, address, action, reference, detail FROM audit"
                          " ORDER BY id DESC LIMIT $1 OFFSET $2",
                          {sql::integer(limit), sql::integer(offset)});
     std::vector<AuditEntry> out;
     for (size_t i = 0; i < rows.size(); i++)
-        out.push_back({rows.integer(i, 0), static_cast<std::time_t>(rows.integer(i, 1)),
-                       rows.str(i, 2), rows.str(i, 3), rows.str(i, 4), rows.str(i, 5),
-                       rows.str(i, 6)});
+        out.push_back({rows.integer(i, "id"), static_cast<std::time_t>(rows.integer(i, "at")),
+                       rows.str(i, "account"), rows.str(i, "address"), rows.str(i, "action"),
+                       rows.str(i, "reference"), rows.str(i, "detail")});
     return out;
 }
 
@@ -44,7 +44,7 @@ std::time_t Audit::burstEnd(const std::string &action, const char *column, const
                                sql::integer(count)});
     if (static_cast<int>(rows.size()) < count)
         return 0;
-    std::time_t newest = rows.integer(0, 0), oldest = rows.integer(rows.size() - 1, 0);
+    std::time_t newest = rows.integer(0, "at"), oldest = rows.integer(rows.size() - 1, "at");
     return newest - oldest <= window ? newest : 0;
 }
 

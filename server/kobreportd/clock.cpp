@@ -14,12 +14,12 @@ const char *clockFile() {
 
 } // namespace
 
-std::string isoTime(std::time_t t) {
+std::string utcTime(std::time_t t, const char *format) {
     std::tm tm{};
     gmtime_r(&t, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
-    return buf;
+    char buf[64];
+    size_t n = std::strftime(buf, sizeof buf, format, &tm);
+    return std::string(buf, n);
 }
 
 bool testClock() {

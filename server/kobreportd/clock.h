@@ -15,8 +15,14 @@ std::time_t now();
 // True when the test clock is in use (the server says so at start).
 bool testClock();
 
+// The time in UTC, formatted by strftime's format (at most 63 bytes out).
+// Every time kobreportd writes goes through here.
+std::string utcTime(std::time_t t, const char *format);
+
 // "YYYY-MM-DDThh:mm:ssZ", UTC.
-std::string isoTime(std::time_t t);
+inline std::string isoTime(std::time_t t) {
+    return utcTime(t, "%Y-%m-%dT%H:%M:%SZ");
+}
 
 } // namespace kobreportd
 

@@ -74,37 +74,39 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                         " WHERE hour >= $1 AND hour < $2 AND reports > 0",
                         {sql::integer(f.from / 3600), sql::integer(f.to / 3600)});
     for (size_t i = 0; i < rows.size(); i++) {
-        FleetTarget &t = target(rows.str(i, 0), rows.str(i, 1));
-        size_t k = static_cast<size_t>((rows.integer(i, 2) * 3600 - f.from) / f.bucket_seconds);
+        FleetTarget &t = target(rows.str(i, "area"), rows.str(i, "target"));
+        size_t k =
+            static_cast<size_t>((rows.integer(i, "hour") * 3600 - f.from) / f.bucket_seconds);
         if (k >= nb)
             continue;
-        t.buckets[k].reports += rows.integer(i, 3);
-        t.buckets[k].failing += rows.integer(i, 4);
-        t.reports += rows.integer(i, 3);
-        t.failing += rows.integer(i, 4);
+        t.buckets[k].reports += rows.integer(i, "reports");
+        t.buckets[k].failing += rows.integer(i, "failing");
+        t.reports += rows.integer(i, "reports");
+        t.failing += rows.integer(i, "failing");
     }
 
     // The last hour from the outcomes themselves (a short range of their
     // index), the baseline from the hours before the one it began in.
     std::time_t hourAgo = now - 3600;
-    auto recent = db.read("SELECT area, target, count(*), CAST(sum(failing) AS BIGINT)"
-                          " FROM outcomes WHERE received_at >= $1 AND received_at <= $2"
-                          " GROUP BY area, target",
-                          {sql::integer(hourAgo), sql::integer(now)});
+    auto recent =
+        db.read("SELECT area, target, count(*) AS reports, CAST(sum(failing) AS BIGINT) AS failing"
+                " FROM outcomes WHERE received_at >= $1 AND received_at <= $2"
+                " GROUP BY area, target",
+                {sql::integer(hourAgo), sql::integer(now)});
     for (size_t i = 0; i < recent.size(); i++) {
-        FleetTarget &t = target(recent.str(i, 0), recent.str(i, 1));
-        t.hour_reports = recent.integer(i, 2);
-        t.hour_failing = recent.integer(i, 3);
+        FleetTarget &t = target(recent.str(i, "area"), recent.str(i, "target"));
+        t.hour_reports = recent.integer(i, "reports");
+        t.hour_failing = recent.integer(i, "failing");
     }
     int64_t h0 = hourAgo / 3600;
-    auto before = db.read("SELECT area, target, CAST(sum(reports) AS BIGINT),"
-                          " CAST(sum(failing) AS BIGINT) FROM outcome_hours"
+    auto before = db.read("SELECT area, target, CAST(sum(reports) AS BIGINT) AS reports,"
+                          " CAST(sum(failing) AS BIGINT) AS failing FROM outcome_hours"
                           " WHERE hour >= $1 AND hour < $2 GROUP BY area, target",
                           {sql::integer(h0 - int64_t{7} * 24), sql::integer(h0)});
     for (size_t i = 0; i < before.size(); i++) {
-        FleetTarget &t = target(before.str(i, 0), before.str(i, 1));
-        t.baseline_reports = before.integer(i, 2);
-        t.baseline_failing = before.integer(i, 3);
+        FleetTarget &t = target(before.str(i, "area"), before.str(i, "target"));
+        t.baseline_reports = before.integer(i, "reports");
+        t.baseline_failing = before.integer(i, "failing");
     }
     for (auto &[key, t] : byTarget) {
         double p = (static_cast<double>(t.baseline_failing) + 1) /
@@ -132,7 +134,7 @@ std::vector<std::string> failingReports(sql::Db &db, const std::string &area,
                 {sql::text(area), sql::text(target), sql::integer(since), sql::integer(limit)});
     std::vector<std::string> out;
     for (size_t i = 0; i < rows.size(); i++)
-        out.push_back(rows.str(i, 0));
+        out.push_back(rows.str(i, "reference"));
     return out;
 }
 

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <endian.h>
 #include <libpq-fe.h>
-#include <mutex>
 #include <span>
 
 namespace kobreportd::sql {
@@ -75,6 +74,10 @@ class Connection {
             throw StoreError(std::string("PostgreSQL: ") + PQerrorMessage(c_));
         Rows rows;
         int n = PQntuples(res.get()), cols = PQnfields(res.get());
+        std::vector<std::string> names;
+        for (int c = 0; c < cols; c++)
+            names.emplace_back(PQfname(res.get(), c));
+        rows.setColumns(std::move(names));
         for (int r = 0; r < n; r++) {
             auto &row = rows.addRow();
             for (int c = 0; c < cols; c++) {
@@ -122,25 +125,28 @@ class ConnectionConn : public Conn {
 
 class PgDb : public Db {
   public:
-    explicit PgDb(std::string url) : url_(std::move(url)) { Lease check(*this); }
+    explicit PgDb(const std::string &url)
+        : pool_(32, [url] { return std::make_unique<Connection>(url); }) {
+        Pool<Connection>::Lease check(pool_);
+    }
 
     Dialect dialect() const override { return Dialect::Postgres; }
 
     Rows read(std::string_view sql, std::initializer_list<Param> params) override {
-        Lease c(*this);
-        return c.conn->query(sql, params.begin(), params.size());
+        Pool<Connection>::Lease c(pool_);
+        return c->query(sql, params.begin(), params.size());
     }
 
     void transaction(const std::function<void(Conn &)> &body) override {
-        Lease c(*this);
-        c.conn->query("BEGIN", nullptr, 0);
+        Pool<Connection>::Lease c(pool_);
+        c->query("BEGIN", nullptr, 0);
         try {
-            ConnectionConn cc(*c.conn);
+            ConnectionConn cc(*c);
             body(cc);
-            c.conn->query("COMMIT", nullptr, 0);
+            c->query("COMMIT", nullptr, 0);
         } catch (...) {
             try {
-                c.conn->query("ROLLBACK", nullptr, 0);
+                c->query("ROLLBACK", nullptr, 0);
             } catch (const StoreError &) {
                 // The connection is gone; the server rolls back on its own.
             }
@@ -151,40 +157,12 @@ class PgDb : public Db {
     // Dead rows are the server's to reclaim; a vacuum makes their space
     // reusable at once.
     void scrub() override {
-        Lease c(*this);
-        c.conn->query("VACUUM reports", nullptr, 0);
+        Pool<Connection>::Lease c(pool_);
+        c->query("VACUUM reports", nullptr, 0);
     }
 
   private:
-    // A connection from the pool for one call; a broken one is not returned.
-    struct Lease {
-        explicit Lease(PgDb &s) : db(s) {
-            {
-                std::lock_guard<std::mutex> lock(s.mutex_);
-                if (!s.pool_.empty()) {
-                    conn = std::move(s.pool_.back());
-                    s.pool_.pop_back();
-                }
-            }
-            if (!conn || !conn->ok())
-                conn = std::make_unique<Connection>(s.url_);
-        }
-        ~Lease() {
-            if (!conn->ok())
-                return;
-            std::lock_guard<std::mutex> lock(db.mutex_);
-            if (db.pool_.size() < 32)
-                db.pool_.push_back(std::move(conn));
-        }
-        Lease(const Lease &) = delete;
-        Lease &operator=(const Lease &) = delete;
-        PgDb &db;
-        std::unique_ptr<Connection> conn;
-    };
-
-    std::string url_;
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<Connection>> pool_;
+    Pool<Connection> pool_;
 };
 
 } // namespace

@@ -4,8 +4,15 @@
 
 namespace kobreportd::sql {
 
-int64_t Rows::integer(size_t r, size_t c) const {
-    const Cell &cell = rows_.at(r).at(c);
+const Cell &Rows::cell(size_t r, std::string_view column) const {
+    for (size_t c = 0; c < columns_.size(); c++)
+        if (columns_[c] == column)
+            return rows_.at(r).at(c);
+    throw StoreError("no column " + std::string(column) + " in the rows");
+}
+
+int64_t Rows::integer(size_t r, std::string_view column) const {
+    const Cell &cell = this->cell(r, column);
     if (cell.null)
         return 0;
     if (cell.isInt)
@@ -26,3 +33,13 @@ Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {
 }
 
 } // namespace kobreportd::sql
+
+namespace kobreportd {
+
+std::unique_ptr<sql::Db> openDatabase(const std::string &name) {
+    if (name.rfind("postgresql://", 0) == 0 || name.rfind("postgres://", 0) == 0)
+        return sql::openPostgres(name);
+    return sql::openSqlite(name);
+}
+
+} // namespace kobreportd

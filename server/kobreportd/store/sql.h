@@ -9,6 +9,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -58,22 +59,81 @@ struct Cell {
     std::string s;
 };
 
+// The rows a statement gave, read by the names of their columns (an
+// expression's column needs an AS name).
 class Rows {
   public:
     size_t size() const { return rows_.size(); }
     bool empty() const { return rows_.empty(); }
-    bool isNull(size_t r, size_t c) const { return rows_.at(r).at(c).null; }
-    int64_t integer(size_t r, size_t c) const;
-    const std::string &str(size_t r, size_t c) const { return rows_.at(r).at(c).s; }
-    std::optional<std::string> opt(size_t r, size_t c) const {
-        if (isNull(r, c))
+    bool isNull(size_t r, std::string_view column) const { return cell(r, column).null; }
+    int64_t integer(size_t r, std::string_view column) const;
+    const std::string &str(size_t r, std::string_view column) const { return cell(r, column).s; }
+    std::optional<std::string> opt(size_t r, std::string_view column) const {
+        if (isNull(r, column))
             return std::nullopt;
-        return str(r, c);
+        return str(r, column);
     }
+
+    // For the stores filling it: the names first, then the rows.
+    void setColumns(std::vector<std::string> names) { columns_ = std::move(names); }
     std::vector<Cell> &addRow() { return rows_.emplace_back(); }
 
   private:
+    // Throws StoreError for a name the statement did not select.
+    const Cell &cell(size_t r, std::string_view column) const;
+    std::vector<std::string> columns_;
     std::vector<std::vector<Cell>> rows_;
+};
+
+// Idle connections kept for the next call.  A lease takes one, or opens a
+// new one, for one call and gives it back afterwards, unless it broke or
+// enough are idle already.  C needs a `bool ok() const`.
+template <typename C> class Pool {
+  public:
+    Pool(size_t keep, std::function<std::unique_ptr<C>()> open)
+        : keep_(keep), open_(std::move(open)) {}
+
+    class Lease {
+      public:
+        explicit Lease(Pool &p) : pool_(p) {
+            {
+                std::lock_guard<std::mutex> lock(p.mutex_);
+                if (!p.idle_.empty()) {
+                    c_ = std::move(p.idle_.back());
+                    p.idle_.pop_back();
+                }
+            }
+            if (!c_ || !c_->ok())
+                c_ = p.open_();
+        }
+        ~Lease() {
+            if (!c_->ok())
+                return;
+            std::lock_guard<std::mutex> lock(pool_.mutex_);
+            if (pool_.idle_.size() < pool_.keep_)
+                pool_.idle_.push_back(std::move(c_));
+        }
+        Lease(const Lease &) = delete;
+        Lease &operator=(const Lease &) = delete;
+        C *operator->() { return c_.get(); }
+        C &operator*() { return *c_; }
+
+      private:
+        Pool &pool_;
+        std::unique_ptr<C> c_;
+    };
+
+    // Closes the idle connections.
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        idle_.clear();
+    }
+
+  private:
+    size_t keep_;
+    std::function<std::unique_ptr<C>()> open_;
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<C>> idle_;
 };
 
 enum class Dialect { Sqlite, Postgres };
@@ -120,6 +180,10 @@ std::unique_ptr<Db> openSqlite(const std::string &path);
 std::unique_ptr<Db> openPostgres(const std::string &url);
 
 } // namespace sql
+
+// Opens the database named on the command line: a postgresql:// URL or a
+// file.
+std::unique_ptr<sql::Db> openDatabase(const std::string &name);
 
 } // namespace kobreportd
 

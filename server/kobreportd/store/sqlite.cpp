@@ -39,6 +39,8 @@ class Handle {
     }
     ~Handle() { sqlite3_close(db_); }
     sqlite3 *raw() { return db_; }
+    // A file stays usable: nothing to open again.
+    bool ok() const { return true; }
     Handle(const Handle &) = delete;
     Handle &operator=(const Handle &) = delete;
 
@@ -84,6 +86,10 @@ class Handle {
             i++;
         }
         Rows rows;
+        std::vector<std::string> names;
+        for (int c = 0; c < sqlite3_column_count(st); c++)
+            names.emplace_back(sqlite3_column_name(st, c));
+        rows.setColumns(std::move(names));
         for (;;) {
             int rc = sqlite3_step(st);
             if (rc == SQLITE_DONE)
@@ -157,12 +163,14 @@ class HandleConn : public Conn {
 
 class SqliteDb : public Db {
   public:
-    explicit SqliteDb(std::string path) : path_(std::move(path)), writer_(path_) {
+    explicit SqliteDb(std::string path)
+        : path_(std::move(path)), writer_(path_),
+          readers_(16, [this] { return std::make_unique<Handle>(path_); }) {
         // Only a new, empty file takes it.  Reports run to a megabyte and
         // more: in large pages one is a few pieces instead of hundreds.
         writer_.exec("PRAGMA page_size=65536");
         writer_.exec("PRAGMA journal_mode=WAL");
-        walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, 0);
+        walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, "page_size");
         // A batch of reports is committed whole: its pages stay in memory
         // until the commit instead of spilling into the log on the way.
         writer_.exec("PRAGMA cache_size=-16384");
@@ -191,8 +199,8 @@ class SqliteDb : public Db {
     Dialect dialect() const override { return Dialect::Sqlite; }
 
     Rows read(std::string_view sql, std::initializer_list<Param> params) override {
-        Reader rd(*this);
-        return rd.h->query(sql, params.begin(), params.size());
+        Pool<Handle>::Lease h(readers_);
+        return h->query(sql, params.begin(), params.size());
     }
 
     void transaction(const std::function<void(Conn &)> &body) override {
@@ -216,10 +224,7 @@ class SqliteDb : public Db {
         std::lock_guard<std::mutex> lock(writeMutex_);
         // Readers may hold old pages of the log; only pages no reader needs
         // are folded back, so drop the idle readers first.
-        {
-            std::lock_guard<std::mutex> plock(poolMutex_);
-            pool_.clear();
-        }
+        readers_.clear();
         writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", nullptr, 0);
     }
 
@@ -276,33 +281,10 @@ class SqliteDb : public Db {
     static constexpr auto kQuiet = std::chrono::milliseconds(200);
     static constexpr int64_t kWalLimit = int64_t{1} << 30;
 
-    // A reader connection from the pool for the time of one query.
-    struct Reader {
-        explicit Reader(SqliteDb &s) : db(s) {
-            std::lock_guard<std::mutex> lock(s.poolMutex_);
-            if (!s.pool_.empty()) {
-                h = std::move(s.pool_.back());
-                s.pool_.pop_back();
-            }
-            if (!h)
-                h = std::make_unique<Handle>(s.path_);
-        }
-        ~Reader() {
-            std::lock_guard<std::mutex> lock(db.poolMutex_);
-            if (db.pool_.size() < 16)
-                db.pool_.push_back(std::move(h));
-        }
-        Reader(const Reader &) = delete;
-        Reader &operator=(const Reader &) = delete;
-        SqliteDb &db;
-        std::unique_ptr<Handle> h;
-    };
-
     std::string path_;
     Handle writer_;
     std::mutex writeMutex_;
-    std::mutex poolMutex_;
-    std::vector<std::unique_ptr<Handle>> pool_;
+    Pool<Handle> readers_;
     int64_t walPage_ = 4096;
     std::mutex checkpointMutex_;
     std::condition_variable checkpointWanted_;

@@ -119,7 +119,6 @@ class Store {
         std::optional<std::string> error;
         bool done = false;
     };
-    void migrate();
     void commit(const std::vector<Pending *> &batch);
     std::string insertOne(sql::Conn &c, const NewReport &r, const std::string &packed);
     sql::Db &db_;
@@ -134,10 +133,6 @@ std::string makeReference(std::time_t receivedAt, int64_t id);
 
 // A reference as written: nothing else is looked up.
 bool plausibleReference(const std::string &s);
-
-// Opens the database named on the command line: a postgresql:// URL or a
-// file.
-std::unique_ptr<sql::Db> openDatabase(const std::string &name);
 
 } // namespace kobreportd
 

@@ -1,0 +1,141 @@
+// The frame every staff page shares (head, stylesheet, header bar), the
+// sign-in form and the plain message page, and the parts other pages take.
+
+#include "pages.h"
+
+#include "clock.h"
+#include "parts.h"
+
+namespace kobreportd::pages {
+
+using html::Html;
+using html::text;
+using html::uri;
+
+const char *const kStyle = R"css(
+body { font: 15px/1.45 system-ui, sans-serif; margin: 0; color: #1d2430; background: #f5f6f8; }
+header { background: #1d2b45; color: #fff; padding: 12px 24px; display: flex; gap: 24px;
+         align-items: center; flex-wrap: wrap; }
+header h1 { font-size: 19px; margin: 0; }
+header a { color: #fff; text-decoration: none; }
+header form { margin-left: auto; display: flex; gap: 6px; }
+header input { padding: 5px 8px; border: 0; border-radius: 4px; min-width: 260px; }
+header button { padding: 5px 12px; border: 0; border-radius: 4px; background: #4c7bd9;
+                color: #fff; cursor: pointer; }
+main { padding: 16px 24px 40px; max-width: 1200px; }
+h2 { font-size: 17px; margin: 28px 0 8px; }
+table { border-collapse: collapse; background: #fff; width: 100%; margin-bottom: 8px; }
+th, td { text-align: left; padding: 6px 10px; border-bottom: 1px solid #e3e6eb;
+         vertical-align: top; }
+th { background: #eceff4; font-weight: 600; }
+td.num { text-align: right; font-variant-numeric: tabular-nums; }
+.fail { color: #b3261e; font-weight: 600; }
+.warn { color: #9a6700; }
+.ok { color: #1a7f37; }
+.info { color: #57606a; }
+.level { text-transform: uppercase; font-size: 12px; letter-spacing: .04em; }
+dl.facts { display: grid; grid-template-columns: max-content 1fr; gap: 4px 16px;
+           background: #fff; padding: 12px 16px; margin: 0; }
+dl.facts dt { color: #57606a; }
+dl.facts dd { margin: 0; }
+details.evidence { margin-top: 4px; font-size: 13px; color: #4a5568; }
+details.evidence summary { cursor: pointer; font-family: ui-monospace, monospace; }
+details.evidence pre { margin: 4px 0; padding: 6px 10px; }
+pre { background: #fff; padding: 12px 16px; overflow-x: auto; border: 1px solid #e3e6eb;
+      font: 12.5px/1.4 ui-monospace, monospace; white-space: pre-wrap; word-break: break-all; }
+nav.pages { display: flex; gap: 16px; margin-top: 12px; }
+p.count, p.links { color: #57606a; }
+header nav { display: flex; gap: 16px; align-items: center; }
+header .who { color: #c9d4ea; }
+form.inline { display: inline; margin: 0; }
+form.signin { background: #fff; padding: 20px 24px; max-width: 360px; display: grid; gap: 10px; }
+form.signin input, form.admin input, form.admin select { padding: 6px 8px; border: 1px solid #c4cad3;
+  border-radius: 4px; }
+button.danger { background: #b3261e; color: #fff; border: 0; border-radius: 4px; padding: 5px 12px; }
+button.plain { background: #4c7bd9; color: #fff; border: 0; border-radius: 4px; padding: 5px 12px; }
+p.notice { background: #fff8c5; border: 1px solid #d4a72c; padding: 8px 12px; }
+p.error { background: #ffebe9; border: 1px solid #cf222e; padding: 8px 12px; }
+code.token { background: #fff; padding: 4px 8px; border: 1px solid #e3e6eb; }
+.actions { display: flex; gap: 12px; margin: 8px 0; }
+nav.windows { display: flex; gap: 12px; margin: 8px 0 16px; }
+nav.windows a.current { font-weight: 600; text-decoration: none; color: #1d2430; }
+table.fleet svg { display: block; }
+ul.broken li { margin: 4px 0; }
+)css";
+
+Html csrfField(const Viewer &v) {
+    Html h;
+    h << "<input type=\"hidden\" name=\"csrf\" value=\"" << text(v.csrf) << "\">";
+    return h;
+}
+
+Html pager(const std::string &base, const std::string &query, int64_t pageNumber, int64_t pageSize,
+           int64_t total) {
+    Html h;
+    h << "<nav class=\"pages\">";
+    auto link = [&](const char *rel, const char *label, int64_t n) {
+        h << "<a rel=\"" << text(rel) << "\" href=\"" << text(base) << "?";
+        if (!query.empty())
+            h << "q=" << uri(query) << "&amp;";
+        h << "page=" << n << "\">" << text(label) << "</a>";
+    };
+    if (pageNumber > 1)
+        link("prev", "Newer", pageNumber - 1);
+    if (pageNumber * pageSize < total)
+        link("next", "Older", pageNumber + 1);
+    h << "</nav>\n";
+    return h;
+}
+
+std::string shownTime(std::time_t t) {
+    return utcTime(t, "%Y-%m-%d %H:%M:%S");
+}
+
+std::string frame(const std::string &title, const Viewer &v, const std::string &query,
+                  const Html &body) {
+    Html h;
+    h << "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
+         "<title>"
+      << text(title)
+      << "</title><link rel=\"stylesheet\" href=\"/static/style.css\"></head>\n<body>"
+         "<header><h1><a href=\"/\">Kobvane problem reports</a></h1>";
+    if (v.who) {
+        h << "<nav><a href=\"/\">Reports</a><a href=\"/fleet\">Fleet</a>";
+        if (v.who->role == Role::Admin)
+            h << "<a href=\"/audit\">Audit log</a><a href=\"/admin/accounts\">Accounts</a>";
+        h << "</nav><form method=\"get\" action=\"/\"><input type=\"search\" name=\"q\" value=\""
+          << text(query)
+          << "\" placeholder=\"user name or reference\" aria-label=\"Search\">"
+             "<button type=\"submit\">Search</button></form>"
+             "<span class=\"who\" id=\"who\">"
+          << text(v.who->account) << " (" << text(roleName(v.who->role))
+          << ")</span><form class=\"inline\" method=\"post\" action=\"/signout\">" << csrfField(v)
+          << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
+    }
+    h << "</header>\n<main>" << body << "</main></body></html>\n";
+    return h.str();
+}
+
+Html signIn(const std::string &csrf, const std::string &next, const std::string &msg) {
+    Html b;
+    b << "<h2>Sign in</h2>\n";
+    if (!msg.empty())
+        b << "<p class=\"error\" id=\"message\">" << text(msg) << "</p>\n";
+    b << "<form class=\"signin\" method=\"post\" action=\"/signin\">"
+         "<input type=\"hidden\" name=\"csrf\" value=\""
+      << text(csrf) << "\"><input type=\"hidden\" name=\"next\" value=\"" << text(next)
+      << "\"><label>Name <input name=\"name\" id=\"name\" autocomplete=\"username\" required>"
+         "</label><label>Password <input name=\"password\" id=\"password\" type=\"password\" "
+         "autocomplete=\"current-password\" required></label>"
+         "<button class=\"plain\" type=\"submit\" id=\"signin\">Sign in</button></form>\n";
+    return b;
+}
+
+Html message(const std::string &msg) {
+    Html b;
+    b << "<p id=\"message\">" << text(msg) << "</p>\n";
+    return b;
+}
+
+} // namespace kobreportd::pages

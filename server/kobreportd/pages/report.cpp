@@ -1,0 +1,278 @@
+// One report: its facts, its verdicts with their evidence, its findings
+// and its raw text.
+
+#include "pages.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "kobrules.h"
+#include "kobtriage.h"
+#include "parts.h"
+
+namespace kobreportd::pages {
+
+using html::Html;
+using html::text;
+using html::uri;
+
+namespace {
+
+std::string ms(double v) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.3f", v);
+    return buf;
+}
+
+Html outcomeCell(const kobtriage::ProbeResult &r) {
+    using O = kobtriage::ProbeResult::Outcome;
+    Html h;
+    switch (r.outcome) {
+    case O::Answered:
+        h << "<td class=\"num ok\">" << text(ms(r.rtt_ms)) << " ms</td>";
+        break;
+    case O::Timeout:
+        h << "<td class=\"fail\">timeout</td>";
+        break;
+    case O::Error:
+        h << "<td class=\"fail\">error " << r.err << " " << text(r.error_text) << "</td>";
+        break;
+    case O::Missing:
+        h << "<td class=\"warn\">no result</td>";
+        break;
+    }
+    return h;
+}
+
+Html address(const kobtriage::ProbeResult &r) {
+    Html h;
+    if (r.address.empty())
+        return h;
+    h << text(r.address);
+    if (r.address_inferred)
+        h << " <span class=\"info\">(inferred)</span>";
+    return h;
+}
+
+void fact(Html &b, const char *k, const Html &v) {
+    b << "<dt>" << text(k) << "</dt><dd>" << v << "</dd>";
+}
+
+void fact(Html &b, const char *k, const std::string &v) {
+    Html h;
+    h << text(v);
+    fact(b, k, h);
+}
+
+// Under a verdict: its rule, what the rule means and the report's lines
+// it rests on, folded so that the table stays short.
+Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> &lines) {
+    Html b;
+    const kobtriage::Rule *known = kobtriage::findRule(rule);
+    b << "<details class=\"evidence\"><summary>rule " << text(rule.empty() ? "(none)" : rule);
+    if (known)
+        b << " (version " << known->version << ")";
+    b << ", " << lines.size();
+    if (lines.size() == 1)
+        b << " line of the report";
+    else
+        b << " lines of the report";
+    b << "</summary>";
+    if (known)
+        b << "<p>" << text(known->meaning) << "</p>";
+    if (lines.empty()) {
+        b << "<p>It rests on what the report lacks, not on a line of it.</p>";
+    } else {
+        b << "<pre>";
+        for (const auto &l : lines)
+            b << l.number << "| " << text(l.text) << "\n";
+        b << "</pre>";
+    }
+    b << "</details>";
+    return b;
+}
+
+Html verdictRows(const kobtriage::Report &r) {
+    Html b;
+    for (const auto &v : r.verdicts) {
+        std::string lv = kobtriage::levelName(v.level);
+        b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
+          << text(v.area) << "</td><td>" << text(v.text) << evidence(v.rule, v.evidence)
+          << "</td></tr>\n";
+    }
+    return b;
+}
+
+Html findingsTables(const kobtriage::Report &r) {
+    Html b;
+    b << "<h2>UDP pass-through</h2><table id=\"udp\"><thead><tr><th>Attempt</th><th>Address</th>"
+         "<th>Result</th></tr></thead><tbody>\n";
+    for (const auto &a : r.udp)
+        b << "<tr><td>" << a.number << "</td><td>" << address(a.result) << ":" << a.result.port
+          << "</td>" << outcomeCell(a.result) << "</tr>\n";
+    auto u = r.udpSummary();
+    b << "</tbody></table><p class=\"count\">" << u.answered << "/" << u.attempts << " answered";
+    if (u.avg_ms)
+        b << ", min/avg/max " << text(ms(*u.min_ms)) << "/" << text(ms(*u.avg_ms)) << "/"
+          << text(ms(*u.max_ms)) << " ms";
+    b << "</p>\n";
+
+    b << "<h2>TCP connects</h2><table id=\"tcp\"><thead><tr><th>Probe</th><th>Target</th>"
+         "<th>Address</th><th>Port</th><th>Limit</th><th>Result</th></tr></thead><tbody>\n";
+    for (const auto &p : r.tcp)
+        b << "<tr><td>" << text(p.heading) << "</td><td>" << text(p.target) << "</td><td>"
+          << address(p.result) << "</td><td class=\"num\">" << p.result.port
+          << "</td><td class=\"num\">" << p.limit_s << " s</td>" << outcomeCell(p.result)
+          << "</tr>\n";
+    b << "</tbody></table>\n";
+
+    b << "<h2>Intranet gateways</h2><table id=\"intranet\"><thead><tr><th>Gateway</th>"
+         "<th>Result</th></tr></thead><tbody>\n";
+    for (const auto &p : r.intranet)
+        b << "<tr><td>" << text(p.address) << ":" << p.port << "</td>" << outcomeCell(p.result)
+          << "</tr>\n";
+    b << "</tbody></table>\n";
+
+    if (r.traceroute) {
+        const auto &t = *r.traceroute;
+        b << "<h2>Traceroute to " << text(t.destination)
+          << "</h2><table id=\"traceroute\"><thead><tr><th>Hop</th><th>Addresses</th>"
+             "<th>Times (ms)</th><th>Lost</th></tr></thead><tbody>\n";
+        for (const auto &h : t.hops) {
+            std::string addrs, times;
+            for (const auto &a : h.addresses)
+                addrs += (addrs.empty() ? "" : ", ") + a;
+            for (double v : h.rtts_ms)
+                times += (times.empty() ? "" : " ") + ms(v);
+            for (const auto &n : h.notes)
+                times += " " + n;
+            b << "<tr><td class=\"num\">" << h.number << "</td><td>" << text(addrs) << "</td><td>"
+              << text(times) << "</td><td class=\"num\">" << h.lost << "</td></tr>\n";
+        }
+        b << "</tbody></table>\n";
+    }
+
+    b << "<h2>Command captures</h2><table id=\"captures\"><thead><tr><th>Command</th>"
+         "<th>Lines</th></tr></thead><tbody>\n";
+    for (const auto &c : r.captures) {
+        b << "<tr><td>" << text(c.command) << "</td><td class=\"num\">";
+        if (c.empty())
+            b << "empty";
+        else
+            b << c.lines;
+        b << "</td></tr>\n";
+    }
+    b << "</tbody></table>\n";
+
+    b << "<h2>Client logs</h2><table id=\"logs\"><thead><tr><th>File</th><th>State</th>"
+         "<th>Size</th></tr></thead><tbody>\n";
+    for (const auto &l : r.logs)
+        b << "<tr><td>" << text(l.file) << "</td><td>" << text(kobtriage::stateName(l.state))
+          << "</td><td class=\"num\">" << l.size << "</td></tr>\n";
+    b << "</tbody></table>\n";
+    return b;
+}
+
+// The verdicts kept for a report whose raw text has expired.
+Html keptVerdicts(const std::string &findings) {
+    Html b;
+    auto j = nlohmann::json::parse(findings, nullptr, false);
+    if (j.is_discarded() || !j.contains("verdict_levels") || !j["verdict_levels"].is_array())
+        return b;
+    for (const auto &v : j["verdict_levels"]) {
+        auto str = [&v](const char *k) {
+            return v.contains(k) && v[k].is_string() ? v[k].get<std::string>() : std::string();
+        };
+        std::vector<kobtriage::SourceLine> lines;
+        if (v.contains("evidence") && v["evidence"].is_array())
+            for (const auto &l : v["evidence"])
+                if (l.is_object() && l.contains("line") && l["line"].is_number_unsigned() &&
+                    l.contains("text") && l["text"].is_string())
+                    lines.push_back({l["line"].get<std::size_t>(), l["text"].get<std::string>()});
+        b << "<tr class=\"" << text(str("level")) << "\"><td class=\"level\">" << text(str("level"))
+          << "</td><td>" << text(str("area")) << "</td><td>" << text(str("text"));
+        if (v.contains("rule"))
+            b << evidence(str("rule"), lines);
+        b << "</td></tr>\n";
+    }
+    return b;
+}
+
+} // namespace
+
+Html report(const StoredReport &s, const std::string &raw, bool revealed, const Viewer &v,
+            int retainDays) {
+    bool admin = v.who && v.who->role == Role::Admin;
+    Html b;
+    b << "<h2 id=\"reference\">" << text(s.reference) << "</h2>\n";
+    if (revealed)
+        b << "<p class=\"notice\" id=\"revealed\">Unmasked: this view shows the user's own "
+             "addresses. It is in the audit log.</p>\n";
+    std::optional<kobtriage::Report> r;
+    if (!s.raw_expired)
+        r = kobtriage::parse(raw);
+    b << "<dl class=\"facts\">";
+    fact(b, "Received (UTC)", shownTime(s.received_at));
+    fact(b, "User (form)", s.form_username.value_or(""));
+    fact(b, "User (report)", r ? r->username.value_or("") : s.report_username.value_or(""));
+    if (r) {
+        fact(b, "Run started", r->timestamp.value_or(""));
+        fact(b, "Version", r->version.value_or(""));
+        fact(b, "OS", r->os.value_or(""));
+        fact(b, "From", revealed ? s.peer : std::string("(masked)"));
+    }
+    fact(b, "Size", std::to_string(s.size) + " bytes");
+    b << "</dl>\n";
+    if (s.raw_expired) {
+        b << "<p class=\"notice\" id=\"expired\">The raw text of this report has expired";
+        if (retainDays > 0)
+            b << " (reports keep it " << retainDays << " days)";
+        b << "; its summary and findings remain.</p>\n";
+    }
+    b << "<div class=\"actions\">";
+    b << "<a href=\"/api/reports/" << uri(s.reference) << "\">JSON (API)</a>";
+    std::string user = s.form_username && !s.form_username->empty()
+                           ? *s.form_username
+                           : s.report_username.value_or("");
+    if (!user.empty())
+        b << "<a href=\"/users/" << uri(user) << "\" id=\"timeline\">all reports of " << text(user)
+          << "</a>";
+    if (!s.raw_expired)
+        b << "<a href=\"/reports/" << uri(s.reference) << "/raw\">raw text</a>";
+    if (admin && !s.raw_expired && !revealed)
+        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
+          << "/reveal\">" << csrfField(v)
+          << "<button class=\"plain\" type=\"submit\" id=\"reveal\">Reveal addresses</button>"
+             "</form>";
+    if (admin && revealed)
+        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
+          << "/raw\">" << csrfField(v)
+          << "<button class=\"plain\" type=\"submit\">Download unmasked raw text</button></form>";
+    if (admin)
+        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
+          << "/delete\">" << csrfField(v)
+          << "<button class=\"danger\" type=\"submit\" id=\"delete\">Delete report</button>"
+             "</form>";
+    b << "</div>\n";
+    if (!s.raw_expired && s.why)
+        b << "<h2>User's comment</h2><pre id=\"why\">" << text(*s.why) << "</pre>\n";
+
+    b << "<h2>Verdicts</h2><table id=\"verdicts\"><thead><tr><th>Level</th><th>Area</th>"
+         "<th>Verdict</th></tr></thead><tbody>\n";
+    b << (r ? verdictRows(*r) : keptVerdicts(s.findings)) << "</tbody></table>\n";
+    if (!r) {
+        b << "<h2>Summary</h2><p id=\"summary\">" << text(s.summary) << "</p>\n";
+        return b;
+    }
+    b << findingsTables(*r);
+    if (!r->unknown.empty()) {
+        b << "<h2>Not understood</h2>\n";
+        for (const auto &sct : r->unknown)
+            b << "<h3>" << text(sct.heading.empty() ? "(outside any heading)" : sct.heading)
+              << "</h3><pre>" << text(sct.text) << "</pre>\n";
+    }
+    b << "<h2>Raw report</h2><pre id=\"raw\">" << text(raw) << "</pre>\n";
+    return b;
+}
+
+} // namespace kobreportd::pages

@@ -1,0 +1,172 @@
+#include "migrations.h"
+
+#include <cstdlib>
+#include <string>
+
+namespace kobreportd {
+
+namespace {
+
+std::string ddl(sql::Dialect d, std::string s) {
+    auto put = [&s](const std::string &what, const char *with) {
+        for (size_t p; (p = s.find(what)) != std::string::npos;)
+            s.replace(p, what.size(), with);
+    };
+    bool pg = d == sql::Dialect::Postgres;
+    put("{ID}", pg ? "BIGSERIAL PRIMARY KEY" : "INTEGER PRIMARY KEY AUTOINCREMENT");
+    put("{INT}", pg ? "BIGINT" : "INTEGER");
+    put("{BLOB}", pg ? "BYTEA" : "BLOB");
+    return s;
+}
+
+// The reports as kobdiag sends them.  The first layout had no record of
+// its own number: a database with this table and no kob_meta is at step 1.
+void reports(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS reports ("
+                   " id {ID},"
+                   " reference TEXT UNIQUE,"
+                   " received_at {INT} NOT NULL,"
+                   " form_username TEXT,"
+                   " report_username TEXT,"
+                   " summary TEXT NOT NULL,"
+                   " peer TEXT NOT NULL,"
+                   " size {INT} NOT NULL,"
+                   " \"desc\" {BLOB} NOT NULL,"
+                   " why {BLOB})"));
+}
+
+// Accounts, sessions, tokens, the append-only audit log, and expired raw
+// text with the findings kept for it.
+void staffAndRetention(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN raw_expired {INT} NOT NULL DEFAULT 0"));
+    c.query("ALTER TABLE reports ADD COLUMN findings TEXT NOT NULL DEFAULT ''");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_time ON reports (received_at)");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS users ("
+                   " name TEXT PRIMARY KEY, role TEXT NOT NULL, pw_hash TEXT NOT NULL,"
+                   " created_at {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS tokens ("
+                   " name TEXT PRIMARY KEY, token_id TEXT NOT NULL UNIQUE,"
+                   " role TEXT NOT NULL, hash TEXT NOT NULL, created_at {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS sessions ("
+                   " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
+                   " created_at {INT} NOT NULL, last_seen {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS audit ("
+                   " id {ID}, at {INT} NOT NULL, account TEXT NOT NULL,"
+                   " address TEXT NOT NULL, action TEXT NOT NULL, reference TEXT NOT NULL,"
+                   " detail TEXT NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS audit_by_account ON audit (action, account, at)");
+    c.query("CREATE INDEX IF NOT EXISTS audit_by_address ON audit (action, address, at)");
+    if (d == sql::Dialect::Postgres) {
+        c.query("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
+                " LANGUAGE plpgsql AS"
+                " $body$BEGIN RAISE EXCEPTION 'the audit log is append-only'; END$body$");
+        c.query("CREATE OR REPLACE TRIGGER audit_append_only BEFORE UPDATE OR DELETE ON"
+                " audit FOR EACH ROW EXECUTE FUNCTION kob_audit_append_only()");
+        c.query("CREATE OR REPLACE TRIGGER audit_no_truncate BEFORE TRUNCATE ON audit"
+                " FOR EACH STATEMENT EXECUTE FUNCTION kob_audit_append_only()");
+    } else {
+        for (const char *op : {"UPDATE", "DELETE"})
+            c.query(std::string("CREATE TRIGGER IF NOT EXISTS audit_append_only_") + op +
+                    " BEFORE " + op +
+                    " ON audit BEGIN SELECT RAISE(ABORT, 'the audit log is append-only');"
+                    " END");
+    }
+    c.query("CREATE TABLE IF NOT EXISTS kob_meta (key TEXT PRIMARY KEY, value TEXT NOT NULL)");
+}
+
+// Each report's outcome per target, and the alerts on targets.  Reports
+// stored before this layout have no outcomes: the fleet's numbers start
+// with it.
+void outcomesAndAlerts(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS outcomes ("
+                   " report_id {INT} NOT NULL, received_at {INT} NOT NULL, area TEXT NOT NULL,"
+                   " target TEXT NOT NULL, failing {INT} NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS outcomes_by_time ON outcomes (received_at)");
+    c.query("CREATE INDEX IF NOT EXISTS outcomes_by_report ON outcomes (report_id)");
+    // The same per hour, kept up to date at intake, so that the fleet's
+    // numbers over a month read a few thousand rows, not every outcome.
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS outcome_hours ("
+                   " area TEXT NOT NULL, target TEXT NOT NULL, hour {INT} NOT NULL,"
+                   " reports {INT} NOT NULL, failing {INT} NOT NULL,"
+                   " PRIMARY KEY (hour, area, target))"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS alerts ("
+                   " id {ID}, area TEXT NOT NULL, target TEXT NOT NULL, raised_at {INT} NOT NULL,"
+                   " cleared_at {INT}, share TEXT NOT NULL, baseline TEXT NOT NULL)"));
+    // One open alert per target, whichever instance raises it.
+    c.query("CREATE UNIQUE INDEX IF NOT EXISTS alerts_open ON alerts (area, target)"
+            " WHERE cleared_at IS NULL");
+}
+
+// The rule set's version behind each report's summary and outcomes.  Reports
+// stored before it count as version 0, older than any rule set, so that
+// retriage gives them outcomes too.
+void rulesVersion(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN rules {INT} NOT NULL DEFAULT 0"));
+}
+
+// Report texts written from now on are zstd frames; those already stored
+// stay as they came (desc_zstd 0) and read as before.  PostgreSQL is told
+// not to compress them a second time.
+void compressedTexts(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN desc_zstd {INT} NOT NULL DEFAULT 0"));
+    if (d == sql::Dialect::Postgres)
+        c.query("ALTER TABLE reports ALTER COLUMN \"desc\" SET STORAGE EXTERNAL");
+}
+
+bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
+    const char *q =
+        d == sql::Dialect::Postgres
+            ? "SELECT count(*) AS n FROM pg_catalog.pg_tables"
+              " WHERE schemaname = current_schema() AND tablename = $1"
+            : "SELECT count(*) AS n FROM sqlite_master WHERE type = 'table' AND name = $1";
+    return c.query(q, {sql::text(name)}).integer(0, "n") > 0;
+}
+
+struct Step {
+    int layout;
+    void (*apply)(sql::Dialect, sql::Conn &);
+};
+
+// Each step brings the layout before it to its own number.  A new layout
+// is a new row at the end; rows are never changed once released.
+constexpr Step kSteps[] = {
+    {1, reports},      {2, staffAndRetention}, {3, outcomesAndAlerts},
+    {4, rulesVersion}, {5, compressedTexts},
+};
+
+} // namespace
+
+int currentLayout() {
+    return std::end(kSteps)[-1].layout;
+}
+
+void migrate(sql::Db &db) {
+    sql::Dialect d = db.dialect();
+    db.transaction([&](sql::Conn &c) {
+        // Instances starting together must not race to change the layout.
+        if (d == sql::Dialect::Postgres)
+            c.query("SELECT pg_advisory_xact_lock(7246001)");
+        int layout = 0;
+        if (tableExists(d, c, "kob_meta")) {
+            auto v = c.query("SELECT value FROM kob_meta WHERE key = 'schema'");
+            layout = v.empty()
+                         ? 0
+                         : static_cast<int>(std::strtol(v.str(0, "value").c_str(), nullptr, 10));
+        } else if (tableExists(d, c, "reports")) {
+            layout = 1;
+        }
+        if (layout > currentLayout())
+            throw StoreError("the database was written by a newer kobreportd (layout " +
+                             std::to_string(layout) + ")");
+        if (layout == currentLayout())
+            return;
+        for (const Step &s : kSteps)
+            if (s.layout > layout)
+                s.apply(d, c);
+        c.query("DELETE FROM kob_meta WHERE key = 'schema'");
+        c.query("INSERT INTO kob_meta (key, value) VALUES ('schema', $1)",
+                {sql::text(std::to_string(currentLayout()))});
+    });
+}
+
+} // namespace kobreportd

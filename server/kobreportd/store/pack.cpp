@@ -1,0 +1,42 @@
+#include "pack.h"
+
+#include <memory>
+#include <zstd.h>
+
+#include "sql.h"
+
+namespace kobreportd {
+
+// Reports are kept as zstd frames: their logs shrink several times over,
+// and with them the database, its log and every sync to disk before an
+// answer.  Level 1 keeps up with the intake.
+std::string pack(std::string_view text) {
+    thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> cctx(ZSTD_createCCtx(),
+                                                                          ZSTD_freeCCtx);
+    if (!cctx)
+        throw StoreError("cannot compress the report: out of memory");
+    // Left uninitialised: of a large report's bound only the compressed
+    // part is ever touched.
+    size_t bound = ZSTD_compressBound(text.size());
+    std::unique_ptr<char[]> out(new char[bound]);
+    size_t n = ZSTD_compressCCtx(cctx.get(), out.get(), bound, text.data(), text.size(), 1);
+    if (ZSTD_isError(n))
+        throw StoreError(std::string("cannot compress the report: ") + ZSTD_getErrorName(n));
+    return std::string(out.get(), n);
+}
+
+std::string unpack(const std::string &stored, bool packed, int64_t size) {
+    if (!packed)
+        return stored;
+    unsigned long long want = ZSTD_getFrameContentSize(stored.data(), stored.size());
+    if (want == ZSTD_CONTENTSIZE_ERROR || want == ZSTD_CONTENTSIZE_UNKNOWN ||
+        want != static_cast<unsigned long long>(size))
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    std::string text(static_cast<size_t>(want), '\0');
+    size_t n = ZSTD_decompress(text.data(), text.size(), stored.data(), stored.size());
+    if (ZSTD_isError(n) || n != want)
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    return text;
+}
+
+} // namespace kobreportd

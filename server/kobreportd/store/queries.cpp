@@ -1,0 +1,143 @@
+// Reading reports back: one by reference, a page of the list, one user's,
+// and deleting one whole.
+
+#include "store.h"
+
+#include "migrations.h"
+#include "outcomes.h"
+#include "pack.h"
+#include "text.h"
+
+namespace kobreportd {
+
+namespace {
+
+// The columns of a list's row, and of a whole report.
+constexpr const char *kListColumns =
+    "id, reference, received_at, form_username, report_username, summary, size, raw_expired";
+
+ListItem listItem(const sql::Rows &r, size_t i) {
+    ListItem it;
+    it.reference = r.str(i, "reference");
+    it.received_at = static_cast<std::time_t>(r.integer(i, "received_at"));
+    it.form_username = r.opt(i, "form_username");
+    it.report_username = r.opt(i, "report_username");
+    it.summary = r.str(i, "summary");
+    it.size = r.integer(i, "size");
+    it.raw_expired = r.integer(i, "raw_expired") != 0;
+    return it;
+}
+
+StoredReport storedReport(const sql::Rows &r, size_t i) {
+    StoredReport s;
+    ListItem it = listItem(r, i);
+    s.id = r.integer(i, "id");
+    s.reference = std::move(it.reference);
+    s.received_at = it.received_at;
+    s.form_username = std::move(it.form_username);
+    s.report_username = std::move(it.report_username);
+    s.summary = std::move(it.summary);
+    s.size = it.size;
+    s.raw_expired = it.raw_expired;
+    s.peer = r.str(i, "peer");
+    s.why = r.opt(i, "why");
+    s.findings = r.str(i, "findings");
+    s.desc = unpack(r.str(i, "desc"), r.integer(i, "desc_zstd") != 0, s.size);
+    return s;
+}
+
+} // namespace
+
+Store::Store(sql::Db &db) : db_(db) {
+    kobreportd::migrate(db_);
+}
+
+std::optional<StoredReport> Store::get(const std::string &reference) {
+    if (!plausibleReference(reference))
+        return std::nullopt;
+    auto rows = db_.read(std::string("SELECT ") + kListColumns +
+                             ", peer, \"desc\", why, findings, desc_zstd FROM reports"
+                             " WHERE reference = $1",
+                         {sql::text(reference)});
+    if (rows.empty())
+        return std::nullopt;
+    return storedReport(rows, 0);
+}
+
+ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
+    const char *like = db_.dialect() == sql::Dialect::Postgres ? "ILIKE" : "LIKE";
+    std::string where = std::string(" WHERE reference IS NOT NULL AND ($1 = '' OR"
+                                    " upper(reference) = upper($1) OR reference ") +
+                        like + " $2 ESCAPE '\\' OR form_username " + like +
+                        " $3 ESCAPE '\\' OR report_username " + like + " $3 ESCAPE '\\')";
+    std::string q = cleanText(query), esc = likeEscape(q);
+    std::string prefix = esc + "%", part = "%" + esc + "%";
+    ListPage page;
+    page.total = db_.read("SELECT count(*) AS n FROM reports" + where,
+                          {sql::text(q), sql::text(prefix), sql::text(part)})
+                     .integer(0, "n");
+    auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +
+                             " ORDER BY id DESC LIMIT $4 OFFSET $5",
+                         {sql::text(q), sql::text(prefix), sql::text(part), sql::integer(limit),
+                          sql::integer(offset)});
+    for (size_t i = 0; i < rows.size(); i++)
+        page.items.push_back(listItem(rows, i));
+    return page;
+}
+
+std::vector<Outcome> Store::outcomes(int64_t id) {
+    auto rows = db_.read("SELECT area, target, failing FROM outcomes WHERE report_id = $1"
+                         " ORDER BY area, target",
+                         {sql::integer(id)});
+    std::vector<Outcome> out;
+    for (size_t i = 0; i < rows.size(); i++)
+        out.push_back(
+            {rows.str(i, "area"), rows.str(i, "target"), rows.integer(i, "failing") != 0});
+    return out;
+}
+
+std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t limit) {
+    std::string n = cleanText(name);
+    auto rows = db_.read(std::string("SELECT ") + kListColumns +
+                             " FROM reports WHERE reference IS NOT NULL AND"
+                             " (form_username = $1 OR report_username = $1)"
+                             " ORDER BY id DESC LIMIT $2",
+                         {sql::text(n), sql::integer(limit)});
+    std::vector<UserReport> out;
+    for (size_t i = 0; i < rows.size(); i++) {
+        UserReport u;
+        u.item = listItem(rows, i);
+        u.outcomes = outcomes(rows.integer(i, "id"));
+        out.push_back(std::move(u));
+    }
+    return out;
+}
+
+bool Store::remove(const std::string &reference) {
+    if (!plausibleReference(reference))
+        return false;
+    bool found = false;
+    db_.transaction([&](sql::Conn &c) {
+        auto rows = c.query("DELETE FROM reports WHERE reference = $1 RETURNING id",
+                            {sql::text(reference)});
+        found = !rows.empty();
+        if (!found)
+            return;
+        dropOutcomes(c, rows.integer(0, "id"));
+    });
+    if (found)
+        db_.scrub();
+    return found;
+}
+
+Store::RulesCount Store::countByRules(int rules) {
+    auto rows = db_.read("SELECT raw_expired, count(*) AS n FROM reports WHERE rules < $1"
+                         " GROUP BY raw_expired",
+                         {sql::integer(rules)});
+    RulesCount n;
+    for (size_t i = 0; i < rows.size(); i++)
+        (rows.integer(i, "raw_expired") ? n.expired : n.older) += rows.integer(i, "n");
+    return n;
+}
+
+} // namespace kobreportd
