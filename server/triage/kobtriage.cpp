@@ -18,18 +18,19 @@
 
 #include "kobrules.h"
 #include "kobrun.h"
+#include "probes.h"
+#include "scan.h"
 
 namespace kobtriage {
 
 namespace {
 
-using sv = std::string_view;
+using namespace scan;
 
 constexpr sv kHeading = "==> ";
 constexpr sv kTailHeading =
     "==> All tests had done now and will send the report to KOBVANE\n    server after ";
 constexpr sv kCountdownPrefix = "==> Press CTRL-c if you want aborting this operation within ";
-constexpr sv kPopenError = "_popen() error";
 
 struct LogProgram {
     sv heading;
@@ -50,279 +51,6 @@ constexpr int kIntranetLimit = kobrun::kIntranetLimitSeconds;
 constexpr int kUdpAttempts = kobrun::kUdpAttempts;
 constexpr int kIntranetProbes = kobrun::kIntranetProbes;
 constexpr int kStatusCaptures = kobrun::kStatusCaptures;
-
-bool startsWith(sv s, sv p) {
-    return s.substr(0, p.size()) == p;
-}
-bool endsWith(sv s, sv p) {
-    return s.size() >= p.size() && s.substr(s.size() - p.size()) == p;
-}
-
-// The logs region runs to hundreds of megabytes.  Forward, the C library's
-// memmem searches it several times faster than a skip table would, and it
-// does not stop at every '=' or '[' as a search by first character does.
-// Backward there is no such function: Boyer-Moore-Horspool skips up to a
-// label's length at each step, and below that many bytes building its skip
-// table costs more than it saves.
-constexpr std::size_t kSkipSearchFrom = std::size_t{16} * 1024;
-
-std::size_t findIn(sv hay, sv needle, std::size_t from = 0) {
-    if (from > hay.size())
-        return sv::npos;
-    const void *p = memmem(hay.data() + from, hay.size() - from, needle.data(), needle.size());
-    return p ? static_cast<std::size_t>(static_cast<const char *>(p) - hay.data()) : sv::npos;
-}
-
-// The same from the end: the countdown stands at the very end of an
-// uploaded report, and a file report has none.
-std::size_t rfindIn(sv hay, sv needle) {
-    if (needle.size() > hay.size())
-        return sv::npos;
-    if (hay.size() < kSkipSearchFrom) {
-        // Back from the end by the first character, not at every position.
-        std::size_t end = hay.size() - needle.size() + 1;
-        while (end > 0) {
-            const void *p = memrchr(hay.data(), needle.front(), end);
-            if (!p)
-                break;
-            auto at = static_cast<std::size_t>(static_cast<const char *>(p) - hay.data());
-            if (hay.compare(at, needle.size(), needle) == 0)
-                return at;
-            end = at;
-        }
-        return sv::npos;
-    }
-    auto it = std::search(hay.rbegin(), hay.rend(),
-                          std::boyer_moore_horspool_searcher(needle.rbegin(), needle.rend()));
-    return it == hay.rend() ? sv::npos : static_cast<std::size_t>(hay.rend() - it) - needle.size();
-}
-
-std::optional<int> toInt(sv s) {
-    int v = 0;
-    if (s.empty())
-        return std::nullopt;
-    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (r.ec != std::errc() || r.ptr != s.data() + s.size())
-        return std::nullopt;
-    return v;
-}
-
-std::optional<double> toDouble(sv s) {
-    double v = 0;
-    if (s.empty())
-        return std::nullopt;
-    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (r.ec != std::errc() || r.ptr != s.data() + s.size())
-        return std::nullopt;
-    return v;
-}
-
-// Evidence shows a line's beginning; a capture or log may hold lines of
-// megabytes.
-constexpr std::size_t kEvidenceMax = 400;
-
-SourceLine sourceLine(std::size_t number, sv text) {
-    if (text.size() <= kEvidenceMax)
-        return {number, std::string(text)};
-    return {number, std::string(text.substr(0, kEvidenceMax)) + "[...]"};
-}
-
-// "UDP src --%f ms--> dst(%s:%d)" and its TCP twin.
-bool parseRttLine(sv line, sv proto, ProbeResult &r) {
-    constexpr sv srcArrow = " src --";
-    if (!startsWith(line, proto) || !startsWith(line.substr(proto.size()), srcArrow) ||
-        !endsWith(line, ")"))
-        return false;
-    sv rest = line.substr(proto.size() + srcArrow.size());
-    auto mid = rest.find(" ms--> dst(");
-    if (mid == sv::npos)
-        return false;
-    auto ms = toDouble(rest.substr(0, mid));
-    sv dst = rest.substr(mid + 11);
-    dst.remove_suffix(1);
-    auto colon = dst.rfind(':');
-    if (!ms || colon == sv::npos)
-        return false;
-    auto port = toInt(dst.substr(colon + 1));
-    if (!port)
-        return false;
-    r.outcome = ProbeResult::Outcome::Answered;
-    r.rtt_ms = *ms;
-    r.address = std::string(dst.substr(0, colon));
-    r.port = *port;
-    return true;
-}
-
-// "recvfrom error: %d %s" or "connect(2) fail: %d %s".
-bool parseErrorLine(sv line, sv prefix, ProbeResult &r) {
-    if (!startsWith(line, prefix))
-        return false;
-    sv rest = line.substr(prefix.size());
-    auto sp = rest.find(' ');
-    auto num = toInt(rest.substr(0, sp));
-    if (!num)
-        return false;
-    r.outcome = ProbeResult::Outcome::Error;
-    r.err = *num;
-    r.error_text = sp == sv::npos ? std::string() : std::string(rest.substr(sp + 1));
-    return true;
-}
-
-// One line of the probe region: its text, whether a line feed ended it, and
-// its number in the report.
-struct Line {
-    sv text;
-    bool newline;
-    std::size_t number;
-};
-
-void takeProbeLines(const std::vector<Line> &lines, bool udp, ProbeResult &r,
-                    std::vector<SourceLine> &popen) {
-    for (const auto &l : lines) {
-        sv line = l.text;
-        if (line.empty())
-            continue;
-        if (line == kPopenError) {
-            popen.push_back(sourceLine(l.number, line));
-            continue;
-        }
-        if (r.outcome == ProbeResult::Outcome::Missing) {
-            bool taken = false;
-            if (udp) {
-                taken = parseRttLine(line, "UDP", r) || parseErrorLine(line, "recvfrom error: ", r);
-                if (!taken && line == "UDP: select timeout") {
-                    r.outcome = ProbeResult::Outcome::Timeout;
-                    taken = true;
-                }
-            } else {
-                taken =
-                    parseRttLine(line, "TCP", r) || parseErrorLine(line, "connect(2) fail: ", r);
-                if (!taken && line == "TCP: select timeout") {
-                    r.outcome = ProbeResult::Outcome::Timeout;
-                    taken = true;
-                }
-            }
-            if (taken) {
-                r.line = sourceLine(l.number, line);
-                continue;
-            }
-        }
-        r.extra.emplace_back(line);
-    }
-}
-
-std::optional<std::string> ctimeToIso(sv t) {
-    static constexpr std::array<sv, 12> months = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    std::vector<sv> words;
-    std::size_t i = 0;
-    while (i < t.size()) {
-        while (i < t.size() && t[i] == ' ')
-            i++;
-        std::size_t j = i;
-        while (j < t.size() && t[j] != ' ')
-            j++;
-        if (j > i)
-            words.push_back(t.substr(i, j - i));
-        i = j;
-    }
-    if (words.size() != 5)
-        return std::nullopt;
-    auto m = std::find(months.begin(), months.end(), words[1]);
-    auto day = toInt(words[2]);
-    auto year = toInt(words[4]);
-    sv hms = words[3];
-    if (m == months.end() || !day || !year || hms.size() != 8 || hms[2] != ':' || hms[5] != ':')
-        return std::nullopt;
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%.*s", *year,
-                  static_cast<int>(m - months.begin()) + 1, *day, 8, hms.data());
-    return std::string(buf);
-}
-
-bool isAddress(sv w) {
-    if (w.empty())
-        return false;
-    bool digit = false, sep = false;
-    for (char c : w) {
-        if (c >= '0' && c <= '9')
-            digit = true;
-        else if (c == '.' || c == ':')
-            sep = true;
-        else if (!((c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')))
-            return false;
-    }
-    return digit && sep;
-}
-
-std::vector<sv> words(sv line) {
-    std::vector<sv> out;
-    std::size_t i = 0;
-    while (i < line.size()) {
-        while (i < line.size() && (line[i] == ' ' || line[i] == '\t'))
-            i++;
-        std::size_t j = i;
-        while (j < line.size() && line[j] != ' ' && line[j] != '\t')
-            j++;
-        if (j > i)
-            out.push_back(line.substr(i, j - i));
-        i = j;
-    }
-    return out;
-}
-
-void takeHopWords(Hop &hop, const std::vector<sv> &w, std::size_t from) {
-    for (std::size_t k = from; k < w.size(); k++) {
-        sv t = w[k];
-        if (t == "*") {
-            hop.lost++;
-        } else if (k + 1 < w.size() && w[k + 1] == "ms" && toDouble(t)) {
-            hop.rtts_ms.push_back(*toDouble(t));
-            k++;
-        } else if (startsWith(t, "!")) {
-            hop.notes.emplace_back(t);
-        } else {
-            // Without -n a name comes first and the address follows in parentheses.
-            if (t.size() > 2 && t.front() == '(' && t.back() == ')')
-                t = t.substr(1, t.size() - 2);
-            if (isAddress(t) &&
-                std::find(hop.addresses.begin(), hop.addresses.end(), t) == hop.addresses.end())
-                hop.addresses.emplace_back(t);
-        }
-    }
-}
-
-Traceroute parseTraceroute(sv command, const std::vector<Line> &lines) {
-    Traceroute tr;
-    tr.command = std::string(command);
-    auto cw = words(command);
-    if (!cw.empty())
-        tr.destination = std::string(cw.back());
-    bool any = false;
-    for (const auto &l : lines) {
-        sv line = l.text;
-        if (line.empty())
-            continue;
-        any = true;
-        auto w = words(line);
-        auto num = w.empty() ? std::nullopt : toInt(w[0]);
-        if (num && *num > 0) {
-            Hop hop;
-            hop.number = *num;
-            hop.line = sourceLine(l.number, line);
-            takeHopWords(hop, w, 1);
-            tr.hops.push_back(std::move(hop));
-        } else if (!tr.hops.empty() && !w.empty() && (line[0] == ' ' || line[0] == '\t') &&
-                   (isAddress(w[0]) || w[0] == "*")) {
-            // A further responder of the same hop on a line of its own.
-            takeHopWords(tr.hops.back(), w, 0);
-        } else {
-            tr.other_lines.emplace_back(line);
-        }
-    }
-    tr.printed_nothing = !any;
-    return tr;
-}
 
 enum class Kind {
     Unknown,
@@ -401,25 +129,6 @@ Heading classify(sv h) {
     return r;
 }
 
-// Line feeds counted in 16 one-byte lanes, which the compiler turns into
-// vector compares; each lane is emptied into the total before it can wrap.
-std::size_t countLineFeeds(sv s) {
-    constexpr std::size_t kLanes = 16, kRounds = 255;
-    std::size_t n = 0, i = 0;
-    while (s.size() - i >= kLanes) {
-        unsigned char lanes[kLanes] = {};
-        std::size_t rounds = std::min(kRounds, (s.size() - i) / kLanes);
-        for (std::size_t r = 0; r < rounds; r++, i += kLanes)
-            for (std::size_t k = 0; k < kLanes; k++)
-                lanes[k] += s[i + k] == '\n';
-        for (unsigned char c : lanes)
-            n += c;
-    }
-    for (; i < s.size(); i++)
-        n += s[i] == '\n';
-    return n;
-}
-
 // Lines, split once more where a known heading follows text that had no
 // line feed of its own (a capture whose last line was not terminated); both
 // parts keep the number of the line they share.
@@ -458,26 +167,6 @@ std::string joinLines(const std::vector<Line> &lines) {
     }
     return s;
 }
-
-// Line numbers of offsets into the text, counted forward from the last
-// offset asked for, so that a pass over the logs counts each byte once.
-class LineCounter {
-  public:
-    explicit LineCounter(sv text) : text_(text) {}
-    std::size_t at(std::size_t offset) {
-        if (offset < offset_) {
-            offset_ = 0;
-            line_ = 1;
-        }
-        line_ += countLineFeeds(text_.substr(offset_, offset - offset_));
-        offset_ = offset;
-        return line_;
-    }
-
-  private:
-    sv text_;
-    std::size_t offset_ = 0, line_ = 1;
-};
 
 class Parser {
   public:
