@@ -158,8 +158,15 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
     SignIn out;
     std::time_t t = now();
     std::string who = cleanText(name);
+    auto rows = db_.read("SELECT pw_hash FROM users WHERE name = $1", {sql::text(who)});
+    // What a stranger types into the name field is not kept: the log names
+    // an account only when there is one.  Failures under other names count
+    // against their address alone.
+    std::string logged = rows.empty() ? std::string(kNoSuchAccount) : who;
     std::time_t until = 0;
     for (const char *column : {"account", "address"}) {
+        if (column[1] == 'c' && rows.empty())
+            continue;
         std::time_t end = audit_.burstEnd("signin.failed", column, column[1] == 'c' ? who : address,
                                           kSignInFailures, kSignInWindow, t);
         if (end && end + kSignInWindow > t)
@@ -168,15 +175,14 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
     if (until) {
         out.result = SignIn::Result::Locked;
         out.retry_after = until - t;
-        audit_.record(who, address, "signin.locked");
+        audit_.fold(logged, address, "signin.locked");
         return out;
     }
-    auto rows = db_.read("SELECT pw_hash FROM users WHERE name = $1", {sql::text(who)});
     // An unknown name costs the same hash as a known one.
     bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password) &&
               !rows.empty();
     if (!ok) {
-        audit_.record(who, address, "signin.failed");
+        audit_.fold(logged, address, "signin.failed");
         return out;
     }
     out.result = SignIn::Result::Ok;

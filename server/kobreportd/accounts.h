@@ -40,6 +40,8 @@ struct AccountInfo {
 constexpr std::time_t kSessionIdle = std::time_t{30} * 60;
 constexpr std::time_t kSessionAbsolute = std::time_t{12} * 60 * 60;
 constexpr int kSignInFailures = 5;
+// The audit log's account for a sign-in under a name that is no account.
+constexpr const char *kNoSuchAccount = "(no such account)";
 constexpr std::time_t kSignInWindow = std::time_t{5} * 60;
 
 class Accounts {

@@ -24,6 +24,7 @@ int usage() {
         "                  [--rate PER_MINUTE] [--max-inflight N] [--max-body BYTES]\n"
         "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
+        "                  [--alert-min-senders N] [--targets FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
         "       kobreportd user del NAME --db PATH_OR_URL\n"
         "       kobreportd user list --db PATH_OR_URL\n"
@@ -31,7 +32,7 @@ int usage() {
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
-        "       kobreportd retriage --db PATH_OR_URL\n");
+        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n");
     return 1;
 }
 
@@ -125,12 +126,16 @@ int retriage(Store &store, Audit &audit, const char *who) {
 } // namespace
 
 int command(const std::vector<std::string> &args) {
-    std::string db, role, olderThan;
+    std::string db, role, olderThan, targets;
     std::vector<std::string> words;
     for (size_t i = 0; i < args.size(); i++) {
-        if ((args[i] == "--db" || args[i] == "--role" || args[i] == "--older-than") &&
+        if ((args[i] == "--db" || args[i] == "--role" || args[i] == "--older-than" ||
+             args[i] == "--targets") &&
             i + 1 < args.size()) {
-            (args[i] == "--db" ? db : args[i] == "--role" ? role : olderThan) = args[i + 1];
+            (args[i] == "--db"           ? db
+             : args[i] == "--role"       ? role
+             : args[i] == "--older-than" ? olderThan
+                                         : targets) = args[i + 1];
             i++;
         } else if (args[i].rfind("--", 0) == 0) {
             return usage();
@@ -149,7 +154,7 @@ int command(const std::vector<std::string> &args) {
         : what == "purge"  ? words.size() != 1 || olderThan.empty()
                            : (what != "user" && what != "token") || !(named || listing))
         return usage();
-    if (!role.empty() && !(named && verb == "add"))
+    if ((!role.empty() && !(named && verb == "add")) || (!targets.empty() && what != "retriage"))
         return usage();
     std::optional<Role> r = parseRole(role.empty() ? "viewer" : role);
     if (!r || (what == "user" && verb == "add" && role.empty()))
@@ -173,8 +178,17 @@ int command(const std::vector<std::string> &args) {
         Audit audit(*database);
         Accounts accounts(*database, audit);
         const char *who = "kobreportd (command line)";
-        if (what == "retriage")
+        if (what == "retriage") {
+            // Outcomes are kept for the targets the server counts.
+            if (!targets.empty()) {
+                std::string error;
+                auto policy = FleetPolicy::fromFile(targets, error);
+                if (!policy)
+                    return fail(error);
+                setFleetPolicy(std::move(*policy));
+            }
             return retriage(store, audit, who);
+        }
         if (what == "purge") {
             int64_t n = expireOldReports(store, audit, static_cast<int>(days), who);
             std::printf("%lld %s expired\n", static_cast<long long>(n),

@@ -1,7 +1,14 @@
 #include "fleet.h"
 
+#include <algorithm>
+#include <arpa/inet.h>
 #include <cmath>
+#include <cstdio>
+#include <fstream>
 #include <map>
+
+#include "kobrun.h"
+#include "kobreportd_targets.h"
 
 namespace kobreportd {
 
@@ -30,9 +37,91 @@ std::vector<Outcome> outcomesOf(const kobtriage::Report &r) {
     return out;
 }
 
+namespace {
+
+FleetPolicy &policy() {
+    static FleetPolicy p = FleetPolicy::builtIn();
+    return p;
+}
+
+} // namespace
+
+FleetPolicy FleetPolicy::builtIn() {
+    FleetPolicy p;
+    p.targets.insert({"udp", "UDP pass-through"});
+    for (const auto &t : kobrun::kTcpProbes)
+        p.targets.insert({"tcp", std::string(t.heading)});
+    for (const char *gateway : kIntranetGateways)
+        p.targets.insert(
+            {"intranet", std::string(gateway) + ":" + std::to_string(kobrun::kIntranetPort)});
+    p.targets.insert({"traceroute", std::string("traceroute to ") + kTracerouteTarget});
+    return p;
+}
+
+std::optional<FleetPolicy> FleetPolicy::fromFile(const std::string &path, std::string &error) {
+    std::ifstream in(path);
+    if (!in) {
+        error = "cannot read " + path;
+        return std::nullopt;
+    }
+    FleetPolicy p;
+    std::string line;
+    for (int n = 1; std::getline(in, line); n++) {
+        line = line.substr(0, line.find('#'));
+        while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r'))
+            line.pop_back();
+        auto start = line.find_first_not_of(" \t");
+        if (start == std::string::npos)
+            continue;
+        auto space = line.find_first_of(" \t", start);
+        auto rest = space == std::string::npos ? space : line.find_first_not_of(" \t", space);
+        std::string area = line.substr(start, space - start);
+        if ((area != "udp" && area != "tcp" && area != "intranet" && area != "traceroute") ||
+            rest == std::string::npos) {
+            error = path + ":" + std::to_string(n) +
+                    ": not \"AREA TARGET\" with AREA one of udp, tcp, intranet, traceroute";
+            return std::nullopt;
+        }
+        p.targets.insert({area, line.substr(rest)});
+    }
+    return p;
+}
+
+void setFleetPolicy(FleetPolicy p) {
+    policy() = std::move(p);
+}
+
+const FleetPolicy &fleetPolicy() {
+    return policy();
+}
+
+std::string senderNetwork(const std::string &address) {
+    unsigned char b[16];
+    char out[INET6_ADDRSTRLEN + 4];
+    if (inet_pton(AF_INET, address.c_str(), b) == 1) {
+        std::snprintf(out, sizeof out, "%u.%u.%u.0/24", b[0], b[1], b[2]);
+        return out;
+    }
+    if (inet_pton(AF_INET6, address.c_str(), b) == 1) {
+        static const unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+        if (std::equal(mapped, mapped + 12, b)) {
+            std::snprintf(out, sizeof out, "%u.%u.%u.0/24", b[12], b[13], b[14]);
+            return out;
+        }
+        std::fill(b + 6, b + 16, 0);
+        inet_ntop(AF_INET6, b, out, sizeof out);
+        return std::string(out) + "/48";
+    }
+    return address;
+}
+
 Triaged triage(std::string_view text) {
     auto report = kobtriage::parse(text);
-    return {report.username, report.summary(), outcomesOf(report), report.rules_version};
+    std::vector<Outcome> counted;
+    for (auto &o : outcomesOf(report))
+        if (fleetPolicy().counts(o.area, o.target))
+            counted.push_back(std::move(o));
+    return {report.username, report.summary(), std::move(counted), report.rules_version};
 }
 
 std::optional<std::time_t> windowSeconds(const std::string &w) {
@@ -58,6 +147,9 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
     size_t nb = static_cast<size_t>((f.to - f.from) / f.bucket_seconds);
 
     std::map<std::pair<std::string, std::string>, FleetTarget> byTarget;
+    // Rows kept from before the targets were known, or of a target the
+    // operator has since dropped, are passed over.
+    const FleetPolicy &policy = fleetPolicy();
     auto target = [&](const std::string &area, const std::string &name) -> FleetTarget & {
         auto [it, fresh] = byTarget.try_emplace({area, name});
         if (fresh) {
@@ -74,6 +166,8 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                         " WHERE hour >= $1 AND hour < $2 AND reports > 0",
                         {sql::integer(f.from / 3600), sql::integer(f.to / 3600)});
     for (size_t i = 0; i < rows.size(); i++) {
+        if (!policy.counts(rows.str(i, "area"), rows.str(i, "target")))
+            continue;
         FleetTarget &t = target(rows.str(i, "area"), rows.str(i, "target"));
         size_t k =
             static_cast<size_t>((rows.integer(i, "hour") * 3600 - f.from) / f.bucket_seconds);
@@ -94,9 +188,21 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                 " GROUP BY area, target",
                 {sql::integer(hourAgo), sql::integer(now)});
     for (size_t i = 0; i < recent.size(); i++) {
+        if (!policy.counts(recent.str(i, "area"), recent.str(i, "target")))
+            continue;
         FleetTarget &t = target(recent.str(i, "area"), recent.str(i, "target"));
         t.hour_reports = recent.integer(i, "reports");
         t.hour_failing = recent.integer(i, "failing");
+    }
+    auto senders = db.read("SELECT o.area AS area, o.target AS target,"
+                           " count(DISTINCT r.sender_net) AS networks FROM outcomes o"
+                           " JOIN reports r ON r.id = o.report_id WHERE o.failing = 1 AND"
+                           " o.received_at >= $1 AND o.received_at <= $2 GROUP BY o.area, o.target",
+                           {sql::integer(hourAgo), sql::integer(now)});
+    for (size_t i = 0; i < senders.size(); i++) {
+        auto it = byTarget.find({senders.str(i, "area"), senders.str(i, "target")});
+        if (it != byTarget.end())
+            it->second.hour_failing_networks = senders.integer(i, "networks");
     }
     int64_t h0 = hourAgo / 3600;
     auto before = db.read("SELECT area, target, CAST(sum(reports) AS BIGINT) AS reports,"
@@ -104,6 +210,8 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                           " WHERE hour >= $1 AND hour < $2 GROUP BY area, target",
                           {sql::integer(h0 - int64_t{7} * 24), sql::integer(h0)});
     for (size_t i = 0; i < before.size(); i++) {
+        if (!policy.counts(before.str(i, "area"), before.str(i, "target")))
+            continue;
         FleetTarget &t = target(before.str(i, "area"), before.str(i, "target"));
         t.baseline_reports = before.integer(i, "reports");
         t.baseline_failing = before.integer(i, "failing");
@@ -116,7 +224,8 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
             double n = static_cast<double>(t.hour_reports);
             double s = static_cast<double>(t.hour_failing) / n;
             double z = (s - p) / std::sqrt(p * (1 - p) / n);
-            t.broken = s - p >= kBrokenMinRise && z >= kBrokenZ;
+            t.broken = s - p >= kBrokenMinRise && z >= kBrokenZ &&
+                       t.hour_failing_networks >= policy.min_senders;
         }
     }
     for (auto &[key, t] : byTarget)

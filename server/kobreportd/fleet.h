@@ -15,6 +15,13 @@
 // as (failing + 1) / (reports + 2) so that a target never seen failing
 // still has a baseline above zero.
 //
+// ... and the failing reports of the last hour came from at least
+// min_senders client networks (a /24 for IPv4, a /48 for IPv6), so that
+// one sender cannot make a target look broken.
+//
+// Only the targets kobdiag probes count (FleetPolicy): a report may name
+// any heading, which stays in the report but never becomes a fleet row.
+//
 // The charts and the baseline read hourly totals kept at intake
 // (outcome_hours); only the last hour reads the outcomes themselves.
 
@@ -23,6 +30,7 @@
 
 #include <ctime>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,8 +48,34 @@ struct Outcome {
 
 std::vector<Outcome> outcomesOf(const kobtriage::Report &report);
 
+// Which targets the fleet counts and how many client networks make a
+// failure broken.  Set once at start-up, before any thread reads it.
+struct FleetPolicy {
+    std::set<std::pair<std::string, std::string>> targets; // (area, target)
+    int min_senders = 5;
+
+    bool counts(const std::string &area, const std::string &target) const {
+        return targets.count({area, target}) != 0;
+    }
+    // The targets of the kobdiag this tree builds: the pass-through, the
+    // TCP probes by heading, the intranet gateways and the traceroute.
+    static FleetPolicy builtIn();
+    // The targets from a file of lines "AREA TARGET" (AREA one of udp, tcp,
+    // intranet, traceroute; blank lines and lines from '#' on are skipped);
+    // nothing, with the reason in error, when a line is not of that form.
+    static std::optional<FleetPolicy> fromFile(const std::string &path, std::string &error);
+};
+void setFleetPolicy(FleetPolicy policy);
+const FleetPolicy &fleetPolicy();
+
+// The client network an address belongs to for counting senders:
+// "a.b.c.0/24" or the /48 of an IPv6 address; the text itself when it is
+// not an address.
+std::string senderNetwork(const std::string &address);
+
 // What the store keeps of a report's triage: the user the report names,
-// the one-line summary, the outcomes and the version of the rules.
+// the one-line summary, the outcomes of the targets the fleet counts and
+// the version of the rules.
 struct Triaged {
     std::optional<std::string> report_username;
     std::string summary;
@@ -66,7 +100,8 @@ struct FleetTarget {
     // The last hour against the seven days before it.
     int64_t hour_reports = 0, hour_failing = 0;
     int64_t baseline_reports = 0, baseline_failing = 0;
-    double baseline = 0; // smoothed share
+    int64_t hour_failing_networks = 0; // client networks among hour_failing
+    double baseline = 0;               // smoothed share
     bool broken = false;
 };
 

@@ -17,6 +17,7 @@
 #include "audit.h"
 #include "clock.h"
 #include "commands.h"
+#include "fleet.h"
 #include "intake.h"
 #include "retention.h"
 #include "staff.h"
@@ -59,7 +60,8 @@ int main(int argc, char *argv[]) {
         return command(std::vector<std::string>(argv + 1, argv + argc));
 
     std::string listen, staffListen, db, webhook;
-    int alertCheck = 60;
+    int alertCheck = 60, minSenders = 5;
+    std::string targets;
     Limits limits;
     StaffOptions staff;
     for (int i = 1; i < argc; i++) {
@@ -79,6 +81,10 @@ int main(int argc, char *argv[]) {
             webhook = v;
         else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
             alertCheck = static_cast<int>(n);
+        else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
+            minSenders = static_cast<int>(n);
+        else if (a == "--targets")
+            targets = v;
         else if (a == "--tls-cert")
             staff.tls_cert = v;
         else if (a == "--tls-key")
@@ -120,6 +126,19 @@ int main(int argc, char *argv[]) {
 
     if (testClock())
         std::fprintf(stderr, "kobreportd: the time comes from KOBREPORTD_TEST_CLOCK\n");
+
+    // Before any thread: the fleet's targets and how many networks make
+    // a target broken.
+    FleetPolicy policy = FleetPolicy::builtIn();
+    if (!targets.empty()) {
+        std::string error;
+        auto fromFile = FleetPolicy::fromFile(targets, error);
+        if (!fromFile)
+            return fail(error);
+        policy = std::move(*fromFile);
+    }
+    policy.min_senders = minSenders;
+    setFleetPolicy(std::move(policy));
 
     std::unique_ptr<sql::Db> database;
     std::unique_ptr<Store> store;

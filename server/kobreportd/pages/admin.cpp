@@ -20,7 +20,12 @@ Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, in
           << text(e.address) << "</td><td class=\"action\">" << text(e.action) << "</td><td>";
         if (!e.reference.empty())
             b << "<a href=\"/reports/" << uri(e.reference) << "\">" << text(e.reference) << "</a>";
-        b << "</td><td>" << text(e.detail) << "</td></tr>\n";
+        b << "</td><td>" << text(e.detail);
+        // A folded row: how many times, and until when.
+        if (e.count > 1)
+            b << text(e.detail.empty() ? "" : "; ") << e.count << " times, the last at "
+              << text(shownTime(e.last_at));
+        b << "</td></tr>\n";
     }
     b << "</tbody></table>\n" << pager("/audit", "", pg, pageSize, total);
     return b;

@@ -37,6 +37,7 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                                  static_cast<long long>(rows.integer(i, "id")), e.what());
                 }
                 c.query("UPDATE reports SET \"desc\" = $1, desc_zstd = 0, why = NULL, peer = '',"
+                        " sender_net = '',"
                         " raw_expired = 1, findings = $2 WHERE id = $3",
                         {sql::blob(""), sql::text(findings), sql::integer(rows.integer(i, "id"))});
             }

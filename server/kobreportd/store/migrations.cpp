@@ -113,6 +113,41 @@ void compressedTexts(sql::Dialect d, sql::Conn &c) {
         c.query("ALTER TABLE reports ALTER COLUMN \"desc\" SET STORAGE EXTERNAL");
 }
 
+// The client network each report came from, so that a target is broken
+// only when failures come from several (fleet.h).  Reports stored before
+// count as one network of their own.
+void senderNetworks(sql::Dialect, sql::Conn &c) {
+    c.query("ALTER TABLE reports ADD COLUMN sender_net TEXT NOT NULL DEFAULT ''");
+}
+
+// Repeated failed or refused sign-ins from one address fold into one row a
+// minute with a count, so that a flood of them cannot grow the log without
+// bound.  The log stays append-only but for exactly that: a folded row's
+// count going up by one, with the time of its latest sign-in.
+void foldedSignIns(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN count {INT} NOT NULL DEFAULT 1"));
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN last_at {INT}"));
+    const char *onlyACount =
+        "old.action IN ('signin.failed', 'signin.locked') AND new.count = old.count + 1 AND"
+        " new.id = old.id AND new.at = old.at AND new.account = old.account AND"
+        " new.address = old.address AND new.action = old.action AND"
+        " new.reference = old.reference AND new.detail = old.detail AND"
+        " new.last_at >= coalesce(old.last_at, old.at)";
+    if (d == sql::Dialect::Postgres) {
+        c.query(std::string("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
+                            " LANGUAGE plpgsql AS $body$BEGIN"
+                            " IF TG_OP = 'UPDATE' AND ") +
+                onlyACount +
+                " THEN RETURN NEW; END IF;"
+                " RAISE EXCEPTION 'the audit log is append-only'; END$body$");
+    } else {
+        c.query("DROP TRIGGER IF EXISTS audit_append_only_UPDATE");
+        c.query(std::string("CREATE TRIGGER audit_append_only_UPDATE BEFORE UPDATE ON audit"
+                            " WHEN NOT (") +
+                onlyACount + ") BEGIN SELECT RAISE(ABORT, 'the audit log is append-only'); END");
+    }
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -129,10 +164,17 @@ struct Step {
 
 // Each step brings the layout before it to its own number.  A new layout
 // is a new row at the end; rows are never changed once released.
+// clang-format off
 constexpr Step kSteps[] = {
-    {1, reports},      {2, staffAndRetention}, {3, outcomesAndAlerts},
-    {4, rulesVersion}, {5, compressedTexts},
+    {1, reports},
+    {2, staffAndRetention},
+    {3, outcomesAndAlerts},
+    {4, rulesVersion},
+    {5, compressedTexts},
+    {6, senderNetworks},
+    {7, foldedSignIns},
 };
+// clang-format on
 
 } // namespace
 

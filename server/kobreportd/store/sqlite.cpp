@@ -10,10 +10,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <mutex>
 #include <span>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace kobreportd::sql {
 
@@ -294,9 +298,32 @@ class SqliteDb : public Db {
     std::thread checkpointer_;
 };
 
+// The reports hold users' addresses and logs: the file is the service's
+// alone whatever the umask, and SQLite gives its log and shared-memory files
+// the file's own mode.  A file that an earlier version left readable to
+// others is closed to them, and so are its side files.
+void keepPrivate(const std::string &path) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+    if (fd < 0)
+        throw StoreError("cannot open " + path + ": " + std::strerror(errno));
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0 && ((st.st_mode & 0077) == 0 || ::fchmod(fd, 0600) == 0);
+    int err = errno;
+    ::close(fd);
+    if (!ok)
+        throw StoreError("cannot make " + path + " private: " + std::strerror(err));
+    for (const char *side : {"-wal", "-shm", "-journal"}) {
+        std::string p = path + side;
+        if (::stat(p.c_str(), &st) == 0 && (st.st_mode & 0077) != 0 &&
+            ::chmod(p.c_str(), 0600) != 0)
+            throw StoreError("cannot make " + p + " private: " + std::strerror(errno));
+    }
+}
+
 } // namespace
 
 std::unique_ptr<Db> openSqlite(const std::string &path) {
+    keepPrivate(path);
     return std::make_unique<SqliteDb>(path);
 }
 
