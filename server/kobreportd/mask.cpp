@@ -1,5 +1,6 @@
 #include "mask.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <vector>
@@ -47,18 +48,37 @@ bool isIpv4(std::string_view s) {
     return true;
 }
 
-bool isMac(std::string_view s) {
-    auto parts = split(s, ':');
-    if (parts.size() != 6)
+bool hexGroups(std::string_view s, char sep, size_t groups, size_t minLen, size_t maxLen) {
+    auto parts = split(s, sep);
+    if (parts.size() != groups)
         return false;
     for (auto p : parts) {
-        if (p.empty() || p.size() > 2)
+        if (p.size() < minLen || p.size() > maxLen)
             return false;
         for (char c : p)
             if (!isHex(c))
                 return false;
     }
     return true;
+}
+
+// "a4:83:e7:1:2:3" as ifconfig writes it, or "a483.e701.0203" as some
+// switches and logs do.
+bool isMac(std::string_view s) {
+    return hexGroups(s, ':', 6, 1, 2);
+}
+bool isDottedMac(std::string_view s) {
+    return hexGroups(s, '.', 3, 4, 4);
+}
+
+// No one's own: the machine itself, and no address at all.
+bool isLoopbackOrUnspecified(const unsigned char b[16]) {
+    static const unsigned char none[16] = {};
+    static const unsigned char loop[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    return std::equal(b, b + 16, none) || std::equal(b, b + 16, loop);
+}
+bool isLoopbackOrUnspecified4(std::string_view addr) {
+    return addr.substr(0, 4) == "127." || addr == "0.0.0.0";
 }
 
 bool ipv6Bytes(std::string_view s, unsigned char out[16]) {
@@ -89,6 +109,11 @@ bool maskToken(std::string_view tok, const AddressSet &keep, std::string &out, s
         out = std::string(parts[0]) + ":" + std::string(parts[1]) + ":xx:xx:xx:xx";
         return true;
     }
+    if (isDottedMac(tok)) {
+        used = tok.size();
+        out = std::string(tok.substr(0, 4)) + ".xxxx.xxxx";
+        return true;
+    }
     // A dotted quad, possibly followed by ".port" as some netstat lists
     // write it, or by ":port".
     std::string_view digits = tok.substr(0, tok.find_first_not_of("0123456789."));
@@ -99,7 +124,7 @@ bool maskToken(std::string_view tok, const AddressSet &keep, std::string &out, s
         std::string_view addr = tok.substr(0, len);
         if (isIpv4(addr)) {
             used = len;
-            if (kept(keep, addr))
+            if (kept(keep, addr) || isLoopbackOrUnspecified4(addr))
                 return false;
             out = std::string(dots[0]) + "." + std::string(dots[1]) + ".x.x";
             return true;
@@ -116,8 +141,19 @@ bool maskToken(std::string_view tok, const AddressSet &keep, std::string &out, s
             return false;
     }
     used = addr.size();
-    if (kept(keep, addr) || kept(keep, canonicalIpv6(b)))
+    if (kept(keep, addr) || kept(keep, canonicalIpv6(b)) || isLoopbackOrUnspecified(b))
         return false;
+    // An IPv4 address written as IPv6 is masked as IPv4 is.
+    static const unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+    if (std::equal(mapped, mapped + 12, b)) {
+        char v4[40];
+        std::snprintf(v4, sizeof v4, "%u.%u.%u.%u", b[12], b[13], b[14], b[15]);
+        if (kept(keep, v4) || isLoopbackOrUnspecified4(v4))
+            return false;
+        std::snprintf(v4, sizeof v4, "::ffff:%u.%u.x.x", b[12], b[13]);
+        out = v4;
+        return true;
+    }
     char buf[32];
     std::snprintf(buf, sizeof buf, "%x:%x:x:x:x:x:x:x", (b[0] << 8) | b[1], (b[2] << 8) | b[3]);
     out = buf;
@@ -145,12 +181,23 @@ AddressSet targetAddresses(const kobtriage::Report &report) {
     return keep;
 }
 
-std::string maskAddresses(std::string_view text, const AddressSet &keep) {
+namespace {
+
+std::string maskNetworkAddresses(std::string_view text, const AddressSet &keep) {
     std::string out;
     out.reserve(text.size());
     size_t i = 0;
     while (i < text.size()) {
         char c = text[i];
+        // "a4-83-e7-01-02-03": a MAC address as some systems write it.
+        if (isHex(c) && (i == 0 || (!isWordChar(text[i - 1]) && text[i - 1] != '-')) &&
+            i + 17 <= text.size() && hexGroups(text.substr(i, 17), '-', 6, 2, 2) &&
+            (i + 17 == text.size() || (!isWordChar(text[i + 17]) && text[i + 17] != '-'))) {
+            out.append(text.substr(i, 5));
+            out.append("-xx-xx-xx-xx");
+            i += 17;
+            continue;
+        }
         if (!(isHex(c) || c == ':' || c == '.')) {
             out.push_back(c);
             i++;
@@ -166,6 +213,16 @@ std::string maskAddresses(std::string_view text, const AddressSet &keep) {
         bool gluedAfter = end < text.size() && isWordChar(text[end]);
         if (gluedBefore || gluedAfter) {
             out.append(run);
+            i = end;
+            continue;
+        }
+        // A network of three octets with its length, as route lists write
+        // the user's own subnet: "10.51.135/24".
+        if (end + 1 < text.size() && text[end] == '/' && text[end + 1] >= '0' &&
+            text[end + 1] <= '9' && isIpv4(std::string(run) + ".0") &&
+            split(run, '.').size() == 3) {
+            auto parts = split(run, '.');
+            out.append(std::string(parts[0]) + "." + std::string(parts[1]) + ".x");
             i = end;
             continue;
         }
@@ -196,6 +253,86 @@ std::string maskAddresses(std::string_view text, const AddressSet &keep) {
         i = end;
     }
     return out;
+}
+
+// "/Users/NAME" and "/home/NAME": the user's name, in the paths of logs.
+std::string maskHomes(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    size_t i = 0;
+    while (i < text.size()) {
+        size_t at = std::string_view::npos;
+        size_t prefix = 0;
+        for (std::string_view home : {"/Users/", "/home/"}) {
+            size_t p = text.find(home, i);
+            if (p < at) {
+                at = p;
+                prefix = home.size();
+            }
+        }
+        if (at == std::string_view::npos) {
+            out.append(text.substr(i));
+            break;
+        }
+        size_t name = at + prefix, end = name;
+        while (end < text.size() && text[end] != '/' && text[end] != '\n' && text[end] != ' ' &&
+               text[end] != '\t' && text[end] != '"' && text[end] != '\'' && text[end] != ':')
+            end++;
+        out.append(text.substr(i, name - i));
+        std::string_view who = text.substr(name, end - name);
+        // The folder every account shares is no one's name.
+        if (who.empty() || who == "Shared")
+            out.append(who);
+        else
+            out.append("\u2026");
+        i = end;
+    }
+    return out;
+}
+
+bool isEmailChar(char c) {
+    return isWordChar(c) || c == '.' || c == '%' || c == '+' || c == '-';
+}
+
+// "name@example.com" shown as "…@example.com": the person stays hidden, the
+// domain (often their company or provider) says what support may need.
+std::string maskEmails(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    size_t i = 0;
+    for (;;) {
+        size_t at = text.find('@', i);
+        if (at == std::string_view::npos) {
+            out.append(text.substr(i));
+            return out;
+        }
+        size_t start = at;
+        while (start > i && isEmailChar(text[start - 1]))
+            start--;
+        size_t end = at + 1;
+        while (end < text.size() && (isWordChar(text[end]) || text[end] == '.' || text[end] == '-'))
+            end++;
+        std::string_view domain = text.substr(at + 1, end - at - 1);
+        while (!domain.empty() && (domain.back() == '.' || domain.back() == '-'))
+            domain.remove_suffix(1);
+        bool email = start < at && domain.find('.') != std::string_view::npos &&
+                     domain.front() != '.' && domain.front() != '-';
+        out.append(text.substr(i, start - i));
+        if (email) {
+            out.append("\u2026@");
+            out.append(domain);
+            i = at + 1 + domain.size();
+        } else {
+            out.append(text.substr(start, at + 1 - start));
+            i = at + 1;
+        }
+    }
+}
+
+} // namespace
+
+std::string maskAddresses(std::string_view text, const AddressSet &keep) {
+    return maskNetworkAddresses(maskEmails(maskHomes(text)), keep);
 }
 
 std::string maskReport(std::string_view text) {

@@ -19,11 +19,17 @@ using AddressSet = std::set<std::string, std::less<>>;
 // writes them.
 AddressSet targetAddresses(const kobtriage::Report &report);
 
-// text with every IPv4, IPv6 and MAC address that is not in keep shown by
-// its first two parts only: "10.0.x.x", "2001:db8:x:x:x:x:x:x",
-// "a4:83:xx:xx:xx:xx".  What follows an address (a port after a dot, a zone
-// after '%') is kept.  Partial addresses ("192.168.1/24" in a route list)
-// are left as they are.
+// text with the user's own data hidden: every IPv4, IPv6 and MAC address
+// that is not in keep shown by its first two parts only ("10.0.x.x",
+// "10.51.x/24", "2001:db8:x:x:x:x:x:x", "::ffff:192.168.x.x",
+// "a4:83:xx:xx:xx:xx", "a4-83-xx-xx-xx-xx", "a483.xxxx.xxxx"), the name in
+// a home directory ("/Users/…/") and the person in an e-mail address
+// ("…@example.com").  What follows an address (a port after a dot, a
+// zone after '%', a prefix length) is kept, and so are loopback and
+// unspecified addresses, which are no one's.  A network written with two
+// octets ("10.51/16") already shows no more than two parts; three octets
+// without a length ("10.0.1" in a route list) read as a version number and
+// stay.
 std::string maskAddresses(std::string_view text, const AddressSet &keep);
 
 // The report text as a viewer sees it: masked, the targets kept.

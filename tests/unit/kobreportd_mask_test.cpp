@@ -1,6 +1,7 @@
-// What a viewer sees of the user's addresses: each kind of address masked
-// to its first two parts, what follows it kept, the run's targets readable,
-// and text that only looks like an address left alone.
+// What a viewer sees of the user's data: each kind of address masked to its
+// first two parts, what follows it kept, the run's targets and addresses
+// that are no one's readable, home directories and e-mail addresses without
+// the person, and text that only looks like any of these left alone.
 
 #include "mask.h"
 #include "reportgen.h"
@@ -19,7 +20,31 @@ TEST(Mask, EachKindOfAddressKeepsItsFirstTwoParts) {
         {"ether 0:1e:c2:a:b:c", "ether 0:1e:xx:xx:xx:xx"},
         {"inet6 2001:db8:5:6::17 prefixlen 64", "inet6 2001:db8:x:x:x:x:x:x prefixlen 64"},
         {"inet6 fe80::1%lo0 prefixlen", "inet6 fe80:0:x:x:x:x:x:x%lo0 prefixlen"},
-        {"::1", "0:0:x:x:x:x:x:x"},
+        // No one's own: loopback and unspecified, in either family.
+        {"::1", "::1"},
+        {"listen :: port 80", "listen :: port 80"},
+        {"127.0.0.1:8080 and 0.0.0.0", "127.0.0.1:8080 and 0.0.0.0"},
+        {"default 0.0.0.0 UGSc", "default 0.0.0.0 UGSc"},
+        // IPv6 in its other forms: full, with a zone, with IPv4 inside, a
+        // prefix.
+        {"2001:0db8:0000:0000:0000:ff00:0042:8329", "2001:db8:x:x:x:x:x:x"},
+        {"fe80::a4b1:c2ff:fe01:203%en0 ", "fe80:0:x:x:x:x:x:x%en0 "},
+        {"from ::ffff:192.168.1.5 to", "from ::ffff:192.168.x.x to"},
+        {"nat64 64:ff9b::192.0.2.33", "nat64 64:ff9b:x:x:x:x:x:x"},
+        {"2001:db8:5::/48 link#4", "2001:db8:x:x:x:x:x:x/48 link#4"},
+        // IPv4 networks as route lists write them.
+        {"10.51.135/24 link#4", "10.51.x/24 link#4"},
+        {"10.51.135.0/24 link#4", "10.51.x.x/24 link#4"},
+        {"10.51/16 link#4", "10.51/16 link#4"},
+        // MAC addresses with each separator.
+        {"hw a4-83-e7-01-02-03.", "hw a4-83-xx-xx-xx-xx."},
+        {"port a483.e701.0203 up", "port a483.xxxx.xxxx up"},
+        // The user's name in a home directory, and the person in an e-mail.
+        {"open /Users/kim.lee/Library/Logs/x", "open /Users/…/Library/Logs/x"},
+        {"cd /home/kim && ls /Users/kim", "cd /home/… && ls /Users/…"},
+        {"/Users/Shared/kob.log", "/Users/Shared/kob.log"},
+        {"mail kim.lee+vpn@example.co.kr.", "mail …@example.co.kr."},
+        {"(kim@corp.example)", "(…@corp.example)"},
         // netstat's address.port and address:port forms keep the port.
         {"tcp4 10.0.0.5.51234 17.1.2.3.443", "tcp4 10.0.x.x.51234 17.1.x.x.443"},
         {"to 10.0.0.5:8080.", "to 10.0.x.x:8080."},
@@ -45,8 +70,13 @@ TEST(Mask, TextThatOnlyLooksLikeAnAddressStays) {
              "deadbeef",
              "12:34",
              "a4:83:e7:01:02",
-             "192.168.1/24",
              "10.0.1 link#4",
+             "2026-11-24 10:00",
+             "550e8400-e29b-41d4-a716-446655440000",
+             "a4-83-e7-01-02",
+             "user@localhost",
+             "@ 10:00",
+             "a@b",
              "no colons here",
          }) {
         SCOPED_TRACE(same);
