@@ -257,23 +257,24 @@ std::string maskNetworkAddresses(std::string_view text, const AddressSet &keep) 
 
 // "/Users/NAME" and "/home/NAME": the user's name, in the paths of logs.
 std::string maskHomes(std::string_view text) {
+    static constexpr std::string_view kHomes[] = {"/Users/", "/home/"};
     std::string out;
     out.reserve(text.size());
+    // The next place of each, found again only once passed, so that a long
+    // log is searched once for each.
+    size_t next[2] = {text.find(kHomes[0]), text.find(kHomes[1])};
     size_t i = 0;
     while (i < text.size()) {
-        size_t at = std::string_view::npos;
-        size_t prefix = 0;
-        for (std::string_view home : {"/Users/", "/home/"}) {
-            size_t p = text.find(home, i);
-            if (p < at) {
-                at = p;
-                prefix = home.size();
-            }
-        }
+        for (size_t k = 0; k < 2; k++)
+            if (next[k] != std::string_view::npos && next[k] < i)
+                next[k] = text.find(kHomes[k], i);
+        size_t which = next[0] <= next[1] ? 0 : 1;
+        size_t at = next[which];
         if (at == std::string_view::npos) {
             out.append(text.substr(i));
             break;
         }
+        size_t prefix = kHomes[which].size();
         size_t name = at + prefix, end = name;
         while (end < text.size() && text[end] != '/' && text[end] != '\n' && text[end] != ' ' &&
                text[end] != '\t' && text[end] != '"' && text[end] != '\'' && text[end] != ':')
