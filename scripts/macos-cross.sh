@@ -2,10 +2,11 @@
 # The macOS build, cross-compiled and linked with Zig for x86_64 and arm64 on
 # every change: the client's build (no operator's programs, no benchmarks)
 # with warnings as errors, its libraries static and shared, kobdiag, koblog,
-# kobstat and every test program.  Each product's Mach-O headers are
-# checked (architecture, platform macos, minimum 11.0, libSystem linked,
-# install names), and llvm-lipo joins the two into universal files.  Nothing
-# here can run a Mach-O program: compiling and linking is what is verified.
+# kobstat and every test program, then installed into the build tree.  Each
+# product's Mach-O headers are checked (architecture, platform macos,
+# minimum 11.0, libSystem linked, install names), and llvm-lipo joins the two
+# into universal files.  Nothing here can run a Mach-O program: compiling and
+# linking is what is verified.
 #
 #   scripts/macos-cross.sh [<out-dir>]      (default build/ci-macos)
 #
@@ -146,8 +147,13 @@ for arch in "${arches[@]}"; do
   cpu=X86_64
   [ "$arch" = aarch64 ] && cpu=ARM64
   tree=$out/$arch
-  echo "==> macOS $arch: build"
+  echo "==> macOS $arch: build, install"
   cmake --build "$tree" -j "$jobs"
+  cmake --build "$tree" --target shipped
+  rm -rf "$out/install-$arch"
+  cmake --install "$tree" --prefix "$out/install-$arch" >/dev/null
+  grep -qx 'Libs.private: -lc++ -lm -lpthread' "$out/install-$arch/lib/pkgconfig/libkob.pc" ||
+    fail "$arch: the installed libkob.pc does not name libc++"
 
   echo "==> macOS $arch: Mach-O checks"
   check_macho "$tree/bin/kobdiag/kobdiag" "$cpu" executable
