@@ -61,6 +61,15 @@ install(FILES ${PROJECT_BINARY_DIR}/kobConfig.cmake ${PROJECT_BINARY_DIR}/kobCon
 if(IS_ABSOLUTE "${KOB_INSTALL_PKGCONFIGDIR}")
   message(FATAL_ERROR "kob: CMAKE_INSTALL_LIBDIR must be relative to the prefix")
 endif()
+# A static link from C names the C++ runtime that the library was built
+# against: libstdc++ on Linux, libc++ on macOS (and wherever else it is used).
+include(CheckCXXSymbolExists)
+check_cxx_symbol_exists(_LIBCPP_VERSION version KOB_USES_LIBCXX)
+if(KOB_USES_LIBCXX)
+  set(KOB_PC_CXX_RUNTIME -lc++)
+else()
+  set(KOB_PC_CXX_RUNTIME -lstdc++)
+endif()
 file(RELATIVE_PATH KOB_PC_PREFIX_FROM_PCDIR /prefix/${KOB_INSTALL_PKGCONFIGDIR} /prefix)
 string(REGEX REPLACE "/$" "" KOB_PC_PREFIX_FROM_PCDIR "${KOB_PC_PREFIX_FROM_PCDIR}")
 foreach(pc libkob libkobec)

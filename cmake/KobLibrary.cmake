@@ -1,3 +1,17 @@
+# macOS's linker refuses an undefined symbol unless told.  -U names exactly
+# VAS_Fail; a linker without -U (Zig's, in the cross-build) gets
+# -undefined dynamic_lookup, and scripts/macos-cross.sh checks that VAS_Fail
+# is still the only symbol the libraries leave to the dynamic linker.
+if(APPLE)
+  include(CheckLinkerFlag)
+  check_linker_flag(CXX "LINKER:-U,_VAS_Fail" KOB_LINKER_HAS_U)
+  if(KOB_LINKER_HAS_U)
+    set(KOB_SHARED_VAS_FAIL_LINK LINKER:-U,_VAS_Fail)
+  else()
+    set(KOB_SHARED_VAS_FAIL_LINK LINKER:-undefined,dynamic_lookup)
+  endif()
+endif()
+
 # kob_shared_variant(<target> [LIBS ...])
 # A library's shared variant beside the static <target>, linked from the
 # static library's own objects (so they are compiled once, position
@@ -22,4 +36,7 @@ function(kob_shared_variant target)
     LINKER_LANGUAGE CXX
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR})
+  if(APPLE)
+    target_link_options(${target}_shared PRIVATE ${KOB_SHARED_VAS_FAIL_LINK})
+  endif()
 endfunction()

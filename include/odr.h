@@ -82,7 +82,8 @@ struct vsb *ODR_readFile(const char *path, int maxlen);
 
 /* ---- wrappers ---------------------------------------------------------------- */
 
-int ODR_getpagesize(void); /* always 4096 */
+/* The system's memory page size: 4096 on x86-64 Linux, 16384 on Apple silicon. */
+int ODR_getpagesize(void);
 char *ODR_strdup(const char *s);
 int ODR_strcasecmp(const char *s1, const char *s2);
 int ODR_strncasecmp(const char *s1, const char *s2, size_t len);

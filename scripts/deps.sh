@@ -16,6 +16,9 @@ packages=(
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
   # the Debian packages: their build, lintian, and systemd-analyze for the unit
   debhelper lintian systemd man-db
+  # the macOS cross-build: GoogleTest's sources to build for the target,
+  # llvm-lipo and llvm-objdump for its products (Zig comes through npm, below)
+  googletest llvm file
 )
 
 missing=()
@@ -24,6 +27,13 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
+
+# npm, for the macOS cross-build's Zig.  A Node.js from elsewhere brings its
+# own npm and conflicts with Debian's npm package, so both are asked for only
+# when there is no npm at all.
+if ! command -v npm >/dev/null; then
+  missing+=(nodejs npm)
+fi
 
 if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: a GCC build with warnings as errors,
 # then over that build the static analysis, valgrind memcheck of whole runs
-# and the network guard; the client alone with the server's packages hidden; the Debian packages, built, checked by lintian,
-# installed and removed again; a Clang build under AddressSanitizer and
-# UndefinedBehaviorSanitizer, and a ThreadSanitizer build; the fuzz targets,
-# each run briefly; then the formatting check.  Any failure fails it.
+# and the network guard; the client alone with the server's packages hidden;
+# the Debian packages, built, checked by lintian,
+# installed and removed again; the macOS build, cross-compiled and linked for
+# x86_64 and arm64 and its Mach-O checked; a Clang build under
+# AddressSanitizer and UndefinedBehaviorSanitizer, and a ThreadSanitizer
+# build; the fuzz targets, each run briefly; then the formatting check.  Any
+# failure fails it.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -34,6 +37,8 @@ echo "==> build/ci-client: the client alone, the server's packages hidden"
 scripts/client-only.sh build/ci-client
 echo "==> Debian packages"
 tests/install/package_test.sh
+echo "==> macOS cross-build"
+scripts/macos-cross.sh build/ci-macos
 build_and_test build/ci-asan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=Debug -DKOB_SANITIZE=address,undefined -DKOB_BUILD_BENCH=OFF
 build_and_test build/ci-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \

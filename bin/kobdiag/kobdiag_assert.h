@@ -7,10 +7,6 @@
 
 #include "platform_assert.h"
 
-#ifdef NDEBUG
-#error "kobdiag relies on its assertions; no build may define NDEBUG"
-#endif
-
 #define DIA_ASSERT_AT(cond, text, line)                                                            \
     do {                                                                                           \
         if (!(cond))                                                                               \

@@ -125,7 +125,7 @@ vsb *ODR_readFile(const char *path, int maxlen) {
 /* ---- wrappers ---------------------------------------------------------------------- */
 
 int ODR_getpagesize(void) {
-    return 4096;
+    return static_cast<int>(sysconf(_SC_PAGESIZE));
 }
 
 char *ODR_strdup(const char *s) {

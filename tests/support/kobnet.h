@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
@@ -130,7 +131,10 @@ struct StalledListener {
         : listener(family, 0, wantPort), port(listener.port) {
         LoopAddr a(family, port);
         for (int i = 0; i < 16; i++) {
-            Fd c(socket(family, SOCK_STREAM | SOCK_NONBLOCK, 0));
+            // fcntl rather than SOCK_NONBLOCK, which macOS does not have.
+            Fd c(socket(family, SOCK_STREAM, 0));
+            if (fcntl(c.get(), F_SETFL, fcntl(c.get(), F_GETFL) | O_NONBLOCK) != 0)
+                throw std::runtime_error("filler fcntl failed");
             int r = connect(c.get(), a.sa(), a.len);
             if (r != 0 && errno != EINPROGRESS)
                 throw std::runtime_error("filler connect failed");
