@@ -127,7 +127,7 @@ prepare() {
     cmake --install "$out/googletest-$arch"
   fi
   configure . "$out/$arch" "$arch" -DCMAKE_FIND_ROOT_PATH="$stage/common;$sysroot" -DKOB_WERROR=ON \
-    -DKOB_BUILD_OPERATOR=OFF -DKOB_BUILD_SERVER=OFF -DKOB_BUILD_BENCH=OFF
+    -DKOB_BUILD_SERVER=OFF -DKOB_BUILD_BENCH=OFF
 }
 
 echo "==> macOS ${arches[*]}: GoogleTest for the target, configure"
