@@ -39,7 +39,8 @@ class WorkerPool {
   public:
     explicit WorkerPool(int n);
     ~WorkerPool();
-    void submit(std::function<void()> job);
+    // False once the pool has stopped: the job was not taken.
+    bool submit(std::function<void()> job);
     // Finishes the jobs taken in, then joins.
     void stop();
 

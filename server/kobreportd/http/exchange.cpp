@@ -353,7 +353,12 @@ MHD_Result access(void *cls, MHD_Connection *mc, const char *url, const char *me
     ex->conn->phase = Working;
     ex->submitted = true;
     MHD_suspend_connection(mc);
-    s.workers.submit([&s, mc, ex] { work(s, mc, *ex); });
+    if (!s.workers.submit([&s, mc, ex] { work(s, mc, *ex); })) {
+        // Stopping: the workers are gone.
+        answer(ex->res, 503, "Stopping, please send again shortly\n");
+        ex->ready = true;
+        MHD_resume_connection(mc);
+    }
     return MHD_YES;
 }
 
@@ -369,6 +374,17 @@ void completed(void *cls, MHD_Connection *, void **context, enum MHD_RequestTerm
     int status = ex->status;
     if (!status)
         status = c->cannedStatus.load();
+    if (!status && c->phase.load() == Body && s.plain &&
+        (toe == MHD_REQUEST_TERMINATED_CLIENT_ABORT ||
+         toe == MHD_REQUEST_TERMINATED_READ_ERROR) &&
+        !c->ended.exchange(true)) {
+        // The client shut its side in the middle of the body but may still
+        // read: it hears why before the connection closes.
+        std::string text =
+            cannedAnswer(400, "Bad Request", "Bad request: the body ended early\n", "");
+        if (send(c->fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
+            status = 400;
+    }
     if (ex->route && ex->route->access == Access::Upload && s.opt.upload.finished)
         s.opt.upload.finished(ex->req, status, ex->admitted,
                               static_cast<double>(nowNs() - ex->start) / 1e9);

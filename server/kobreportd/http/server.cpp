@@ -49,12 +49,15 @@ WorkerPool::~WorkerPool() {
     stop();
 }
 
-void WorkerPool::submit(std::function<void()> job) {
+bool WorkerPool::submit(std::function<void()> job) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (stop_)
+            return false;
         jobs_.push_back(std::move(job));
     }
     wake_.notify_one();
+    return true;
 }
 
 void WorkerPool::stop() {
