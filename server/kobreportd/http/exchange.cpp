@@ -410,7 +410,7 @@ bool HttpServer::Impl::startLibrary(std::string &error) {
         {MHD_OPTION_CONNECTION_TIMEOUT, opt.limits.read_timeout_s + 1, nullptr},
         // The head is parsed in place: room for the largest head we take,
         // its fields' records, and the answer's head.
-        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, 32 * 1024, nullptr},
+        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, intptr_t{32} * 1024, nullptr},
         {MHD_OPTION_STRICT_FOR_CLIENT, 0, nullptr},
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(notifyConnection), this},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(completed), this},
