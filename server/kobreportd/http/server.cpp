@@ -454,7 +454,12 @@ void HttpServer::Impl::watchdog() {
         int64_t window = int64_t{l.body_rate_window_s} * 1'000'000'000LL;
         for (auto &[c, owned] : conns) {
             int phase = c->phase.load();
-            if (phase == Head && now >= c->headDeadline.load()) {
+            char b;
+            if (phase == Head && (now >= c->headDeadline.load() ||
+                                  (now - c->lastActivity.load() >= 300'000'000 &&
+                                   recv(c->fd, &b, 1, MSG_PEEK | MSG_DONTWAIT) == 0))) {
+                // Late, or the client shut its side before its head was
+                // whole (the library may not look until its own time-out).
                 end(c, 0);
             } else if (phase == Body) {
                 bool late =
@@ -467,7 +472,6 @@ void HttpServer::Impl::watchdog() {
                     c->windowStart = now;
                     c->windowBytes = bytes;
                 }
-                char b;
                 if (late)
                     end(c, 408);
                 else if (now - c->lastActivity.load() >= 300'000'000 &&
