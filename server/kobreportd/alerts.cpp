@@ -118,8 +118,8 @@ bool AlertTask::post(const std::string &body) {
     curl_easy_setopt(c, CURLOPT_TIMEOUT, 20L);
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     // The receiver's answer is not wanted, only its status.
-    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION,
-                     +[](char *, size_t size, size_t n, void *) { return size * n; });
+    curl_easy_setopt(
+        c, CURLOPT_WRITEFUNCTION, +[](char *, size_t size, size_t n, void *) { return size * n; });
     long status = 0;
     bool sent = curl_easy_perform(c) == CURLE_OK &&
                 curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
