@@ -375,8 +375,7 @@ void completed(void *cls, MHD_Connection *, void **context, enum MHD_RequestTerm
     if (!status)
         status = c->cannedStatus.load();
     if (!status && c->phase.load() == Body && s.plain &&
-        (toe == MHD_REQUEST_TERMINATED_CLIENT_ABORT ||
-         toe == MHD_REQUEST_TERMINATED_READ_ERROR) &&
+        (toe == MHD_REQUEST_TERMINATED_CLIENT_ABORT || toe == MHD_REQUEST_TERMINATED_READ_ERROR) &&
         !c->ended.exchange(true)) {
         // The client shut its side in the middle of the body but may still
         // read: it hears why before the connection closes.
