@@ -227,6 +227,10 @@ TEST_F(Edge, ConnectionsBeyondTheAddressCapGet503AtOnceAndOthersAreServed) {
         // this one is too.
         EXPECT_NE(reportd::exchangeAt("127.0.0.1", port, {get("/healthz")}, 10, "127.0.0.4").status,
                   503);
+        // One of the three finishes its request and is answered; the
+        // server has let it go once it closes.
+        ASSERT_TRUE(sendAll(held.back(), get("/healthz").substr(1)));
+        EXPECT_NE(readUntilClosed(held.back(), 20), "");
         close(held.back());
         held.pop_back();
         reportd::Response again;
@@ -250,8 +254,13 @@ TEST_F(Edge, ConnectionsBeyondTheGlobalCapGet503AtOnce) {
     EXPECT_EQ(refused.status, 503) << refused.raw;
     EXPECT_EQ(reportd::header(refused, "Retry-After"), "10");
     EXPECT_EQ(refused.body, "Too busy, please try again shortly\n");
-    for (int fd : held)
+    // They finish their requests and are answered; the server lets each
+    // go once it closes.
+    for (int fd : held) {
+        ASSERT_TRUE(sendAll(fd, get("/healthz").substr(1)));
+        EXPECT_EQ(reportd::parse(readUntilClosed(fd, 20)).body, "ok");
         close(fd);
+    }
     reportd::Response again;
     for (int i = 0; i < 5000 && again.status != 200; i++)
         again = reportd::get(s.port(), "/healthz");
