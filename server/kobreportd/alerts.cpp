@@ -2,7 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
-#include <httplib.h>
+#include <curl/curl.h>
 
 #include "clock.h"
 #include "fleet.h"
@@ -14,6 +14,10 @@ namespace kobreportd {
 
 AlertTask::AlertTask(sql::Db &db, Metrics &metrics, std::string url, int intervalSeconds)
     : db_(db), metrics_(metrics), url_(std::move(url)), interval_(intervalSeconds) {
+    // The library's global setup is not thread-safe: done here, before the
+    // sender exists.
+    if (!url_.empty())
+        curl_global_init(CURL_GLOBAL_DEFAULT);
     checker_ = std::thread([this] { run(); });
     if (!url_.empty())
         sender_ = std::thread([this] { deliver(); });
@@ -101,16 +105,28 @@ void AlertTask::run() {
 }
 
 bool AlertTask::post(const std::string &body) {
-    // "scheme://host:port/path"; the client takes the part before the path.
-    auto slash = url_.find('/', url_.find("://") + 3);
-    std::string base = url_.substr(0, slash),
-                path = slash == std::string::npos ? "/" : url_.substr(slash);
-    httplib::Client c(base);
-    c.set_connection_timeout(5, 0);
-    c.set_read_timeout(10, 0);
-    c.set_write_timeout(10, 0);
-    auto r = c.Post(path, body, "application/json");
-    return r && r->status >= 200 && r->status < 300;
+    CURL *c = curl_easy_init();
+    if (!c)
+        return false;
+    struct curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    curl_easy_setopt(c, CURLOPT_URL, url_.c_str());
+    curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT, 5L);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT, 20L);
+    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    // The receiver's answer is not wanted, only its status.
+    curl_easy_setopt(
+        c, CURLOPT_WRITEFUNCTION, +[](char *, size_t size, size_t n, void *) { return size * n; });
+    long status = 0;
+    bool sent = curl_easy_perform(c) == CURLE_OK &&
+                curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
+                status >= 200 && status < 300;
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(c);
+    return sent;
 }
 
 void AlertTask::deliver() {

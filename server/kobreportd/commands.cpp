@@ -23,6 +23,7 @@ int usage() {
         "                  [--tls-cert FILE --tls-key FILE] [--retain-days N]\n"
         "                  [--rate PER_MINUTE] [--max-inflight N] [--max-body BYTES]\n"
         "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
+        "                  [--max-conns-per-address N] [--max-conns N]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sys/resource.h>
 #include <pthread.h>
 #include <string>
 #include <thread>
@@ -19,7 +21,10 @@
 #include "commands.h"
 #include "fleet.h"
 #include "intake.h"
+#include "metrics.h"
 #include "retention.h"
+#include "routes.h"
+#include "server.h"
 #include "staff.h"
 #include "store.h"
 
@@ -46,16 +51,49 @@ std::string shownHost(const std::string &host) {
     return host.find(':') != std::string::npos ? "[" + host + "]" : host;
 }
 
-// Binds to host:port (port 0: any); returns the port, or -1.
-int bindServer(httplib::Server &svr, const std::string &host, int port) {
-    if (port == 0)
-        return svr.bind_to_any_port(host);
-    return svr.bind_to_port(host, port) ? port : -1;
+bool readFile(const std::string &path, std::string &out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
+}
+
+// Every connection costs descriptors; the soft limit is raised as far as
+// the hard one allows, so that the default connection cap follows the
+// unit's LimitNOFILE.
+void raiseFileLimit() {
+    struct rlimit rl {};
+    if (getrlimit(RLIMIT_NOFILE, &rl) == 0 && rl.rlim_cur < rl.rlim_max) {
+        rl.rlim_cur = std::min<rlim_t>(rl.rlim_max, 1u << 20);
+        setrlimit(RLIMIT_NOFILE, &rl);
+    }
+}
+
+// The route table of both listeners, printed for the tests that walk it:
+// made over a database in memory, whose handlers are never called.
+int printRoutes() {
+    auto database = openDatabase(":memory:");
+    Store store(*database);
+    Audit audit(*database);
+    Accounts accounts(*database, audit);
+    Metrics metrics;
+    Guard guard(accounts, false);
+    Intake intake(store, Limits{}, metrics);
+    Staff staff(store, accounts, audit, metrics, guard, false, 90);
+    RouteTable table;
+    intake.addRoutes(table);
+    staff.addPageRoutes(table);
+    staff.addApiRoutes(table);
+    std::fputs(table.text().c_str(), stdout);
+    return 0;
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
+    if (argc == 2 && std::string(argv[1]) == "routes")
+        return printRoutes();
     if (argc > 1 && argv[1][0] != '-')
         return command(std::vector<std::string>(argv + 1, argv + argc));
 
@@ -103,6 +141,10 @@ int main(int argc, char *argv[]) {
             limits.request_timeout_s = static_cast<int>(n);
         else if (a == "--threads" && number(v, 1024, n) && n > 0)
             limits.threads = static_cast<int>(n);
+        else if (a == "--max-conns-per-address" && number(v, 1000000, n) && n > 0)
+            limits.max_conns_per_address = static_cast<int>(n);
+        else if (a == "--max-conns" && number(v, 1u << 20, n) && n > 0)
+            limits.max_conns = static_cast<int>(n);
         else
             return usage();
     }
@@ -116,13 +158,14 @@ int main(int argc, char *argv[]) {
 
     // Writes to clients that went away must fail, not end the server.
     std::signal(SIGPIPE, SIG_IGN);
-    // The workers inherit this mask; only the waiting thread below takes
-    // SIGINT and SIGTERM, and it stops the servers in an orderly way.
+    // Every thread inherits this mask; only the main thread waits for
+    // SIGINT and SIGTERM, and stops the servers in an orderly way.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    raiseFileLimit();
 
     if (testClock())
         std::fprintf(stderr, "kobreportd: the time comes from KOBREPORTD_TEST_CLOCK\n");
@@ -139,6 +182,13 @@ int main(int argc, char *argv[]) {
     }
     policy.min_senders = minSenders;
     setFleetPolicy(std::move(policy));
+
+    std::string certPem, keyPem;
+    bool tls = !staff.tls_cert.empty();
+    std::string badCert =
+        "cannot use the certificate " + staff.tls_cert + " with the key " + staff.tls_key;
+    if (tls && (!readFile(staff.tls_cert, certPem) || !readFile(staff.tls_key, keyPem)))
+        return fail(badCert);
 
     std::unique_ptr<sql::Db> database;
     std::unique_ptr<Store> store;
@@ -157,50 +207,67 @@ int main(int argc, char *argv[]) {
 
     Metrics metrics;
     AlertTask alerts(*database, metrics, webhook, alertCheck);
-    IntakeServer svr(*store, limits, metrics);
-    port = bindServer(svr, host, port);
-    if (port < 0)
-        return fail("cannot listen on " + listen + ": " + std::strerror(errno));
-    svr.widenBacklog();
-    svr.warmUp();
+    Guard guard(*accounts, tls);
+    Intake intake(*store, limits, metrics);
+    Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
+    RouteTable table;
+    intake.addRoutes(table);
+    staffSide.addPageRoutes(table);
+    staffSide.addApiRoutes(table);
 
-    std::unique_ptr<StaffServer> staffSvr;
+    EdgeLimits edge;
+    edge.read_timeout_s = limits.read_timeout_s;
+    edge.request_timeout_s = limits.request_timeout_s;
+    edge.max_conns_per_address = limits.max_conns_per_address;
+    edge.max_conns = limits.max_conns;
+    edge.max_body = limits.max_body;
+
+    ServerOptions io;
+    io.listener = Listener::Intake;
+    io.host = host;
+    io.port = port;
+    io.limits = edge;
+    io.workers = limits.threads;
+    io.upload = intake.hooks();
+    io.not_allowed_text = "Method not allowed: the report is sent with POST\n";
+    HttpServer intakeServer(table, nullptr, io);
+    std::string error;
+    if (!intakeServer.start(error))
+        return fail("cannot listen on " + listen + ": " + error);
+
+    std::unique_ptr<HttpServer> staffServer;
     if (!staffListen.empty()) {
-        staff.threads = std::min(limits.threads, 16);
-        std::string error;
-        staffSvr = makeStaffServer(staff, *store, *accounts, *audit, metrics, error);
-        if (!staffSvr)
-            return fail(error);
-        staffPort = bindServer(*staffSvr->http, staffHost, staffPort);
-        if (staffPort < 0)
-            return fail("cannot listen on " + staffListen + ": " + std::strerror(errno));
+        ServerOptions so;
+        so.listener = Listener::Staff;
+        so.host = staffHost;
+        so.port = staffPort;
+        so.limits = edge;
+        so.limits.max_body = size_t{64} * 1024; // forms are small
+        so.workers = std::min(limits.threads, 16);
+        so.close_each = false;
+        so.tls_cert_pem = certPem;
+        so.tls_key_pem = keyPem;
+        so.default_headers = staffHeaders(tls);
+        staffServer = std::make_unique<HttpServer>(table, &guard, so);
+        if (!staffServer->start(error))
+            return fail(error == "the certificate or key cannot be used"
+                            ? badCert
+                            : "cannot listen on " + staffListen + ": " + error);
+        staffPort = staffServer->port();
     }
 
-    std::thread stopper([&svr, &staffSvr, stopSignals] {
-        int sig = 0;
-        sigwait(&stopSignals, &sig);
-        svr.stop();
-        if (staffSvr)
-            staffSvr->http->stop();
-    });
-    std::thread staffThread;
-    if (staffSvr)
-        staffThread = std::thread([&staffSvr] { staffSvr->http->listen_after_bind(); });
-
-    std::string ready =
-        "kobreportd: intake on http://" + shownHost(host) + ":" + std::to_string(port) + "/";
-    if (staffSvr)
-        ready += "; staff on " + std::string(staff.tls_cert.empty() ? "http" : "https") + "://" +
+    std::string ready = "kobreportd: intake on http://" + shownHost(host) + ":" +
+                        std::to_string(intakeServer.port()) + "/";
+    if (staffServer)
+        ready += "; staff on " + std::string(tls ? "https" : "http") + "://" +
                  shownHost(staffHost) + ":" + std::to_string(staffPort) + "/";
     std::printf("%s\n", ready.c_str());
     std::fflush(stdout);
-    bool ok = svr.listen_after_bind();
-    // The servers may only go once the stopping thread is done with them;
-    // wake that thread if the intake ended for another reason.  Every
-    // thread blocks SIGTERM, so the signal goes to the one waiting for it.
-    kill(getpid(), SIGTERM);
-    stopper.join();
-    if (staffThread.joinable())
-        staffThread.join();
-    return ok ? 0 : 1;
+
+    int sig = 0;
+    sigwait(&stopSignals, &sig);
+    intakeServer.stop();
+    if (staffServer)
+        staffServer->stop();
+    return 0;
 }

@@ -12,7 +12,10 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <thread>
+#include <map>
 #include <memory>
+#include <sstream>
+#include <algorithm>
 #include <sqlite3.h>
 #include <sys/stat.h>
 
@@ -89,12 +92,26 @@ class Staff : public ::testing::TestWithParam<std::string> {
     std::string clockFile = dir.file("clock");
 };
 
-struct Route {
-    const char *method;
+// One row of the server's route table, as `kobreportd routes` prints it.
+struct Row {
+    std::string method, pattern, listener, access, role;
+};
+
+std::vector<Row> routeTable() {
+    auto printed = reportd::command(KOBREPORTD_BIN, {"routes"});
+    std::vector<Row> rows;
+    std::istringstream in(printed.out);
+    for (Row r; in >> r.method >> r.pattern >> r.listener >> r.access >> r.role;)
+        rows.push_back(r);
+    return rows;
+}
+
+// A request that exercises a row: its path, whether it asks for more than
+// the row's role (an admin's reveal), and what an admin gets.
+struct Exercise {
     std::string path;
-    enum Kind { Page, Api } kind;
-    bool admin;
-    int adminStatus; // what an admin gets
+    bool adminOnly;
+    int adminStatus;
 };
 
 } // namespace
@@ -102,7 +119,7 @@ struct Route {
 INSTANTIATE_TEST_SUITE_P(Stores, Staff, ::testing::Values("sqlite", "postgres"),
                          [](const auto &info) { return info.param; });
 
-TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
+TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener) {
     reportd::Server s(KOBREPORTD_BIN, db);
     std::string ref = reportd::reference(reportd::upload(s.port(), "one\n"));
     std::string doomed = reportd::reference(reportd::upload(s.port(), "two\n"));
@@ -112,44 +129,48 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
     ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "victimtoken", "--db", db}).status,
               0);
 
-    // Every staff route but the sign-in form and the stylesheet.
-    const std::vector<Route> routes = {
-        {"GET", "/", Route::Page, false, 200},
-        {"GET", "/?q=one&page=1", Route::Page, false, 200},
-        {"GET", "/reports/" + ref, Route::Page, false, 200},
-        {"GET", "/reports/" + ref + "/raw", Route::Page, false, 200},
-        {"GET", "/audit", Route::Page, true, 200},
-        {"GET", "/admin/accounts", Route::Page, true, 200},
-        {"POST", "/reports/" + ref + "/reveal", Route::Page, true, 200},
-        {"POST", "/reports/" + ref + "/raw", Route::Page, true, 200},
-        {"POST", "/reports/" + doomed + "/delete", Route::Page, true, 303},
-        {"POST", "/admin/users", Route::Page, true, 200},
-        {"POST", "/admin/users/victim/delete", Route::Page, true, 200},
-        {"POST", "/admin/tokens", Route::Page, true, 200},
-        {"POST", "/admin/tokens/victimtoken/delete", Route::Page, true, 200},
-        {"GET", "/api/reports", Route::Api, false, 200},
-        {"GET", "/api/reports?q=one", Route::Api, false, 200},
-        {"GET", "/api/reports/" + ref, Route::Api, false, 200},
-        {"GET", "/api/reports/" + ref + "/raw", Route::Api, false, 200},
-        {"GET", "/api/reports/" + ref + "?reveal=1", Route::Api, true, 200},
-        {"GET", "/api/reports/" + ref + "/raw?reveal=1", Route::Api, true, 200},
-        {"GET", "/api/audit", Route::Api, true, 200},
-        {"GET", "/metrics", Route::Api, false, 200},
-        {"GET", "/fleet", Route::Page, false, 200},
-        {"GET", "/fleet?window=7d", Route::Page, false, 200},
-        {"GET", "/fleet/reports?area=tcp&target=x&window=6h", Route::Page, false, 200},
-        {"GET", "/api/fleet?window=30d", Route::Api, false, 200},
-        {"GET", "/compare?a=" + ref + "&b=" + ref, Route::Page, false, 200},
-        {"GET", "/users/nobody", Route::Page, false, 200},
-        {"GET", "/api/compare?a=" + ref + "&b=" + ref, Route::Api, false, 200},
-        {"GET", "/api/users/nobody", Route::Api, false, 200},
-        {"DELETE", "/api/reports/" + doomedToo, Route::Api, true, 200},
-        {"POST", "/signout", Route::Page, false, 303},
+    // How to exercise each row of the table; a row without an entry here
+    // fails the test, so a new route cannot go untried.
+    const std::map<std::string, std::vector<Exercise>> exercises = {
+        {"POST /report/problem.php", {{"/report/problem.php", false, 400}}},
+        {"GET /healthz", {{"/healthz", false, 200}}},
+        {"GET /static/style.css", {{"/static/style.css", false, 200}}},
+        {"GET /signin", {{"/signin", false, 200}}},
+        {"POST /signin", {{"/signin", false, 403}}},
+        {"GET /", {{"/", false, 200}, {"/?q=one&page=1", false, 200}}},
+        {"GET /reports/{ref}", {{"/reports/" + ref, false, 200}}},
+        {"GET /reports/{ref}/raw", {{"/reports/" + ref + "/raw", false, 200}}},
+        {"GET /audit", {{"/audit", false, 200}}},
+        {"GET /admin/accounts", {{"/admin/accounts", false, 200}}},
+        {"POST /reports/{ref}/reveal", {{"/reports/" + ref + "/reveal", false, 200}}},
+        {"POST /reports/{ref}/raw", {{"/reports/" + ref + "/raw", false, 200}}},
+        {"POST /reports/{ref}/delete", {{"/reports/" + doomed + "/delete", false, 303}}},
+        {"POST /admin/users", {{"/admin/users", false, 200}}},
+        {"POST /admin/users/{name}/delete", {{"/admin/users/victim/delete", false, 200}}},
+        {"POST /admin/tokens", {{"/admin/tokens", false, 200}}},
+        {"POST /admin/tokens/{name}/delete", {{"/admin/tokens/victimtoken/delete", false, 200}}},
+        {"GET /api/reports", {{"/api/reports", false, 200}, {"/api/reports?q=one", false, 200}}},
+        {"GET /api/reports/{ref}",
+         {{"/api/reports/" + ref, false, 200}, {"/api/reports/" + ref + "?reveal=1", true, 200}}},
+        {"GET /api/reports/{ref}/raw",
+         {{"/api/reports/" + ref + "/raw", false, 200},
+          {"/api/reports/" + ref + "/raw?reveal=1", true, 200}}},
+        {"GET /api/audit", {{"/api/audit", false, 200}}},
+        {"GET /metrics", {{"/metrics", false, 200}}},
+        {"GET /fleet", {{"/fleet", false, 200}, {"/fleet?window=7d", false, 200}}},
+        {"GET /fleet/reports", {{"/fleet/reports?area=tcp&target=x&window=6h", false, 200}}},
+        {"GET /api/fleet", {{"/api/fleet?window=30d", false, 200}}},
+        {"GET /compare", {{"/compare?a=" + ref + "&b=" + ref, false, 200}}},
+        {"GET /users/{name}", {{"/users/nobody", false, 200}}},
+        {"GET /api/compare", {{"/api/compare?a=" + ref + "&b=" + ref, false, 200}}},
+        {"GET /api/users/{name}", {{"/api/users/nobody", false, 200}}},
+        {"DELETE /api/reports/{ref}", {{"/api/reports/" + doomedToo, false, 200}}},
+        {"POST /signout", {{"/signout", false, 303}}},
     };
-    auto fields = [](const Route &r) -> std::vector<std::pair<std::string, std::string>> {
-        if (r.path == "/admin/users")
+    auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
+        if (path == "/admin/users")
             return {{"name", "newcomer"}, {"role", "viewer"}, {"password", "a long password"}};
-        if (r.path == "/admin/tokens")
+        if (path == "/admin/tokens")
             return {{"name", "newtoken"}, {"role", "viewer"}};
         return {};
     };
@@ -161,51 +182,69 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheIntake) {
     reportd::Browser viewer = s.signedIn("viewer");
     reportd::Browser admin = s.signedIn("admin");
 
-    for (const auto &r : routes) {
-        SCOPED_TRACE(std::string(r.method) + " " + r.path);
-        // On the intake: nothing.
-        auto intake = reportd::request(s.port(), r.method, r.path);
-        EXPECT_EQ(intake.status, 404) << intake.raw;
-
-        // No credentials: the sign-in page for pages, 401 for the API.  A
-        // session cookie of someone who is not signed in counts as none.
-        for (const std::string &cookie :
-             std::vector<std::string>{"", "Cookie: kob_session=" + std::string(64, 'a') + "\r\n"}) {
-            auto none = reportd::request(s.staffPort(), r.method, r.path, cookie);
-            if (r.kind == Route::Page) {
-                EXPECT_EQ(none.status, 303) << none.raw;
-                EXPECT_EQ(reportd::header(none, "Location").rfind("/signin", 0), 0u) << none.raw;
-            } else {
-                EXPECT_EQ(none.status, 401) << none.raw;
-                EXPECT_EQ(none.body, "{\"error\":\"a valid API token is required\"}");
+    auto rows = routeTable();
+    ASSERT_EQ(rows.size(), exercises.size());
+    // Signing out ends the admin's session: it goes last.
+    std::stable_partition(rows.begin(), rows.end(),
+                          [](const Row &r) { return r.pattern != "/signout"; });
+    for (const auto &row : rows) {
+        std::string key = row.method + " " + row.pattern;
+        SCOPED_TRACE(key);
+        auto found = exercises.find(key);
+        ASSERT_NE(found, exercises.end()) << "no way to exercise this route";
+        bool staff = row.listener == "staff";
+        int own = staff ? s.staffPort() : s.port(), other = staff ? s.port() : s.staffPort();
+        for (const auto &e : found->second) {
+            SCOPED_TRACE(e.path);
+            // On the other listener: nothing.
+            auto elsewhere = reportd::request(other, row.method, e.path);
+            EXPECT_EQ(elsewhere.status, 404) << elsewhere.raw;
+            if (row.access == "open" || row.access == "upload") {
+                EXPECT_EQ(row.role, "-");
+                EXPECT_EQ(reportd::request(own, row.method, e.path).status, e.adminStatus);
+                continue;
             }
-        }
-        // A bearer token does not open pages; a session does not open the API.
-        if (r.kind == Route::Page) {
-            EXPECT_EQ(reportd::request(s.staffPort(), r.method, r.path,
-                                       "Authorization: Bearer " + s.token() + "\r\n")
-                          .status,
-                      303);
-        }
+            // No credentials: the sign-in page for pages, 401 for the API.
+            // A session cookie of someone who is not signed in counts as none.
+            for (const std::string &cookie : std::vector<std::string>{
+                     "", "Cookie: kob_session=" + std::string(64, 'a') + "\r\n"}) {
+                auto none = reportd::request(own, row.method, e.path, cookie);
+                if (row.access == "page") {
+                    EXPECT_EQ(none.status, 303) << none.raw;
+                    EXPECT_EQ(reportd::header(none, "Location").rfind("/signin", 0), 0u)
+                        << none.raw;
+                } else {
+                    EXPECT_EQ(none.status, 401) << none.raw;
+                    EXPECT_EQ(none.body, "{\"error\":\"a valid API token is required\"}");
+                }
+            }
+            // A bearer token does not open pages; a session does not open the API.
+            if (row.access == "page") {
+                EXPECT_EQ(reportd::request(own, row.method, e.path,
+                                           "Authorization: Bearer " + s.token() + "\r\n")
+                              .status,
+                          303);
+            }
 
-        // A viewer: the viewer's routes, and 403 for the admin's.
-        int want = r.admin ? 403 : r.adminStatus;
-        if (r.kind == Route::Api) {
-            auto v = reportd::request(s.staffPort(), r.method, r.path, viewerBearer);
-            EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
-        } else if (r.path != "/signout") {
-            auto v = r.method == std::string("GET") ? viewer.get(r.path)
-                                                    : viewer.post(r.path, fields(r));
-            EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
-        }
+            // A viewer: the viewer's routes, and 403 for the admin's.
+            int want = row.role == "admin" || e.adminOnly ? 403 : e.adminStatus;
+            if (row.access == "api") {
+                auto v = reportd::request(own, row.method, e.path, viewerBearer);
+                EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
+            } else if (row.pattern != "/signout") {
+                auto v =
+                    row.method == "GET" ? viewer.get(e.path) : viewer.post(e.path, fields(e.path));
+                EXPECT_EQ(v.status, want) << v.raw.substr(0, 400);
+            }
 
-        // An admin: everything.
-        auto a = r.kind == Route::Api             ? s.api(r.path, r.method)
-                 : r.method == std::string("GET") ? admin.get(r.path)
-                                                  : admin.post(r.path, fields(r));
-        EXPECT_EQ(a.status, r.adminStatus) << a.raw.substr(0, 400);
-        if (r.kind == Route::Page && a.status == 200) {
-            EXPECT_EQ(reportd::header(a, "Cache-Control"), "no-store");
+            // An admin: everything.
+            auto a = row.access == "api"   ? s.api(e.path, row.method)
+                     : row.method == "GET" ? admin.get(e.path)
+                                           : admin.post(e.path, fields(e.path));
+            EXPECT_EQ(a.status, e.adminStatus) << a.raw.substr(0, 400);
+            if (row.access == "page" && a.status == 200) {
+                EXPECT_EQ(reportd::header(a, "Cache-Control"), "no-store");
+            }
         }
     }
     // What the admin did took effect; what the viewer tried did not.

@@ -399,9 +399,13 @@ TEST_F(Reportd, ExpectContinueIsAnsweredBeforeTheBody) {
 }
 
 // A burst of simultaneous uploads, far more than the workers: every one is
-// queued and answered, none is turned away at the door.
+// queued for a worker and answered, none is turned away at the door while
+// the in-flight limit allows them (they all come from one address here, so
+// its connection cap is raised too).
 TEST_F(Reportd, ABurstOfUploadsIsAllAnsweredWithUniqueReferences) {
-    reportd::Server s(KOBREPORTD_BIN, db, {"--threads", "4"});
+    reportd::Server s(
+        KOBREPORTD_BIN, db,
+        {"--threads", "4", "--max-inflight", "200", "--max-conns-per-address", "200"});
     constexpr int kClients = 150;
     std::vector<std::string> refs(kClients);
     std::vector<std::thread> threads;

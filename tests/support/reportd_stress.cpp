@@ -101,10 +101,14 @@ int load(const Options &o) {
     std::string name = "server on port " + std::to_string(port);
     if (!port) {
         db = std::make_unique<Database>(o.postgres);
-        s = std::make_unique<reportd::Server>(o.binary, db->where,
-                                              // Its workers as it sizes them for the machine; only
-                                              // the body limit is raised, for the 64 MiB upload.
-                                              std::vector<std::string>{"--max-body", "200000000"});
+        s = std::make_unique<reportd::Server>(
+            o.binary, db->where,
+            // Its workers as it sizes them for the machine; the body limit
+            // is raised for the 64 MiB upload, and the limits on
+            // connections per address and uploads in flight, as every
+            // upload here comes from one address at once.
+            std::vector<std::string>{"--max-body", "200000000", "--max-conns-per-address", "100000",
+                                     "--max-inflight", "100000"});
         port = s->port();
         name = "kobreportd, " + db->name;
     }
@@ -399,10 +403,14 @@ int usage() {
 // 503 while a normal client on another address is served as usual.
 int limits(const Options &o) {
     Database db(false);
-    reportd::Server s(o.binary, db.where,
-                      {"--rate", "30", "--max-inflight", "8", "--threads", "16"});
+    // One address may hold fewer connections than there are uploads in
+    // flight, so that a flood from it cannot take every place.
+    reportd::Server s(
+        o.binary, db.where,
+        {"--rate", "30", "--max-inflight", "8", "--threads", "16", "--max-conns-per-address", "4"});
     int port = s.port();
-    std::printf("intake limits (30 uploads a minute per address, 8 in flight, 16 workers)\n");
+    std::printf("intake limits (30 uploads a minute and 4 connections per address, 8 in flight,"
+                " 16 workers)\n");
     std::atomic<bool> stop{false};
     std::atomic<int> normalOk{0}, normalOther{0};
     std::atomic<long long> worstMs{0};

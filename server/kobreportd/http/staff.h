@@ -1,17 +1,20 @@
 // The staff side: the browser view and /api/, on a listener of its own,
 // every route behind a sign-in session (pages) or a bearer token (/api/).
+// The pages' rows are made in staff.cpp, the API's in api/api.cpp; both
+// share the views of a report made here.
 
 #ifndef KOBREPORTD_STAFF_H
 #define KOBREPORTD_STAFF_H
 
-#include <httplib.h>
-
-#include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "accounts.h"
 #include "audit.h"
 #include "metrics.h"
+#include "pages.h"
+#include "routes.h"
 #include "store.h"
 
 namespace kobreportd {
@@ -22,21 +25,63 @@ struct StaffOptions {
     int threads = 16;
 };
 
-class StaffRoutes;
+// The protective headers of every staff answer.
+std::vector<std::pair<std::string, std::string>> staffHeaders(bool tls);
 
-// The server and the routes it serves, which hold on to the stores.
-struct StaffServer {
-    StaffServer();
-    ~StaffServer();
-    std::unique_ptr<httplib::Server> http;
-    std::unique_ptr<StaffRoutes> routes;
+class Staff {
+  public:
+    Staff(Store &store, Accounts &accounts, Audit &audit, const Metrics &metrics,
+          const Guard &guard, bool tls, int retainDays)
+        : store_(store), accounts_(accounts), audit_(audit), metrics_(metrics), guard_(guard),
+          tls_(tls), retainDays_(retainDays) {}
+
+    void addPageRoutes(RouteTable &table);
+    void addApiRoutes(RouteTable &table); // api/api.cpp
+
+    static constexpr int64_t kPageSize = 50;
+    static int64_t pageNumber(const Request &req);
+
+    // The report as this caller may see it: the user's own addresses
+    // masked unless revealed.
+    struct Visible {
+        std::string desc;
+        std::optional<std::string> why;
+    };
+    static Visible visible(const StoredReport &s, bool reveal);
+    // A side of a comparison, masked as the viewer sees reports.
+    pages::CompareSide side(const StoredReport &s);
+    // The raw text as plain text; 404 and 410 as plain text too.
+    void rawText(const Request &req, Response &res, const Principal &who, bool reveal);
+
+  private:
+    void addSignInRoutes(RouteTable &table);
+    void addReportPages(RouteTable &table);
+    void addAdminPages(RouteTable &table);
+    void addFleetPages(RouteTable &table);
+    void addReportApi(RouteTable &table);
+    void addFleetApi(RouteTable &table);
+
+    // A handler of a route behind credentials: the guard has found who.
+    using Signed = std::function<void(const Request &, Response &, const Principal &)>;
+    static void page(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
+    static void api(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
+    pages::Viewer viewer(const Principal &who) const;
+    void show(Response &res, int status, const std::string &title, const Principal *who,
+              const html::Html &body, const std::string &query = "");
+    void notFound(Response &res, const Principal &who, const std::string &ref);
+    void reportPage(const Request &req, Response &res, const Principal &who, bool reveal);
+    void accountsPage(Response &res, const Principal &who, const std::string &msg,
+                      const std::optional<std::string> &token = std::nullopt, int status = 200);
+    std::string reportJson(const StoredReport &s, const Visible &v);
+
+    Store &store_;
+    Accounts &accounts_;
+    Audit &audit_;
+    const Metrics &metrics_;
+    const Guard &guard_;
+    bool tls_;
+    int retainDays_;
 };
-
-// The server with every staff route; nullptr with a message in error when
-// the certificate or key cannot be used.
-std::unique_ptr<StaffServer> makeStaffServer(const StaffOptions &options, Store &store,
-                                             Accounts &accounts, Audit &audit,
-                                             const Metrics &metrics, std::string &error);
 
 } // namespace kobreportd
 

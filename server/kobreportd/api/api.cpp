@@ -1,0 +1,229 @@
+// The staff side's /api/ and /metrics: JSON for scripts and dashboards,
+// behind a bearer token, from the same views of a report as the pages.
+
+#include <nlohmann/json.hpp>
+
+#include "clock.h"
+#include "fleet.h"
+#include "kobtriage.h"
+#include "staff.h"
+
+namespace kobreportd {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void json(Response &res, int status, const std::string &body) {
+    res.status = status;
+    res.setContent(body, "application/json");
+}
+
+void json(Response &res, int status, const Json &body) {
+    json(res, status, kobtriage::dumpJson(body));
+}
+
+void jsonError(Response &res, int status, const char *what) {
+    json(res, status, Json{{"error", what}});
+}
+
+Json orNull(const std::optional<std::string> &s) {
+    return s ? Json(*s) : Json(nullptr);
+}
+
+} // namespace
+
+std::string Staff::reportJson(const StoredReport &s, const Visible &v) {
+    if (s.raw_expired) {
+        Json findings = Json::parse(s.findings, nullptr, false);
+        return kobtriage::dumpJson(
+            Json{{"reference", s.reference},
+                 {"received_at", isoTime(s.received_at)},
+                 {"form_username", orNull(s.form_username)},
+                 {"report_username", orNull(s.report_username)},
+                 {"summary", s.summary},
+                 {"raw_expired", true},
+                 {"findings", findings.is_discarded() ? Json(nullptr) : findings}});
+    }
+    kobtriage::StoredFacts f;
+    f.reference = s.reference;
+    f.received_at = isoTime(s.received_at);
+    f.form_username = s.form_username;
+    f.why = v.why;
+    f.size = static_cast<size_t>(s.size);
+    return kobtriage::toJson(kobtriage::parse(v.desc), &f);
+}
+
+void Staff::addApiRoutes(RouteTable &table) {
+    addReportApi(table);
+    addFleetApi(table);
+}
+
+void Staff::addReportApi(RouteTable &table) {
+    api(table, Method::Get, "/api/reports", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &) {
+            std::string q = req.hasParam("q") ? req.param("q") : "";
+            int64_t pg = pageNumber(req);
+            auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
+            Json reports = Json::array();
+            for (const auto &it : list.items) {
+                std::string user = it.form_username && !it.form_username->empty()
+                                       ? *it.form_username
+                                       : it.report_username.value_or("");
+                reports.push_back(Json{{"reference", it.reference},
+                                       {"received_at", isoTime(it.received_at)},
+                                       {"username", user},
+                                       {"form_username", orNull(it.form_username)},
+                                       {"summary", it.summary},
+                                       {"size", it.size},
+                                       {"raw_expired", it.raw_expired}});
+            }
+            json(res, 200,
+                 Json{{"total", list.total},
+                      {"page", pg},
+                      {"page_size", kPageSize},
+                      {"reports", std::move(reports)}});
+        });
+    // ?reveal=1 asks for the unmasked text, which only an admin gets.
+    auto revealAsked = [](const Request &req, Response &res, const Principal &who) {
+        if (req.param("reveal") != "1")
+            return std::optional<bool>(false);
+        if (who.role != Role::Admin) {
+            jsonError(res, 403, "only an admin token may reveal");
+            return std::optional<bool>();
+        }
+        return std::optional<bool>(true);
+    };
+    api(table, Method::Get, "/api/reports/{ref}", Role::Viewer,
+        [this, revealAsked](const Request &req, Response &res, const Principal &who) {
+            auto reveal = revealAsked(req, res, who);
+            if (!reveal)
+                return;
+            auto s = store_.get(req.matches[1]);
+            if (!s) {
+                jsonError(res, 404, "not found");
+                return;
+            }
+            audit_.record(who.account, req.client_address,
+                          *reveal ? "report.revealed" : "report.viewed", s->reference);
+            json(res, 200, reportJson(*s, visible(*s, *reveal)));
+        });
+    api(table, Method::Get, "/api/reports/{ref}/raw", Role::Viewer,
+        [this, revealAsked](const Request &req, Response &res, const Principal &who) {
+            auto reveal = revealAsked(req, res, who);
+            if (reveal)
+                rawText(req, res, who, *reveal);
+        });
+    api(table, Method::Delete, "/api/reports/{ref}", Role::Admin,
+        [this](const Request &req, Response &res, const Principal &who) {
+            std::string ref = req.matches[1];
+            if (!store_.remove(ref)) {
+                jsonError(res, 404, "not found");
+                return;
+            }
+            audit_.record(who.account, req.client_address, "report.deleted", ref);
+            json(res, 200, Json{{"deleted", ref}});
+        });
+    api(table, Method::Get, "/api/compare", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &who) {
+            auto a = store_.get(req.param("a"));
+            auto b = store_.get(req.param("b"));
+            if (!a || !b) {
+                jsonError(res, 404, "not found");
+                return;
+            }
+            for (const auto *r : {&*a, &*b})
+                audit_.record(who.account, req.client_address, "report.viewed", r->reference,
+                              "compare");
+            auto sa = side(*a), sb = side(*b);
+            pages::Changes c = pages::changes(sa.outcomes, sb.outcomes);
+            json(res, 200,
+                 Json{{"a", a->reference},
+                      {"b", b->reference},
+                      {"now_failing", c.failing},
+                      {"recovered", c.recovered}});
+        });
+    api(table, Method::Get, "/api/users/{name}", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &) {
+            auto list = store_.byUser(req.matches[1], 200);
+            Json reports = Json::array();
+            for (size_t i = 0; i < list.size(); i++) {
+                const auto &r = list[i];
+                Json o{{"reference", r.item.reference},
+                       {"received_at", isoTime(r.item.received_at)},
+                       {"summary", r.item.summary}};
+                if (i + 1 < list.size()) {
+                    auto c = pages::changes(list[i + 1].outcomes, r.outcomes);
+                    o["now_failing"] = c.failing;
+                    o["recovered"] = c.recovered;
+                }
+                reports.push_back(std::move(o));
+            }
+            json(res, 200,
+                 Json{{"username", std::string(req.matches[1])}, {"reports", std::move(reports)}});
+        });
+}
+
+void Staff::addFleetApi(RouteTable &table) {
+    api(table, Method::Get, "/api/fleet", Role::Viewer,
+        [this](const Request &req, Response &res, const Principal &) {
+            std::string w = req.hasParam("window") ? req.param("window") : "24h";
+            if (!windowSeconds(w)) {
+                jsonError(res, 400, "window is one of 6h, 24h, 7d, 30d");
+                return;
+            }
+            Fleet f = fleet(store_.db(), w, now());
+            Json targets = Json::array();
+            for (const auto &t : f.targets) {
+                Json buckets = Json::array();
+                for (const auto &b : t.buckets)
+                    if (b.reports)
+                        buckets.push_back(Json{{"start", isoTime(b.start)},
+                                               {"reports", b.reports},
+                                               {"failing", b.failing}});
+                targets.push_back(Json{
+                    {"area", t.area},
+                    {"target", t.target},
+                    {"reports", t.reports},
+                    {"failing", t.failing},
+                    {"broken", t.broken},
+                    {"last_hour", Json{{"reports", t.hour_reports}, {"failing", t.hour_failing}}},
+                    {"baseline", Json{{"reports", t.baseline_reports},
+                                      {"failing", t.baseline_failing},
+                                      {"share", t.baseline}}},
+                    {"buckets", std::move(buckets)}});
+            }
+            json(res, 200,
+                 Json{{"window", f.window},
+                      {"from", isoTime(f.from)},
+                      {"to", isoTime(f.to)},
+                      {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)},
+                      {"targets", std::move(targets)}});
+        });
+    // For Prometheus, with a token like the API.
+    api(table, Method::Get, "/metrics", Role::Viewer,
+        [this](const Request &, Response &res, const Principal &) {
+            res.setContent(metrics_.text(), "text/plain; version=0.0.4; charset=utf-8");
+        });
+    api(table, Method::Get, "/api/audit", Role::Admin,
+        [this](const Request &req, Response &res, const Principal &) {
+            int64_t pg = pageNumber(req), total = 0;
+            auto entries = audit_.page((pg - 1) * kPageSize, kPageSize, total);
+            Json list = Json::array();
+            for (const auto &e : entries)
+                list.push_back(Json{{"id", e.id},
+                                    {"at", isoTime(e.at)},
+                                    {"account", e.account},
+                                    {"address", e.address},
+                                    {"action", e.action},
+                                    {"reference", e.reference},
+                                    {"detail", e.detail}});
+            json(res, 200,
+                 Json{{"total", total},
+                      {"page", pg},
+                      {"page_size", kPageSize},
+                      {"entries", std::move(list)}});
+        });
+}
+
+} // namespace kobreportd

@@ -1,0 +1,134 @@
+// The requests and answers the handlers see, independent of the HTTP
+// library, and the route table: every route of both listeners is one row
+// (method, path pattern, listener, access, role, handler), and the sign-in,
+// form-token and role checks are applied from the row in one place.
+
+#ifndef KOBREPORTD_ROUTES_H
+#define KOBREPORTD_ROUTES_H
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "accounts.h"
+
+namespace kobreportd {
+
+enum class Method { Get, Post, Delete };
+const char *methodName(Method m);
+
+enum class Listener { Intake, Staff };
+const char *listenerName(Listener l);
+
+// What a route asks of its caller: nothing (Open), kobdiag's upload form
+// (Upload), a signed-in session with the form token on changes (Page), or
+// a bearer token (Api).
+enum class Access { Open, Upload, Page, Api };
+const char *accessName(Access a);
+
+// Names compared without regard to case, as HTTP compares field names.
+struct Caseless {
+    bool operator()(const std::string &a, const std::string &b) const;
+};
+
+struct Request {
+    std::string method, path;
+    std::vector<std::string> matches; // matches[1..]: the pattern's {names}
+    std::multimap<std::string, std::string, Caseless> headers;
+    // The query's and the form's fields, the query's first.
+    std::multimap<std::string, std::string> params;
+    // The caller's address: the peer's, for now.
+    std::string client_address;
+    bool tls = false;
+    // Upload routes: the form's fields (a handler may take them), and the
+    // body's bytes as received.
+    mutable std::map<std::string, std::string> form;
+    size_t body_bytes = 0;
+
+    bool hasHeader(const std::string &name) const { return headers.count(name) != 0; }
+    // The first value, or "".
+    std::string header(const std::string &name) const;
+    std::vector<std::string> headerValues(const std::string &name) const;
+    bool hasParam(const std::string &name) const { return params.count(name) != 0; }
+    std::string param(const std::string &name) const;
+};
+
+struct Response {
+    int status = 200;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+    // Replaces a header of this name, if one is set.
+    void setHeader(const std::string &name, const std::string &value);
+    // Adds one more (Set-Cookie may come several times).
+    void addHeader(const std::string &name, const std::string &value);
+    void setContent(std::string content, const std::string &type);
+};
+
+// A plain-text answer.
+void answer(Response &res, int status, const std::string &text);
+
+// who is nullptr on Open and Upload routes.
+using Handler = std::function<void(const Request &, Response &, const Principal *who)>;
+
+struct Route {
+    Method method;
+    std::string pattern; // literal segments and {name} for one segment
+    Listener listener;
+    Access access;
+    Role role; // the least role (Page and Api routes)
+    Handler handler;
+};
+
+// Whether path fits pattern; fills matches (matches[0] is the path).
+bool matchPath(const std::string &pattern, const std::string &path,
+               std::vector<std::string> &matches);
+
+// The table of both listeners.  The rows' handlers hold on to the stores
+// given to the functions that make them.
+class RouteTable {
+  public:
+    void add(Route r) { rows_.push_back(std::move(r)); }
+    const std::vector<Route> &rows() const { return rows_; }
+    // The row for this method and path on this listener; nullptr when none.
+    // allowed lists the methods the path has there, for 405's Allow.
+    const Route *find(Listener l, const std::string &method, const std::string &path,
+                      std::vector<std::string> &matches, std::string &allowed) const;
+    // One line per row: "METHOD PATTERN LISTENER ACCESS ROLE".
+    std::string text() const;
+
+  private:
+    std::vector<Route> rows_;
+};
+
+// The session, form-token and role checks of Page routes and the bearer
+// token of Api routes, applied from the row.  Returns who may go ahead, or
+// nothing with res already holding the refusal.
+class Guard {
+  public:
+    Guard(Accounts &accounts, bool tls) : accounts_(accounts), tls_(tls) {}
+    // Open and Upload routes pass with ok set and no one.
+    std::optional<Principal> check(const Route &route, const Request &req, Response &res,
+                                   bool &ok) const;
+    // Browsers name the page a form came from; another site's may not post.
+    bool sameOrigin(const Request &req) const;
+    std::string cookieAttributes() const;
+
+  private:
+    Accounts &accounts_;
+    bool tls_;
+};
+
+constexpr const char *kSessionCookie = "kob_session";
+constexpr const char *kSignInCookie = "kob_signin";
+
+// One cookie's value from the request's Cookie headers, or "".
+std::string cookie(const Request &req, const std::string &name);
+bool sameSecret(const std::string &a, const std::string &b);
+void seeOther(Response &res, const std::string &where);
+
+} // namespace kobreportd
+
+#endif
