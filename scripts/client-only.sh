@@ -16,7 +16,8 @@ jobs=$(nproc)
 
 # What the operator's side builds with; the client needs none of it.
 hidden_packages=(libpq-dev libsodium-dev libzstd-dev nlohmann-json3-dev libcpp-httplib-dev
-  libsqlite3-dev libssl-dev libmicrohttpd-dev libgnutls28-dev)
+  libsqlite3-dev libssl-dev libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev
+  libcurl4-openssl-dev)
 
 fail() {
   echo "client-only: $*" >&2
@@ -58,13 +59,13 @@ unshare --mount --propagation private env OVERLAY="$overlay" BUILD="$build" JOBS
 
 # The configure log names none of them, and no shipped client program links
 # one.
-if grep -n -i -E 'sodium|zstd|httplib|nlohmann|postgres|sqlite|openssl|microhttpd|gnutls' \
+if grep -n -i -E 'sodium|zstd|httplib|nlohmann|postgres|sqlite|openssl|microhttpd|gnutls|curl' \
   "$build.configure.log"; then
   fail "the client-only configure looked for a server dependency"
 fi
 for program in bin/kobdiag/kobdiag tools/koblog tools/kobstat lib/libkob/libkob.so lib/libkobec/libkobec.so; do
   [ -e "$build/$program" ] || fail "$build/$program was not built"
-  if ldd "$build/$program" | grep -E 'sodium|zstd|libpq|sqlite|ssl|crypto|microhttpd|gnutls'; then
+  if ldd "$build/$program" | grep -E 'sodium|zstd|libpq|sqlite|ssl|crypto|microhttpd|gnutls|curl'; then
     fail "$program links a server dependency"
   fi
 done

@@ -89,6 +89,80 @@ int printRoutes() {
     return 0;
 }
 
+// What the server is started with.
+struct Settings {
+    std::string listen, staffListen, db, webhook, targets;
+    int alertCheck = 60, minSenders = 5;
+    Limits limits;
+    StaffOptions staff;
+};
+
+// The server's options; false for anything else.
+bool parseOptions(int argc, char *argv[], Settings &o) {
+    for (int i = 1; i < argc; i++) {
+        std::string a = argv[i];
+        if (i + 1 >= argc)
+            return false;
+        const char *v = argv[++i];
+        unsigned long long n;
+        if (a == "--listen")
+            o.listen = v;
+        else if (a == "--staff-listen")
+            o.staffListen = v;
+        else if (a == "--db")
+            o.db = v;
+        else if (a == "--alert-webhook" && (std::string(v).rfind("http://", 0) == 0 ||
+                                            std::string(v).rfind("https://", 0) == 0))
+            o.webhook = v;
+        else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
+            o.alertCheck = static_cast<int>(n);
+        else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
+            o.minSenders = static_cast<int>(n);
+        else if (a == "--targets")
+            o.targets = v;
+        else if (a == "--tls-cert")
+            o.staff.tls_cert = v;
+        else if (a == "--tls-key")
+            o.staff.tls_key = v;
+        else if (a == "--retain-days" && number(v, 100000, n))
+            o.staff.retain_days = static_cast<int>(n);
+        else if (a == "--rate" && number(v, 1000000, n))
+            o.limits.rate_per_minute = static_cast<int>(n);
+        else if (a == "--max-inflight" && number(v, 100000, n) && n > 0)
+            o.limits.max_inflight = static_cast<int>(n);
+        else if (a == "--max-body" && number(v, 1ull << 40, n) && n > 0)
+            o.limits.max_body = n;
+        else if (a == "--read-timeout" && number(v, 3600, n) && n > 0)
+            o.limits.read_timeout_s = static_cast<int>(n);
+        else if (a == "--request-timeout" && number(v, 86400, n) && n > 0)
+            o.limits.request_timeout_s = static_cast<int>(n);
+        else if (a == "--threads" && number(v, 1024, n) && n > 0)
+            o.limits.threads = static_cast<int>(n);
+        else if (a == "--max-conns-per-address" && number(v, 1000000, n) && n > 0)
+            o.limits.max_conns_per_address = static_cast<int>(n);
+        else if (a == "--max-conns" && number(v, 1u << 20, n) && n > 0)
+            o.limits.max_conns = static_cast<int>(n);
+        else
+            return false;
+    }
+    return true;
+}
+
+// Before any thread: the fleet's targets and how many networks make a
+// target broken.  False with error set when the list cannot be read.
+bool setFleet(const Settings &o, std::string &error) {
+    FleetPolicy policy = FleetPolicy::builtIn();
+    if (!o.targets.empty()) {
+        auto fromFile = FleetPolicy::fromFile(o.targets, error);
+        if (!fromFile)
+            return false;
+        policy = std::move(*fromFile);
+    }
+    policy.min_senders = o.minSenders;
+    setFleetPolicy(std::move(policy));
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char *argv[]) {
@@ -97,57 +171,10 @@ int main(int argc, char *argv[]) {
     if (argc > 1 && argv[1][0] != '-')
         return command(std::vector<std::string>(argv + 1, argv + argc));
 
-    std::string listen, staffListen, db, webhook;
-    int alertCheck = 60, minSenders = 5;
-    std::string targets;
-    Limits limits;
-    StaffOptions staff;
-    for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        if (i + 1 >= argc)
-            return usage();
-        const char *v = argv[++i];
-        unsigned long long n;
-        if (a == "--listen")
-            listen = v;
-        else if (a == "--staff-listen")
-            staffListen = v;
-        else if (a == "--db")
-            db = v;
-        else if (a == "--alert-webhook" && (std::string(v).rfind("http://", 0) == 0 ||
-                                            std::string(v).rfind("https://", 0) == 0))
-            webhook = v;
-        else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
-            alertCheck = static_cast<int>(n);
-        else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
-            minSenders = static_cast<int>(n);
-        else if (a == "--targets")
-            targets = v;
-        else if (a == "--tls-cert")
-            staff.tls_cert = v;
-        else if (a == "--tls-key")
-            staff.tls_key = v;
-        else if (a == "--retain-days" && number(v, 100000, n))
-            staff.retain_days = static_cast<int>(n);
-        else if (a == "--rate" && number(v, 1000000, n))
-            limits.rate_per_minute = static_cast<int>(n);
-        else if (a == "--max-inflight" && number(v, 100000, n) && n > 0)
-            limits.max_inflight = static_cast<int>(n);
-        else if (a == "--max-body" && number(v, 1ull << 40, n) && n > 0)
-            limits.max_body = n;
-        else if (a == "--read-timeout" && number(v, 3600, n) && n > 0)
-            limits.read_timeout_s = static_cast<int>(n);
-        else if (a == "--request-timeout" && number(v, 86400, n) && n > 0)
-            limits.request_timeout_s = static_cast<int>(n);
-        else if (a == "--threads" && number(v, 1024, n) && n > 0)
-            limits.threads = static_cast<int>(n);
-        else if (a == "--max-conns-per-address" && number(v, 1000000, n) && n > 0)
-            limits.max_conns_per_address = static_cast<int>(n);
-        else if (a == "--max-conns" && number(v, 1u << 20, n) && n > 0)
-            limits.max_conns = static_cast<int>(n);
-        else
-            return usage();
-    }
+    Settings o;
+    if (!parseOptions(argc, argv, o))
+        return usage();
+    auto &[listen, staffListen, db, webhook, targets, alertCheck, minSenders, limits, staff] = o;
     std::string host, staffHost;
     int port = 0, staffPort = 0;
     if (listen.empty() || db.empty() || !splitListen(listen, host, port) ||
@@ -170,18 +197,8 @@ int main(int argc, char *argv[]) {
     if (testClock())
         std::fprintf(stderr, "kobreportd: the time comes from KOBREPORTD_TEST_CLOCK\n");
 
-    // Before any thread: the fleet's targets and how many networks make
-    // a target broken.
-    FleetPolicy policy = FleetPolicy::builtIn();
-    if (!targets.empty()) {
-        std::string error;
-        auto fromFile = FleetPolicy::fromFile(targets, error);
-        if (!fromFile)
-            return fail(error);
-        policy = std::move(*fromFile);
-    }
-    policy.min_senders = minSenders;
-    setFleetPolicy(std::move(policy));
+    if (std::string error; !setFleet(o, error))
+        return fail(error);
 
     std::string certPem, keyPem;
     bool tls = !staff.tls_cert.empty();

@@ -383,6 +383,7 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
         "                  [--max-conns-per-address N] [--max-conns N]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
+        "                  [--alert-min-senders N] [--targets FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
         "       kobreportd user del NAME --db PATH_OR_URL\n"
         "       kobreportd user list --db PATH_OR_URL\n"
@@ -390,5 +391,5 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
-        "       kobreportd retriage --db PATH_OR_URL\n");
+        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n");
 }
