@@ -67,7 +67,8 @@ std::optional<FleetPolicy> FleetPolicy::fromFile(const std::string &path, std::s
     FleetPolicy p;
     std::string line;
     for (int n = 1; std::getline(in, line); n++) {
-        line = line.substr(0, line.find('#'));
+        if (auto hash = line.find('#'); hash != std::string::npos)
+            line.resize(hash);
         while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r'))
             line.pop_back();
         auto start = line.find_first_not_of(" \t");
@@ -162,13 +163,19 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
         }
         return it->second;
     };
+    // The row's target, made on first sight; nullptr for one not counted.
+    auto counted = [&](const sql::Rows &rows, size_t i) -> FleetTarget * {
+        const std::string &area = rows.str(i, "area"), &name = rows.str(i, "target");
+        return policy.counts(area, name) ? &target(area, name) : nullptr;
+    };
     auto rows = db.read("SELECT area, target, hour, reports, failing FROM outcome_hours"
                         " WHERE hour >= $1 AND hour < $2 AND reports > 0",
                         {sql::integer(f.from / 3600), sql::integer(f.to / 3600)});
     for (size_t i = 0; i < rows.size(); i++) {
-        if (!policy.counts(rows.str(i, "area"), rows.str(i, "target")))
+        FleetTarget *counting = counted(rows, i);
+        if (!counting)
             continue;
-        FleetTarget &t = target(rows.str(i, "area"), rows.str(i, "target"));
+        FleetTarget &t = *counting;
         size_t k =
             static_cast<size_t>((rows.integer(i, "hour") * 3600 - f.from) / f.bucket_seconds);
         if (k >= nb)
@@ -187,13 +194,11 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                 " FROM outcomes WHERE received_at >= $1 AND received_at <= $2"
                 " GROUP BY area, target",
                 {sql::integer(hourAgo), sql::integer(now)});
-    for (size_t i = 0; i < recent.size(); i++) {
-        if (!policy.counts(recent.str(i, "area"), recent.str(i, "target")))
-            continue;
-        FleetTarget &t = target(recent.str(i, "area"), recent.str(i, "target"));
-        t.hour_reports = recent.integer(i, "reports");
-        t.hour_failing = recent.integer(i, "failing");
-    }
+    for (size_t i = 0; i < recent.size(); i++)
+        if (FleetTarget *t = counted(recent, i)) {
+            t->hour_reports = recent.integer(i, "reports");
+            t->hour_failing = recent.integer(i, "failing");
+        }
     auto senders = db.read("SELECT o.area AS area, o.target AS target,"
                            " count(DISTINCT r.sender_net) AS networks FROM outcomes o"
                            " JOIN reports r ON r.id = o.report_id WHERE o.failing = 1 AND"
@@ -209,13 +214,11 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
                           " CAST(sum(failing) AS BIGINT) AS failing FROM outcome_hours"
                           " WHERE hour >= $1 AND hour < $2 GROUP BY area, target",
                           {sql::integer(h0 - int64_t{7} * 24), sql::integer(h0)});
-    for (size_t i = 0; i < before.size(); i++) {
-        if (!policy.counts(before.str(i, "area"), before.str(i, "target")))
-            continue;
-        FleetTarget &t = target(before.str(i, "area"), before.str(i, "target"));
-        t.baseline_reports = before.integer(i, "reports");
-        t.baseline_failing = before.integer(i, "failing");
-    }
+    for (size_t i = 0; i < before.size(); i++)
+        if (FleetTarget *t = counted(before, i)) {
+            t->baseline_reports = before.integer(i, "reports");
+            t->baseline_failing = before.integer(i, "failing");
+        }
     for (auto &[key, t] : byTarget) {
         double p = (static_cast<double>(t.baseline_failing) + 1) /
                    (static_cast<double>(t.baseline_reports) + 2);

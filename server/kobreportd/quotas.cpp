@@ -13,7 +13,7 @@ std::string mib(uint64_t bytes) {
 
 } // namespace
 
-Quotas::Quotas(QuotaOptions options, std::function<DiskState()> probe)
+Quotas::Quotas(const QuotaOptions &options, std::function<DiskState()> probe)
     : options_(options), probe_(std::move(probe)) {}
 
 DiskState Quotas::disk(std::time_t now) {

@@ -39,7 +39,7 @@ struct Refusal {
 
 class Quotas {
   public:
-    Quotas(QuotaOptions options, std::function<DiskState()> probe);
+    Quotas(const QuotaOptions &options, std::function<DiskState()> probe);
 
     // Before a body is read: may `bytes` more from this address be taken
     // now?  Nothing when they may.

@@ -25,8 +25,9 @@ inline bool endsWith(sv s, sv p) {
     return s.size() >= p.size() && s.substr(s.size() - p.size()) == p;
 }
 
-inline std::optional<int> toInt(sv s) {
-    int v = 0;
+// The whole of s as a number of type T, or nothing.
+template <typename T> inline std::optional<T> toNumber(sv s) {
+    T v{};
     if (s.empty())
         return std::nullopt;
     auto r = std::from_chars(s.data(), s.data() + s.size(), v);
@@ -34,15 +35,11 @@ inline std::optional<int> toInt(sv s) {
         return std::nullopt;
     return v;
 }
-
+inline std::optional<int> toInt(sv s) {
+    return toNumber<int>(s);
+}
 inline std::optional<double> toDouble(sv s) {
-    double v = 0;
-    if (s.empty())
-        return std::nullopt;
-    auto r = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (r.ec != std::errc() || r.ptr != s.data() + s.size())
-        return std::nullopt;
-    return v;
+    return toNumber<double>(s);
 }
 
 // The first place of needle in hay at or after from, or npos.

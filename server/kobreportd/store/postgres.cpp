@@ -75,6 +75,7 @@ class Connection {
         Rows rows;
         int n = PQntuples(res.get()), cols = PQnfields(res.get());
         std::vector<std::string> names;
+        names.reserve(static_cast<size_t>(cols));
         for (int c = 0; c < cols; c++)
             names.emplace_back(PQfname(res.get(), c));
         rows.setColumns(std::move(names));

@@ -90,8 +90,10 @@ class Handle {
             i++;
         }
         Rows rows;
+        int columns = sqlite3_column_count(st);
         std::vector<std::string> names;
-        for (int c = 0; c < sqlite3_column_count(st); c++)
+        names.reserve(static_cast<size_t>(columns));
+        for (int c = 0; c < columns; c++)
             names.emplace_back(sqlite3_column_name(st, c));
         rows.setColumns(std::move(names));
         for (;;) {
