@@ -174,10 +174,10 @@ if ! command -v nginx >/dev/null; then
 fi
 port=$(free_port)
 upstream=$(free_port)
-# Every connection nginx makes comes from one address: the cap per address
-# is lifted for it here.
+# Every connection nginx makes comes from one address: as a trusted proxy
+# it is not held to the cap per address, and it names each client.
 "$server" --listen "127.0.0.1:$upstream" --db "$work/behind.db" --rate 0 \
-  --max-conns-per-address 100000 >"$work/out" 2>"$work/err" &
+  --trusted-proxy 127.0.0.1 >"$work/out" 2>"$work/err" &
 server_pid=$!
 wait_port "$upstream" || { cat "$work/err" >&2; exit 1; }
 mkdir -p "$work/nginx"
@@ -200,7 +200,10 @@ http {
   client_max_body_size 64m;
   server {
     listen 127.0.0.1:$port backlog=8192;
-    location / { proxy_pass http://127.0.0.1:$upstream; }
+    location / {
+      proxy_pass http://127.0.0.1:$upstream;
+      proxy_set_header X-Forwarded-For \$remote_addr;
+    }
   }
 }
 CONF

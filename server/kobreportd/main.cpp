@@ -22,6 +22,8 @@
 #include "fleet.h"
 #include "intake.h"
 #include "metrics.h"
+#include "proxies.h"
+#include "quotas.h"
 #include "retention.h"
 #include "routes.h"
 #include "server.h"
@@ -95,7 +97,21 @@ struct Settings {
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
+    QuotaOptions quotas;
+    TrustedProxies proxies;
+    bool proxyIntake = false, proxyStaff = false; // PROXY prefaces expected
 };
+
+// "5" or "5%" of the disk, below 100.
+bool percent(std::string v, double &out) {
+    if (!v.empty() && v.back() == '%')
+        v.pop_back();
+    unsigned long long n;
+    if (!number(v.c_str(), 99, n))
+        return false;
+    out = static_cast<double>(n) / 100;
+    return true;
+}
 
 // The server's options; false for anything else.
 bool parseOptions(int argc, char *argv[], Settings &o) {
@@ -142,6 +158,18 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.limits.max_conns_per_address = static_cast<int>(n);
         else if (a == "--max-conns" && number(v, 1u << 20, n) && n > 0)
             o.limits.max_conns = static_cast<int>(n);
+        else if (a == "--quota-per-address" && number(v, 1ull << 50, n))
+            o.quotas.per_address_per_day = n;
+        else if (a == "--min-free-disk" && percent(v, o.quotas.min_free_disk))
+            continue;
+        else if (a == "--max-db-size" && number(v, 1ull << 60, n))
+            o.quotas.max_db_size = n;
+        else if (a == "--trusted-proxy" && o.proxies.add(v))
+            continue;
+        else if (a == "--proxy-protocol" && std::string(v) == "intake")
+            o.proxyIntake = true;
+        else if (a == "--proxy-protocol" && std::string(v) == "staff")
+            o.proxyStaff = true;
         else
             return false;
     }
@@ -163,6 +191,45 @@ bool setFleet(const Settings &o, std::string &error) {
     return true;
 }
 
+EdgeLimits edgeLimits(const Limits &limits) {
+    EdgeLimits edge;
+    edge.read_timeout_s = limits.read_timeout_s;
+    edge.request_timeout_s = limits.request_timeout_s;
+    edge.max_conns_per_address = limits.max_conns_per_address;
+    edge.max_conns = limits.max_conns;
+    edge.max_body = limits.max_body;
+    return edge;
+}
+
+ServerOptions intakeOptions(const Settings &o, const std::string &host, int port, Intake &intake) {
+    ServerOptions io;
+    io.listener = Listener::Intake;
+    io.host = host;
+    io.port = port;
+    io.limits = edgeLimits(o.limits);
+    io.workers = o.limits.threads;
+    io.upload = intake.hooks();
+    io.not_allowed_text = "Method not allowed: the report is sent with POST\n";
+    io.proxies = o.proxies.empty() ? nullptr : &o.proxies;
+    io.proxy_protocol = o.proxyIntake;
+    return io;
+}
+
+ServerOptions staffOptions(const Settings &o, const std::string &host, int port, bool tls) {
+    ServerOptions so;
+    so.listener = Listener::Staff;
+    so.host = host;
+    so.port = port;
+    so.limits = edgeLimits(o.limits);
+    so.limits.max_body = size_t{64} * 1024; // forms are small
+    so.workers = std::min(o.limits.threads, 16);
+    so.close_each = false;
+    so.default_headers = staffHeaders(tls);
+    so.proxies = o.proxies.empty() ? nullptr : &o.proxies;
+    so.proxy_protocol = o.proxyStaff;
+    return so;
+}
+
 } // namespace
 
 int main(int argc, char *argv[]) {
@@ -174,14 +241,19 @@ int main(int argc, char *argv[]) {
     Settings o;
     if (!parseOptions(argc, argv, o))
         return usage();
-    auto &[listen, staffListen, db, webhook, targets, alertCheck, minSenders, limits, staff] = o;
+    const std::string &listen = o.listen, &staffListen = o.staffListen, &db = o.db;
+    const Limits &limits = o.limits;
+    const StaffOptions &staff = o.staff;
     std::string host, staffHost;
     int port = 0, staffPort = 0;
     if (listen.empty() || db.empty() || !splitListen(listen, host, port) ||
         (!staffListen.empty() && !splitListen(staffListen, staffHost, staffPort)) ||
         staff.tls_cert.empty() != staff.tls_key.empty() ||
-        (!staff.tls_cert.empty() && staffListen.empty()))
+        (!staff.tls_cert.empty() && staffListen.empty()) || (o.proxyStaff && staffListen.empty()))
         return usage();
+    if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
+        return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
+                    "proxies named there");
 
     // Writes to clients that went away must fail, not end the server.
     std::signal(SIGPIPE, SIG_IGN);
@@ -212,41 +284,29 @@ int main(int argc, char *argv[]) {
     std::unique_ptr<Audit> audit;
     std::unique_ptr<Accounts> accounts;
     std::unique_ptr<RetentionTask> retention;
+    std::unique_ptr<Quotas> quotas;
     try {
         database = openDatabase(db);
         store = std::make_unique<Store>(*database);
         audit = std::make_unique<Audit>(*database);
         accounts = std::make_unique<Accounts>(*database, *audit);
         retention = std::make_unique<RetentionTask>(*store, *audit, staff.retain_days);
+        quotas = std::make_unique<Quotas>(o.quotas, diskProbe(*database, db));
     } catch (const StoreError &e) {
         return fail(e.what());
     }
 
     Metrics metrics;
-    AlertTask alerts(*database, metrics, webhook, alertCheck);
+    AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
     Guard guard(*accounts, tls);
-    Intake intake(*store, limits, metrics);
+    Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     RouteTable table;
     intake.addRoutes(table);
     staffSide.addPageRoutes(table);
     staffSide.addApiRoutes(table);
 
-    EdgeLimits edge;
-    edge.read_timeout_s = limits.read_timeout_s;
-    edge.request_timeout_s = limits.request_timeout_s;
-    edge.max_conns_per_address = limits.max_conns_per_address;
-    edge.max_conns = limits.max_conns;
-    edge.max_body = limits.max_body;
-
-    ServerOptions io;
-    io.listener = Listener::Intake;
-    io.host = host;
-    io.port = port;
-    io.limits = edge;
-    io.workers = limits.threads;
-    io.upload = intake.hooks();
-    io.not_allowed_text = "Method not allowed: the report is sent with POST\n";
+    ServerOptions io = intakeOptions(o, host, port, intake);
     HttpServer intakeServer(table, nullptr, io);
     std::string error;
     if (!intakeServer.start(error))
@@ -254,17 +314,9 @@ int main(int argc, char *argv[]) {
 
     std::unique_ptr<HttpServer> staffServer;
     if (!staffListen.empty()) {
-        ServerOptions so;
-        so.listener = Listener::Staff;
-        so.host = staffHost;
-        so.port = staffPort;
-        so.limits = edge;
-        so.limits.max_body = size_t{64} * 1024; // forms are small
-        so.workers = std::min(limits.threads, 16);
-        so.close_each = false;
+        ServerOptions so = staffOptions(o, staffHost, staffPort, tls);
         so.tls_cert_pem = certPem;
         so.tls_key_pem = keyPem;
-        so.default_headers = staffHeaders(tls);
         staffServer = std::make_unique<HttpServer>(table, &guard, so);
         if (!staffServer->start(error))
             return fail(error == "the certificate or key cannot be used"

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -111,6 +112,12 @@ void Metrics::upload(int status, uint64_t bytes, double seconds) {
     duration_.observe(seconds);
 }
 
+void Metrics::refused(const char *reason) {
+    for (size_t i = 0; i < kRefusals.size(); i++)
+        if (std::string_view(kRefusals[i]) == reason)
+            refusals_[i]++;
+}
+
 std::string Metrics::text() const {
     std::string out;
     header(out, "kobreportd_uploads_total", "Uploads answered, by HTTP status.", "counter");
@@ -118,6 +125,11 @@ std::string Metrics::text() const {
         out += "kobreportd_uploads_total{code=\"" +
                (i < kCodes.size() ? std::to_string(kCodes[i]) : std::string("other")) + "\"} " +
                std::to_string(uploads_[i]) + "\n";
+    header(out, "kobreportd_uploads_refused_total",
+           "Uploads turned away before their body, by reason.", "counter");
+    for (size_t i = 0; i < kRefusals.size(); i++)
+        out += std::string("kobreportd_uploads_refused_total{reason=\"") + kRefusals[i] + "\"} " +
+               std::to_string(refusals_[i]) + "\n";
     header(out, "kobreportd_upload_received_bytes_total", "Bytes of upload bodies received.",
            "counter");
     sample(out, "kobreportd_upload_received_bytes_total", static_cast<double>(bytes_));

@@ -8,6 +8,8 @@ namespace {
 constexpr std::time_t kDiskEvery = 5;
 
 std::string mib(uint64_t bytes) {
+    if (bytes % (uint64_t{1} << 20) != 0)
+        return std::to_string(bytes) + " bytes";
     return std::to_string(bytes >> 20) + " MiB";
 }
 
@@ -43,32 +45,40 @@ std::optional<Refusal> Quotas::admit(const std::string &address, uint64_t bytes,
                        3600};
     if (options_.per_address_per_day == 0)
         return std::nullopt;
-    std::time_t day = now / 86400;
-    if (day != day_) {
-        used_.clear();
-        day_ = day;
-    }
-    auto it = used_.find(address);
-    uint64_t used = it == used_.end() ? 0 : it->second;
-    if (used + bytes > options_.per_address_per_day)
+    newDay(now);
+    uint64_t &used = used_[address];
+    if (used + bytes > options_.per_address_per_day) {
+        if (used == 0)
+            used_.erase(address);
         return Refusal{429, "address_quota",
                        "Too many report bytes from this address today (at most " +
                            mib(options_.per_address_per_day) +
                            "), please send the report again tomorrow\n",
-                       static_cast<int>((day + 1) * 86400 - now)};
+                       static_cast<int>((day_ + 1) * 86400 - now)};
+    }
+    used += bytes;
     return std::nullopt;
 }
 
-void Quotas::received(const std::string &address, uint64_t bytes, std::time_t now) {
-    if (options_.per_address_per_day == 0 || bytes == 0)
+void Quotas::received(const std::string &address, uint64_t claimed, uint64_t got, std::time_t now) {
+    if (options_.per_address_per_day == 0)
         return;
     std::lock_guard<std::mutex> lock(mutex_);
+    // A day that turned while the body came has forgotten the claim.
+    bool sameDay = now / 86400 == day_;
+    newDay(now);
+    uint64_t &used = used_[address];
+    used = (sameDay && used >= claimed ? used - claimed : 0) + got;
+    if (used == 0)
+        used_.erase(address);
+}
+
+void Quotas::newDay(std::time_t now) {
     std::time_t day = now / 86400;
     if (day != day_) {
         used_.clear();
         day_ = day;
     }
-    used_[address] += bytes;
 }
 
 } // namespace kobreportd

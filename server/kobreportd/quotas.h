@@ -42,14 +42,17 @@ class Quotas {
     Quotas(const QuotaOptions &options, std::function<DiskState()> probe);
 
     // Before a body is read: may `bytes` more from this address be taken
-    // now?  Nothing when they may.
+    // now?  Nothing when they may, and then they are held against the
+    // address's budget until received() says how many came, so that
+    // uploads at once cannot each pass on the same room.
     std::optional<Refusal> admit(const std::string &address, uint64_t bytes, std::time_t now);
-    // After: the bytes that did arrive count against the address's budget,
-    // whatever the request claimed.
-    void received(const std::string &address, uint64_t bytes, std::time_t now);
+    // After an admitted upload: the bytes that did arrive count against the
+    // address's budget, whatever the request claimed.
+    void received(const std::string &address, uint64_t claimed, uint64_t got, std::time_t now);
 
   private:
     DiskState disk(std::time_t now);
+    void newDay(std::time_t now);
     QuotaOptions options_;
     std::function<DiskState()> probe_;
     std::mutex mutex_;

@@ -159,15 +159,29 @@ TEST_F(Edge, HeadFieldsThatRfc9112RefusesAre400AndContentCodingsAre415) {
         {"deflate, twice",
          with("Content-Encoding: identity\r\nContent-Encoding: deflate\r\n") + body, 415,
          "Unsupported Content-Encoding: only identity is accepted\n"},
-        // A folded line never reaches the form as it came: the library
-        // joins it to the field's name, so the upload has no form type.
+        // A folded line is refused wherever it is, even where it would
+        // hide the length of the body.
         {"obs-fold",
          [&] {
              std::string h = head;
              auto at = h.find("boundary=");
              return h.insert(at, "\r\n ") + body;
          }(),
-         400, "Bad request: expected multipart/form-data\n"},
+         400, "Bad request: a folded header line\n"},
+        {"obs-fold in the length",
+         [&] {
+             std::string h = head;
+             auto at = h.find("Content-Length: ") + 17;
+             return h.insert(at, "\r\n\t") + body;
+         }(),
+         400, "Bad request: a folded header line\n"},
+        // With no field before it, the library refuses it itself.
+        {"obs-fold after the request line", with("").insert(head.find("\r\n") + 2, " x\r\n") + body,
+         400,
+         "<html><head><title>Request malformed</title></head><body>Your HTTP request was "
+         "syntactically incorrect.</body></html>"},
+        {"empty and blank-padded fields", with("X-Empty:\r\nX-Pad: \t padded \t\r\n") + body, 200,
+         ""},
         {"identity", with("Content-Encoding: identity\r\n") + body, 200, ""},
     };
     for (const auto &c : cases) {
@@ -182,6 +196,9 @@ TEST_F(Edge, HeadFieldsThatRfc9112RefusesAre400AndContentCodingsAre415) {
     auto staff = reportd::exchange(s.staffPort(), {get("/signin", "Host : y\r\n")});
     EXPECT_EQ(staff.status, 400);
     EXPECT_EQ(staff.body, "Bad request: malformed header field\n");
+    auto folded = reportd::exchange(s.staffPort(), {get("/signin", "X-A: one\r\n two\r\n")});
+    EXPECT_EQ(folded.status, 400);
+    EXPECT_EQ(folded.body, "Bad request: a folded header line\n");
     auto coded =
         reportd::request(s.staffPort(), "POST", "/signin", "Content-Encoding: br\r\n", "x=1");
     EXPECT_EQ(coded.status, 415);
@@ -382,6 +399,9 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "                  [--rate PER_MINUTE] [--max-inflight N] [--max-body BYTES]\n"
         "                  [--read-timeout SECONDS] [--request-timeout SECONDS] [--threads N]\n"
         "                  [--max-conns-per-address N] [--max-conns N]\n"
+        "                  [--quota-per-address BYTES] [--min-free-disk PERCENT]\n"
+        "                  [--max-db-size BYTES] [--trusted-proxy CIDR]...\n"
+        "                  [--proxy-protocol intake|staff]...\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"

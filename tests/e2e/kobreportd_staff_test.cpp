@@ -21,26 +21,6 @@
 
 namespace {
 
-std::string sqliteValue(const std::string &db, const std::string &sql) {
-    sqlite3 *h = nullptr;
-    sqlite3_open_v2(db.c_str(), &h, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-    sqlite3_stmt *st = nullptr;
-    std::string v = "<none>";
-    if (sqlite3_prepare_v2(h, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
-        v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
-    } else {
-        int rc = sqlite3_step(st);
-        if (rc == SQLITE_ROW && sqlite3_column_type(st, 0) != SQLITE_NULL)
-            v.assign(static_cast<const char *>(sqlite3_column_blob(st, 0)),
-                     static_cast<size_t>(sqlite3_column_bytes(st, 0)));
-        else if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-            v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
-    }
-    sqlite3_finalize(st);
-    sqlite3_close(h);
-    return v;
-}
-
 // One PostgreSQL server for the whole program, a database per test.
 reportd::Postgres &postgres() {
     static auto pg = std::make_unique<reportd::Postgres>();
@@ -81,7 +61,7 @@ class Staff : public ::testing::TestWithParam<std::string> {
                 out.pop_back();
             return out.empty() ? "<none>" : out;
         }
-        return sqliteValue(db, sql);
+        return reportd::sqliteValue(db, sql);
     }
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }

@@ -16,6 +16,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pwd.h>
+#include <sqlite3.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -152,6 +153,8 @@ Server::Server(const std::string &binary, const std::string &db,
         argv.insert(argv.end(), {"--staff-listen", "127.0.0.1:0"});
     if (std::find(extra.begin(), extra.end(), "--rate") == extra.end())
         argv.insert(argv.end(), {"--rate", "0"});
+    if (std::find(extra.begin(), extra.end(), "--quota-per-address") == extra.end())
+        argv.insert(argv.end(), {"--quota-per-address", "0"});
     argv.insert(argv.end(), extra.begin(), extra.end());
     pid_ = fork();
     if (pid_ == 0) {
@@ -578,6 +581,26 @@ std::string unzstd(const std::string &frame) {
     std::string out(static_cast<size_t>(size), '\0');
     size_t n = ZSTD_decompress(out.data(), out.size(), frame.data(), frame.size());
     return ZSTD_isError(n) || n != size ? "<not a zstd frame>" : out;
+}
+
+std::string sqliteValue(const std::string &db, const std::string &sql) {
+    sqlite3 *h = nullptr;
+    sqlite3_open_v2(db.c_str(), &h, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    sqlite3_stmt *st = nullptr;
+    std::string v = "<none>";
+    if (sqlite3_prepare_v2(h, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+        v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
+    } else {
+        int rc = sqlite3_step(st);
+        if (rc == SQLITE_ROW && sqlite3_column_type(st, 0) != SQLITE_NULL)
+            v.assign(static_cast<const char *>(sqlite3_column_blob(st, 0)),
+                     static_cast<size_t>(sqlite3_column_bytes(st, 0)));
+        else if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+            v = std::string("<error: ") + sqlite3_errmsg(h) + ">";
+    }
+    sqlite3_finalize(st);
+    sqlite3_close(h);
+    return v;
 }
 
 } // namespace reportd

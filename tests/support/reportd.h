@@ -53,7 +53,7 @@ Command command(const std::string &binary, const std::vector<std::string> &args,
 
 // kobreportd as a child process: the intake and the staff side each on a
 // free loopback port, an admin API token made for the test, and no limit
-// on uploads per address unless extra sets one ("--rate").
+// on uploads per address unless extra sets one ("--rate", "--quota-per-address").
 class Server {
   public:
     Server(const std::string &binary, const std::string &db,
@@ -114,6 +114,10 @@ Response getAt(const std::string &host, int port, const std::string &path);
 // in CRLF) and a body.
 Response request(int port, const std::string &method, const std::string &path,
                  const std::string &headers = "", const std::string &body = "");
+
+// The first column of the first row an SQL statement gives on an SQLite
+// database: "<none>" for no row or NULL, "<error: ...>" for an error.
+std::string sqliteValue(const std::string &db, const std::string &sql);
 
 // The value of the first header called name in a response, or "".
 std::string header(const Response &r, const std::string &name);

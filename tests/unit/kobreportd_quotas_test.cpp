@@ -24,8 +24,12 @@ TEST(Quotas, EachAddressHasItsBytesADayCountedAsReceived) {
     Quotas q(QuotaOptions{}, roomy);
     const std::time_t t = kDay + 3600;
     EXPECT_FALSE(q.admit("198.51.100.7", 200 * MiB, t));
+    // While that body comes, its claim holds the room.
+    auto held = q.admit("198.51.100.7", 57 * MiB, t);
+    ASSERT_TRUE(held);
+    EXPECT_EQ(held->status, 429);
     // It claimed 200 MiB; 150 MiB arrived, and that is what counts.
-    q.received("198.51.100.7", 150 * MiB, t);
+    q.received("198.51.100.7", 200 * MiB, 150 * MiB, t);
     EXPECT_FALSE(q.admit("198.51.100.7", 106 * MiB, t));
     auto r = q.admit("198.51.100.7", 107 * MiB, t);
     ASSERT_TRUE(r);
@@ -40,11 +44,26 @@ TEST(Quotas, EachAddressHasItsBytesADayCountedAsReceived) {
     EXPECT_TRUE(q.admit("198.51.100.7", 257 * MiB, kDay + 86400));
 }
 
+TEST(Quotas, AnUploadThatBroughtNothingGivesItsRoomBack) {
+    QuotaOptions o;
+    o.per_address_per_day = 100 * MiB;
+    Quotas q(o, roomy);
+    EXPECT_FALSE(q.admit("2001:db8::7", 100 * MiB, kDay));
+    EXPECT_TRUE(q.admit("2001:db8::7", 1, kDay));
+    q.received("2001:db8::7", 100 * MiB, 0, kDay);
+    EXPECT_FALSE(q.admit("2001:db8::7", 100 * MiB, kDay));
+    // A claim made before midnight is forgotten with the day; what came is
+    // counted on the new one.
+    q.received("2001:db8::7", 100 * MiB, 30 * MiB, kDay + 86400);
+    EXPECT_FALSE(q.admit("2001:db8::7", 70 * MiB, kDay + 86400));
+    EXPECT_TRUE(q.admit("2001:db8::7", 1, kDay + 86400));
+}
+
 TEST(Quotas, NoBudgetWhenTheOperatorSetsNone) {
     QuotaOptions o;
     o.per_address_per_day = 0;
     Quotas q(o, roomy);
-    q.received("198.51.100.7", uint64_t{10} << 30, kDay);
+    q.received("198.51.100.7", 0, uint64_t{10} << 30, kDay);
     EXPECT_FALSE(q.admit("198.51.100.7", uint64_t{10} << 30, kDay));
 }
 

@@ -67,7 +67,9 @@ struct Conn {
     int64_t since = 0; // accepted
     int64_t until = 0; // Lingering: closed then
     size_t drained = 0;
-    bool refused = false; // turned away at the door
+    bool refused = false;  // turned away at the door
+    bool counted = false;  // held to the per-address cap, under `address`
+    bool prefaced = false; // its PROXY preface is read
     std::atomic<int> phase{Pending};
     std::atomic<int64_t> headDeadline{0}, requestDeadline{0}, lastActivity{0};
     std::atomic<uint64_t> bodyBytes{0}, windowBytes{0};
@@ -101,6 +103,7 @@ struct Exchange {
     std::string currentName;
     bool fieldOpen = false;
     std::string problem;
+    bool folded = false; // a header line was folded onto the one before
     bool admitted = false;
     bool refused = false; // res holds a refusal for the end of the body
     int status = 0;       // the answer queued
@@ -121,6 +124,11 @@ struct HttpServer::Impl {
     void acceptLoop();
     bool acceptAll();
     void firstByte(edge::Conn *c);
+    bool preface(edge::Conn *c);
+    // Under the lock: the reason to turn a connection from address away,
+    // or null when it may come in (and is then counted).
+    const char *admitFrom(edge::Conn *c, const std::string &address);
+    void turnAway(edge::Conn *c, const char *reason);
     void drain(edge::Conn *c);
     void takeClosed();
     void expire(int64_t now);

@@ -3,6 +3,7 @@
 // is policy on what it parsed.
 
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -84,9 +85,29 @@ size_t unescape(void *, MHD_Connection *, char *s) {
     return static_cast<size_t>(w - s);
 }
 
-MHD_Result collectHeader(void *cls, enum MHD_ValueKind, const char *key, const char *value) {
-    auto *req = static_cast<Request *>(cls);
-    req->headers.emplace(key, value ? value : "");
+// A field's name and value are where the library found them in the head:
+// "Name:", optional blanks, the value.  The library takes a folded line
+// (obs-fold) as more of the previous field's name, which it then copies
+// elsewhere: "Content-Length: 5\r\n 0" would lose its length to a field
+// "Content-Length0".  Such a name is not where it was read, and that is
+// how a fold is known.
+bool readInPlace(const char *key, size_t keySize, const char *value) {
+    auto k = reinterpret_cast<uintptr_t>(key), v = reinterpret_cast<uintptr_t>(value);
+    if (v < k + keySize + 1 || v - (k + keySize + 1) > 16384)
+        return false;
+    for (const char *p = key + keySize + 1; p < value; p++)
+        if (*p != ' ' && *p != '\t')
+            return false;
+    return true;
+}
+
+MHD_Result collectHeader(void *cls, enum MHD_ValueKind, const char *key, size_t keySize,
+                         const char *value, size_t valueSize) {
+    auto *ex = static_cast<Exchange *>(cls);
+    if (!value || !readInPlace(key, keySize, value))
+        ex->folded = true;
+    ex->req.headers.emplace(std::string(key, keySize),
+                            value ? std::string(value, valueSize) : std::string());
     return MHD_YES;
 }
 
@@ -149,6 +170,10 @@ int headPolicy(const Impl &s, Exchange &ex, size_t headBytes, std::string &text)
     if (ex.conn->rawUriLength > l.max_uri) {
         text = "URI too long\n";
         return 414;
+    }
+    if (ex.folded) {
+        text = "Bad request: a folded header line\n";
+        return 400;
     }
     for (const auto &[name, value] : req.headers) {
         bool bad = name.empty();
@@ -237,9 +262,13 @@ MHD_Result firstCall(Impl &s, MHD_Connection *mc, Exchange &ex, const char *url,
     Conn *c = ex.conn;
     ex.req.method = method;
     ex.req.path = url;
-    ex.req.client_address = c->address;
     ex.req.tls = !s.plain;
-    MHD_get_connection_values(mc, MHD_HEADER_KIND, collectHeader, &ex.req);
+    MHD_get_connection_values_n(mc, MHD_HEADER_KIND, collectHeader, &ex);
+    // Our proxies say who their client is; anyone else's say is ignored.
+    ex.req.client_address =
+        s.opt.proxies ? s.opt.proxies->client(c->address, ex.req.headerValues("X-Forwarded-For"),
+                                              ex.req.headerValues("Forwarded"))
+                      : c->address;
     MHD_get_connection_values(mc, MHD_GET_ARGUMENT_KIND, collectArgument, &ex.req);
     const union MHD_ConnectionInfo *hs =
         MHD_get_connection_info(mc, MHD_CONNECTION_INFO_REQUEST_HEADER_SIZE);

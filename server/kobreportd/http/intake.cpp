@@ -1,8 +1,10 @@
 #include "intake.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include "clock.h"
@@ -13,6 +15,18 @@ namespace kobreportd {
 int threadsForThisMachine() {
     unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     return static_cast<int>(std::clamp(8 * cores, 16u, 64u));
+}
+
+std::string senderKey(const std::string &address) {
+    if (address.find(':') == std::string::npos)
+        return address;
+    struct in6_addr a {};
+    if (inet_pton(AF_INET6, address.c_str(), &a) != 1)
+        return address;
+    std::memset(a.s6_addr + 8, 0, 8);
+    char text[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET6, &a, text, sizeof text);
+    return std::string(text) + "/64";
 }
 
 int RateLimiter::take(const std::string &address) {
@@ -46,8 +60,9 @@ int RateLimiter::take(const std::string &address) {
     return static_cast<int>(std::ceil((1 - b.tokens) / perSecond));
 }
 
-Intake::Intake(Store &store, const Limits &limits, Metrics &metrics)
-    : store_(store), limits_(limits), metrics_(metrics), rate_(limits.rate_per_minute) {}
+Intake::Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas)
+    : store_(store), limits_(limits), metrics_(metrics), quotas_(quotas),
+      rate_(limits.rate_per_minute) {}
 
 void Intake::addRoutes(RouteTable &table) {
     table.add({Method::Post, kUploadPath, Listener::Intake, Access::Upload, Role::Viewer,
@@ -55,6 +70,18 @@ void Intake::addRoutes(RouteTable &table) {
     table.add({Method::Get, "/healthz", Listener::Intake, Access::Open, Role::Viewer,
                [](const Request &, Response &res, const Principal *) { answer(res, 200, "ok"); }});
 }
+
+namespace {
+
+// The listener let through only one Content-Length, of digits alone.
+size_t claimedLength(const Request &req) {
+    size_t length = 0;
+    for (char c : req.header("Content-Length"))
+        length = length * 10 + static_cast<size_t>(c - '0');
+    return length;
+}
+
+} // namespace
 
 UploadHooks Intake::hooks() {
     UploadHooks h;
@@ -72,19 +99,19 @@ UploadHooks Intake::hooks() {
         }
         // The report is nearly the whole body: one block of its final size,
         // instead of a string that doubles its way there.
-        if (name == "desc") {
-            size_t length = 0;
-            for (char c : req.header("Content-Length"))
-                length = length * 10 + static_cast<size_t>(c - '0');
-            reserve = std::min(length, size_t{256} << 20);
-        }
+        if (name == "desc")
+            reserve = std::min(claimedLength(req), size_t{256} << 20);
         return true;
     };
     // Every upload that got an answer is counted, whatever the answer, with
     // the bytes that came, not those the head claimed.
     h.finished = [this](const Request &req, int status, bool admitted, double seconds) {
-        if (admitted)
+        if (admitted) {
             inflight_.fetch_sub(1);
+            if (quotas_)
+                quotas_->received(senderKey(req.client_address), claimedLength(req), req.body_bytes,
+                                  now());
+        }
         if (status)
             metrics_.upload(status, req.body_bytes, seconds);
     };
@@ -94,29 +121,41 @@ UploadHooks Intake::hooks() {
 // Decided from the head alone, before any of the body is read: a body that
 // is not wanted is never taken into memory.
 bool Intake::admit(const Request &req, Response &res) {
-    auto lengths = req.headerValues("Content-Length");
-    if (req.hasHeader("Transfer-Encoding") || lengths.empty()) {
+    if (req.hasHeader("Transfer-Encoding") || !req.hasHeader("Content-Length")) {
         answer(res, 400, "Bad request: the report needs a Content-Length\n");
         return false;
     }
-    size_t length = 0;
-    for (char c : lengths[0])
-        length = length * 10 + static_cast<size_t>(c - '0');
+    size_t length = claimedLength(req);
     if (length > limits_.max_body) {
         answer(res, 413,
                "Report too large: at most " + std::to_string(limits_.max_body) + " bytes\n");
+        metrics_.refused("too_large");
         return false;
     }
-    if (int wait = rate_.take(req.client_address)) {
+    std::string sender = senderKey(req.client_address);
+    if (int wait = rate_.take(sender)) {
         answer(res, 429, "Too many reports from this address, please wait\n");
         res.setHeader("Retry-After", std::to_string(wait));
+        metrics_.refused("rate");
         return false;
     }
     if (inflight_.fetch_add(1) >= limits_.max_inflight) {
         inflight_.fetch_sub(1);
         answer(res, 503, "Too busy, please send the report again shortly\n");
         res.setHeader("Retry-After", "10");
+        metrics_.refused("busy");
         return false;
+    }
+    // Last, so that only an upload that goes ahead holds room in the budget.
+    if (quotas_) {
+        if (auto no = quotas_->admit(sender, length, now())) {
+            inflight_.fetch_sub(1);
+            answer(res, no->status, no->text);
+            if (no->retry_after)
+                res.setHeader("Retry-After", std::to_string(no->retry_after));
+            metrics_.refused(no->reason);
+            return false;
+        }
     }
     return true;
 }

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "metrics.h"
+#include "quotas.h"
 #include "routes.h"
 #include "server.h"
 #include "store.h"
@@ -34,6 +35,10 @@ struct Limits {
     int max_conns_per_address = 8;
     int max_conns = 0; // 0: from the file limit
 };
+
+// What a sender is held to by the rate and the quota: its IPv4 address, or
+// its IPv6 address's /64 (one machine is commonly given a whole /64).
+std::string senderKey(const std::string &address);
 
 // Uploads allowed per source address: a bucket of `rate` tokens that
 // refills at `rate` a minute.
@@ -59,7 +64,8 @@ constexpr const char *kUploadPath = "/report/problem.php";
 // from the listener.
 class Intake {
   public:
-    Intake(Store &store, const Limits &limits, Metrics &metrics);
+    // quotas may be null: no budget and no disk guard.
+    Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas = nullptr);
     void addRoutes(RouteTable &table);
     UploadHooks hooks();
 
@@ -69,6 +75,7 @@ class Intake {
     Store &store_;
     Limits limits_;
     Metrics &metrics_;
+    Quotas *quotas_;
     RateLimiter rate_;
     std::atomic<int> inflight_{0};
 };

@@ -40,7 +40,8 @@ struct Request {
     std::multimap<std::string, std::string, Caseless> headers;
     // The query's and the form's fields, the query's first.
     std::multimap<std::string, std::string> params;
-    // The caller's address: the peer's, for now.
+    // The caller's address: the peer's, or the client one of the operator's
+    // proxies names.
     std::string client_address;
     bool tls = false;
     // Upload routes: the form's fields (a handler may take them), and the

@@ -292,19 +292,18 @@ bool HttpServer::Impl::acceptAll() {
         c->addr = ss;
         c->addrLen = len;
         c->address = addressText(ss);
+        if (std::string plainForm = canonicalAddress(c->address); !plainForm.empty())
+            c->address = plainForm; // IPv4 on a dual-stack socket, as IPv4
         c->since = nowNs();
         Conn *raw = c.get();
         const char *refusal = nullptr;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            int &mine = perAddress[c->address];
             if (static_cast<int>(conns.size()) - refusedLingering >= maxConns)
                 refusal = "Too busy, please try again shortly\n";
-            else if (mine >= opt.limits.max_conns_per_address)
-                refusal = "Too many connections from this address, please try again shortly\n";
+            else if (!(opt.proxies && opt.proxies->trusts(c->address)))
+                refusal = admitFrom(raw, c->address);
             if (refusal) {
-                if (mine == 0)
-                    perAddress.erase(c->address);
                 // A flood of refusals is not lingered over: past a few
                 // hundred, the refused are closed at once.
                 if (refusedLingering >= 256) {
@@ -313,35 +312,103 @@ bool HttpServer::Impl::acceptAll() {
                 }
                 refusedLingering++;
                 c->refused = true;
-            } else {
-                mine++;
             }
             conns.emplace(raw, std::move(c));
         }
         struct epoll_event ev {};
         ev.data.ptr = raw;
-        if (refusal) {
-            // Said at once, never queued; the client's request is read and
-            // dropped for a moment so that the answer is not lost to a reset.
-            if (plain) {
-                std::string text =
-                    cannedAnswer(503, "Service Unavailable", refusal, "Retry-After: 10\r\n");
-                (void)!send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-            }
-            shutdown(fd, SHUT_WR);
-            raw->phase = Lingering;
-            raw->until = nowNs() + 2'000'000'000LL;
-            ev.events = EPOLLIN | EPOLLRDHUP;
-        } else {
+        ev.events = EPOLLIN | EPOLLRDHUP;
+        if (refusal)
+            turnAway(raw, refusal);
+        else
             raw->phase = Pending;
-            ev.events = EPOLLIN | EPOLLRDHUP;
-        }
         epoll_ctl(epfd, EPOLL_CTL_ADD, fd, &ev);
     }
     return true;
 }
 
+const char *HttpServer::Impl::admitFrom(Conn *c, const std::string &address) {
+    int &mine = perAddress[address];
+    if (mine >= opt.limits.max_conns_per_address) {
+        if (mine == 0)
+            perAddress.erase(address);
+        return "Too many connections from this address, please try again shortly\n";
+    }
+    mine++;
+    c->counted = true;
+    return nullptr;
+}
+
+// Said at once, never queued; the client's request is read and dropped for
+// a moment so that the answer is not lost to a reset.
+void HttpServer::Impl::turnAway(Conn *c, const char *reason) {
+    if (plain) {
+        std::string text = cannedAnswer(503, "Service Unavailable", reason, "Retry-After: 10\r\n");
+        (void)!send(c->fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    shutdown(c->fd, SHUT_WR);
+    c->phase = Lingering;
+    c->until = nowNs() + 2'000'000'000LL;
+}
+
+// A PROXY preface, read whole before anything else: true once it is (the
+// connection then belongs to the client it names, when its peer is one of
+// our proxies), false while more of it is awaited or when the connection
+// is gone or turned away.
+bool HttpServer::Impl::preface(Conn *c) {
+    std::vector<char> buf(16 + 65535); // the longest a preface can be
+    ssize_t n = recv(c->fd, buf.data(), buf.size(), MSG_PEEK);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR))
+        return false;
+    ProxyPreface p;
+    if (n > 0)
+        p = parseProxyPreface(std::string_view(buf.data(), static_cast<size_t>(n)));
+    else
+        p.state = ProxyPreface::State::Bad; // gone before its preface
+    struct epoll_event ev {};
+    ev.data.ptr = c;
+    ev.events = EPOLLIN | EPOLLRDHUP;
+    if (p.state == ProxyPreface::State::Incomplete) {
+        // What came is still unread: woken by level, this loop would spin on
+        // it; woken by edge, it waits for the rest.
+        ev.events |= EPOLLET;
+        epoll_ctl(epfd, EPOLL_CTL_MOD, c->fd, &ev);
+        return false;
+    }
+    if (p.state == ProxyPreface::State::Bad ||
+        recv(c->fd, buf.data(), p.length, 0) != static_cast<ssize_t>(p.length)) {
+        epoll_ctl(epfd, EPOLL_CTL_DEL, c->fd, nullptr);
+        release(c);
+        return false;
+    }
+    c->prefaced = true;
+    epoll_ctl(epfd, EPOLL_CTL_MOD, c->fd, &ev);
+    if (!opt.proxies || !opt.proxies->trusts(c->address) || p.source.empty())
+        return true;
+    const char *refusal = nullptr;
+    bool closeNow = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        c->address = p.source;
+        refusal = admitFrom(c, c->address);
+        closeNow = refusal && refusedLingering >= 256;
+        if (refusal && !closeNow) {
+            refusedLingering++;
+            c->refused = true;
+        }
+    }
+    if (closeNow) {
+        epoll_ctl(epfd, EPOLL_CTL_DEL, c->fd, nullptr);
+        release(c);
+    } else if (refusal) {
+        turnAway(c, refusal);
+    }
+    return !refusal;
+}
+
 void HttpServer::Impl::firstByte(Conn *c) {
+    if (opt.proxy_protocol && !c->prefaced && !preface(c))
+        return;
     char b;
     ssize_t n = recv(c->fd, &b, 1, MSG_PEEK);
     if (n < 0 && (errno == EAGAIN || errno == EINTR))
@@ -434,11 +501,11 @@ void HttpServer::Impl::expire(int64_t now) {
 void HttpServer::Impl::release(Conn *c) {
     std::lock_guard<std::mutex> lock(mutex);
     close(c->fd);
-    if (c->refused) {
+    if (c->refused)
         refusedLingering--;
-    } else if (auto it = perAddress.find(c->address); it != perAddress.end() && --it->second <= 0) {
+    if (auto it = c->counted ? perAddress.find(c->address) : perAddress.end();
+        it != perAddress.end() && --it->second <= 0)
         perAddress.erase(it);
-    }
     conns.erase(c);
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "proxies.h"
 #include "routes.h"
 
 namespace kobreportd {
@@ -65,6 +66,11 @@ struct ServerOptions {
     std::string tls_cert_pem, tls_key_pem; // both or neither
     std::vector<std::pair<std::string, std::string>> default_headers;
     std::string not_allowed_text = "Method not allowed\n"; // 405
+    // The operator's reverse proxies, or null: only their connections may
+    // name the client, and they are not held to the per-address cap.
+    const TrustedProxies *proxies = nullptr;
+    // Every connection begins with a PROXY protocol preface (v1 or v2).
+    bool proxy_protocol = false;
     UploadHooks upload;
 };
 
