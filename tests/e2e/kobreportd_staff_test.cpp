@@ -7,6 +7,8 @@
 #include "reportd.h"
 #include "reportgen.h"
 
+#include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <condition_variable>
 #include <gtest/gtest.h>
@@ -566,6 +568,62 @@ TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
                                   clockEnv());
     EXPECT_EQ(purge.status, 0) << purge.err;
     EXPECT_EQ(purge.out, "1 report expired\n");
+    // What is kept is kept compressed: nothing of it is plain in its row.
+    EXPECT_EQ(value("SELECT length(findings) FROM reports WHERE reference = '" + oldRef + "'"),
+              "0");
+    EXPECT_EQ(value("SELECT count(*) FROM reports WHERE findings_zstd IS NOT NULL"), "2");
+}
+
+TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
+    std::string ref;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        ref = reportd::reference(reportd::upload(s.port(), "old report\n", "kim"));
+        ASSERT_EQ(s.stop(), 0);
+    }
+    // As layout 7 kept an expired report: its findings as JSON text.
+    value("ALTER TABLE reports DROP COLUMN findings_zstd");
+    value("UPDATE reports SET raw_expired = 1, desc_zstd = 0, \"desc\" = " +
+          std::string(GetParam() == "postgres" ? "''::bytea" : "X''") +
+          ", findings = '{\"header\":{\"user\":\"kim\"}}'");
+    value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
+    EXPECT_EQ(value("SELECT length(findings) FROM reports"), "0");
+    EXPECT_NE(value("SELECT findings_zstd FROM reports"), "<none>");
+    auto json = s.api("/api/reports/" + ref);
+    EXPECT_NE(json.body.find("\"findings\":{\"header\":{\"user\":\"kim\"}}"), std::string::npos)
+        << json.body;
+}
+
+// Expiry replaces each report's text with its smaller findings, and the
+// file gives the pages so freed back.
+TEST_P(Staff, PurgingFiveHundredReportsLeavesASmallerFile) {
+    if (GetParam() == "postgres")
+        GTEST_SKIP() << "PostgreSQL reuses the space of dead rows after its ordinary vacuum";
+    auto bytes = [&] {
+        uintmax_t n = 0;
+        for (const char *side : {"", "-wal"}) {
+            std::error_code ec;
+            auto size = std::filesystem::file_size(db + side, ec);
+            n += ec ? 0 : size;
+        }
+        return n;
+    };
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        for (int i = 0; i < 500; i++)
+            ASSERT_EQ(reportd::upload(s.port(), reportgen::reportOfSize(12000, i)).status, 200);
+        ASSERT_EQ(s.stop(), 0);
+    }
+    uintmax_t before = bytes();
+    auto purge = reportd::command(KOBREPORTD_BIN, {"purge", "--older-than", "0", "--db", db});
+    ASSERT_EQ(purge.status, 0) << purge.err;
+    EXPECT_EQ(purge.out, "500 reports expired\n");
+    uintmax_t after = bytes();
+    EXPECT_LT(after, before) << "before " << before << " bytes, after " << after;
+    std::printf("the database before purging 500 reports: %ju bytes; after: %ju bytes\n", before,
+                after);
 }
 
 TEST_P(Staff, ADeletedReportIsGoneAndItsTextLeavesTheDatabaseFile) {
@@ -631,7 +689,7 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "7");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
     // The old text stays as it was; the new one is compressed.
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -656,6 +714,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     // network.
     value("ALTER TABLE reports DROP COLUMN desc_zstd");
     value("ALTER TABLE reports DROP COLUMN sender_net");
+    value("ALTER TABLE reports DROP COLUMN findings_zstd");
     // Nor folded sign-ins; its audit log took no change at all.
     if (GetParam() == "sqlite")
         value("DROP TRIGGER audit_append_only_UPDATE");
@@ -670,7 +729,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "7");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
     EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
     std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
     EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");
