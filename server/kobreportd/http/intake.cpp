@@ -108,6 +108,7 @@ UploadHooks Intake::hooks() {
     h.finished = [this](const Request &req, int status, bool admitted, double seconds) {
         if (admitted) {
             inflight_.fetch_sub(1);
+            metrics_.inflight(-1);
             if (quotas_)
                 quotas_->received(senderKey(req.client_address), claimedLength(req), req.body_bytes,
                                   now());
@@ -157,6 +158,7 @@ bool Intake::admit(const Request &req, Response &res) {
             return false;
         }
     }
+    metrics_.inflight(1);
     return true;
 }
 
