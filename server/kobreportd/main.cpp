@@ -243,6 +243,10 @@ std::function<void(const Route *, int, double)> observer(Metrics &metrics, const
 int main(int argc, char *argv[]) {
     if (argc == 2 && std::string(argv[1]) == "routes")
         return printRoutes();
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::printf("kobreportd %s (database layout %d)\n", KOB_VERSION, currentLayout());
+        return 0;
+    }
     if (argc > 1 && argv[1][0] != '-')
         return command(std::vector<std::string>(argv + 1, argv + argc));
 

@@ -687,6 +687,13 @@ TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
                            dir.file("bad.pem") + "\n");
 }
 
+TEST(ReportdVersion, VersionNamesTheReleaseAndTheLayout) {
+    auto r = kobtest::runProgram({KOBREPORTD_BIN, "--version"});
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 8)\n");
+    EXPECT_EQ(r.err, "");
+}
+
 TEST_F(Reportd, MetricsFollowPrometheusConventions) {
     reportd::Server s(KOBREPORTD_BIN, db);
     EXPECT_EQ(reportd::upload(s.port(), "one\n").status, 200);
