@@ -24,6 +24,7 @@
 #include "metrics.h"
 #include "migrations.h"
 #include "proxies.h"
+#include "public_url.h"
 #include "quotas.h"
 #include "retention.h"
 #include "routes.h"
@@ -94,7 +95,7 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets;
+    std::string listen, staffListen, db, webhook, targets, publicUrl;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -137,6 +138,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.minSenders = static_cast<int>(n);
         else if (a == "--targets")
             o.targets = v;
+        else if (a == "--public-url")
+            o.publicUrl = v;
         else if (a == "--tls-cert")
             o.staff.tls_cert = v;
         else if (a == "--tls-key")
@@ -216,7 +219,7 @@ ServerOptions intakeOptions(const Settings &o, const std::string &host, int port
     return io;
 }
 
-ServerOptions staffOptions(const Settings &o, const std::string &host, int port, bool tls) {
+ServerOptions staffOptions(const Settings &o, const std::string &host, int port, bool secure) {
     ServerOptions so;
     so.listener = Listener::Staff;
     so.host = host;
@@ -225,7 +228,7 @@ ServerOptions staffOptions(const Settings &o, const std::string &host, int port,
     so.limits.max_body = size_t{64} * 1024; // forms are small
     so.workers = std::min(o.limits.threads, 16);
     so.close_each = false;
-    so.default_headers = staffHeaders(tls);
+    so.default_headers = staffHeaders(secure);
     so.proxies = o.proxies.empty() ? nullptr : &o.proxies;
     so.proxy_protocol = o.proxyStaff;
     return so;
@@ -261,8 +264,17 @@ int main(int argc, char *argv[]) {
     if (listen.empty() || db.empty() || !splitListen(listen, host, port) ||
         (!staffListen.empty() && !splitListen(staffListen, staffHost, staffPort)) ||
         staff.tls_cert.empty() != staff.tls_key.empty() ||
-        (!staff.tls_cert.empty() && staffListen.empty()) || (o.proxyStaff && staffListen.empty()))
+        (!staff.tls_cert.empty() && staffListen.empty()) || (o.proxyStaff && staffListen.empty()) ||
+        (!o.publicUrl.empty() && staffListen.empty()))
         return usage();
+    PublicUrl publicUrl;
+    if (!o.publicUrl.empty()) {
+        std::string why;
+        auto parsed = parsePublicUrl(o.publicUrl, why);
+        if (!parsed)
+            return fail(why + " (for example https://staff.example.net/kob/)");
+        publicUrl = std::move(*parsed);
+    }
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -312,7 +324,7 @@ int main(int argc, char *argv[]) {
     }
 
     AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
-    Guard guard(*accounts, tls);
+    Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     RouteTable table;
@@ -329,7 +341,7 @@ int main(int argc, char *argv[]) {
 
     std::unique_ptr<HttpServer> staffServer;
     if (!staffListen.empty()) {
-        ServerOptions so = staffOptions(o, staffHost, staffPort, tls);
+        ServerOptions so = staffOptions(o, staffHost, staffPort, guard.secure());
         so.observed = observer(metrics, "staff");
         so.tls_cert_pem = certPem;
         so.tls_key_pem = keyPem;
@@ -345,7 +357,8 @@ int main(int argc, char *argv[]) {
                         std::to_string(intakeServer.port()) + "/";
     if (staffServer)
         ready += "; staff on " + std::string(tls ? "https" : "http") + "://" +
-                 shownHost(staffHost) + ":" + std::to_string(staffPort) + "/";
+                 shownHost(staffHost) + ":" + std::to_string(staffPort) + "/" +
+                 (publicUrl.url.empty() ? "" : ", public at " + publicUrl.url);
     std::printf("%s\n", ready.c_str());
     std::fflush(stdout);
 

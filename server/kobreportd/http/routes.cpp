@@ -167,7 +167,7 @@ void seeOther(Response &res, const std::string &where) {
 }
 
 std::string Guard::cookieAttributes() const {
-    return std::string("; HttpOnly; SameSite=Strict; Path=/") + (tls_ ? "; Secure" : "");
+    return "; HttpOnly; SameSite=Strict; Path=" + links_.prefix() + (secure() ? "; Secure" : "");
 }
 
 bool Guard::sameOrigin(const Request &req) const {
@@ -180,13 +180,15 @@ bool Guard::sameOrigin(const Request &req) const {
     std::string origin = req.header("Origin");
     if (!req.hasHeader("Origin") || (origin == "null" && site == "same-origin"))
         return true;
+    if (!public_.url.empty())
+        return origin == public_.origin;
     return origin == std::string(tls_ ? "https://" : "http://") + req.header("Host");
 }
 
 namespace {
 
-void refusePage(Response &res, const std::string &why, const Principal &who) {
-    pages::Viewer v{&who, Accounts::csrfToken(who.session)};
+void refusePage(Response &res, const std::string &why, const Principal &who, const Links &links) {
+    pages::Viewer v{&who, Accounts::csrfToken(who.session), links};
     res.status = 403;
     res.setContent(pages::frame("Not allowed", v, "", pages::message(why)),
                    "text/html; charset=utf-8");
@@ -215,9 +217,11 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
         // and come from this server's own pages.
         who = accounts_.session(cookie(req, kSessionCookie));
         if (!who) {
+            // next is the route's path; the sign-in adds the prefix when it
+            // sends the browser there.
             seeOther(res, route.method == Method::Get
-                              ? "/signin?next=" + html::percentEncode(req.path)
-                              : std::string("/signin"));
+                              ? links_.path("/signin") + "?next=" + html::percentEncode(req.path)
+                              : links_.path("/signin"));
             return std::nullopt;
         }
         if (route.method != Method::Get &&
@@ -226,11 +230,11 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
             refusePage(res,
                        "This form has expired or did not come from this server. Go back,"
                        " reload the page and try again.",
-                       *who);
+                       *who, links_);
             return std::nullopt;
         }
         if (route.role == Role::Admin && who->role != Role::Admin) {
-            refusePage(res, "Only an admin may do this.", *who);
+            refusePage(res, "Only an admin may do this.", *who, links_);
             return std::nullopt;
         }
         break;

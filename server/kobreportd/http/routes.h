@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "accounts.h"
+#include "public_url.h"
 
 namespace kobreportd {
 
@@ -109,17 +110,26 @@ class RouteTable {
 // nothing with res already holding the refusal.
 class Guard {
   public:
-    Guard(Accounts &accounts, bool tls) : accounts_(accounts), tls_(tls) {}
+    // publicUrl: where browsers reach the staff side, when a proxy that
+    // ends TLS or strips a path prefix stands in front of it.
+    Guard(Accounts &accounts, bool tls, PublicUrl publicUrl = {})
+        : accounts_(accounts), tls_(tls), public_(std::move(publicUrl)), links_(public_.prefix) {}
     // Open and Upload routes pass with ok set and no one.
     std::optional<Principal> check(const Route &route, const Request &req, Response &res,
                                    bool &ok) const;
     // Browsers name the page a form came from; another site's may not post.
+    // Behind a public URL, the page is one of the public URL's origin.
     bool sameOrigin(const Request &req) const;
     std::string cookieAttributes() const;
+    // Browsers speak HTTPS to this side: it has TLS, or the public URL is https.
+    bool secure() const { return tls_ || public_.https; }
+    const Links &links() const { return links_; }
 
   private:
     Accounts &accounts_;
     bool tls_;
+    PublicUrl public_;
+    Links links_;
 };
 
 constexpr const char *kSessionCookie = "kob_session";

@@ -24,7 +24,7 @@ std::string safeNext(const std::string &next) {
 
 } // namespace
 
-std::vector<std::pair<std::string, std::string>> staffHeaders(bool tls) {
+std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure) {
     std::vector<std::pair<std::string, std::string>> h = {
         {"Content-Security-Policy",
          "default-src 'self'; frame-ancestors 'none'; form-action 'self'"},
@@ -33,7 +33,7 @@ std::vector<std::pair<std::string, std::string>> staffHeaders(bool tls) {
         {"X-Frame-Options", "DENY"},
         {"Cache-Control", "no-store"},
     };
-    if (tls)
+    if (secure)
         h.emplace_back("Strict-Transport-Security", "max-age=31536000");
     return h;
 }
@@ -68,12 +68,13 @@ void Staff::api(RouteTable &table, Method m, const std::string &pattern, Role ne
 }
 
 pages::Viewer Staff::viewer(const Principal &who) const {
-    return {&who, Accounts::csrfToken(who.session)};
+    return {&who, Accounts::csrfToken(who.session), links()};
 }
 
 void Staff::show(Response &res, int status, const std::string &title, const Principal *who,
                  const html::Html &body, const std::string &query) {
     pages::Viewer v;
+    v.links = links();
     if (who)
         v = viewer(*who);
     res.status = status;
@@ -163,24 +164,25 @@ void Staff::addSignInRoutes(RouteTable &table) {
                [](const Request &, Response &res, const Principal *) {
                    res.setContent(pages::kStyle, "text/css; charset=utf-8");
                }});
-    table.add(
-        {Method::Get, "/signin", Listener::Staff, Access::Open, Role::Viewer,
-         [this](const Request &req, Response &res, const Principal *) {
-             std::string next = safeNext(req.hasParam("next") ? req.param("next") : "/");
-             if (accounts_.session(cookie(req, kSessionCookie))) {
-                 seeOther(res, next);
-                 return;
-             }
-             // The sign-in form gets a token of its own, tied to a cookie, since
-             // there is no session yet to tie it to.
-             std::string pre = cookie(req, kSignInCookie);
-             if (pre.size() != 64) {
-                 pre = Accounts::randomId();
-                 res.addHeader("Set-Cookie", std::string(kSignInCookie) + "=" + pre +
-                                                 guard_.cookieAttributes() + "; Max-Age=3600");
-             }
-             show(res, 200, "Sign in", nullptr, pages::signIn(Accounts::csrfToken(pre), next, ""));
-         }});
+    table.add({Method::Get, "/signin", Listener::Staff, Access::Open, Role::Viewer,
+               [this](const Request &req, Response &res, const Principal *) {
+                   std::string next = safeNext(req.hasParam("next") ? req.param("next") : "/");
+                   if (accounts_.session(cookie(req, kSessionCookie))) {
+                       seeOther(res, links().path(next));
+                       return;
+                   }
+                   // The sign-in form gets a token of its own, tied to a cookie, since
+                   // there is no session yet to tie it to.
+                   std::string pre = cookie(req, kSignInCookie);
+                   if (pre.size() != 64) {
+                       pre = Accounts::randomId();
+                       res.addHeader("Set-Cookie", std::string(kSignInCookie) + "=" + pre +
+                                                       guard_.cookieAttributes() +
+                                                       "; Max-Age=3600");
+                   }
+                   show(res, 200, "Sign in", nullptr,
+                        pages::signIn(Accounts::csrfToken(pre), next, "", links()));
+               }});
     table.add(
         {Method::Post, "/signin", Listener::Staff, Access::Open, Role::Viewer,
          [this](const Request &req, Response &res, const Principal *) {
@@ -201,12 +203,14 @@ void Staff::addSignInRoutes(RouteTable &table) {
                  show(res, 429, "Sign in", nullptr,
                       pages::signIn(Accounts::csrfToken(pre), next,
                                     "Too many failed sign-ins. Try again in " +
-                                        std::to_string((r.retry_after + 59) / 60) + " minutes."));
+                                        std::to_string((r.retry_after + 59) / 60) + " minutes.",
+                                    links()));
                  return;
              }
              if (r.result == R::Wrong) {
                  show(res, 401, "Sign in", nullptr,
-                      pages::signIn(Accounts::csrfToken(pre), next, "Wrong name or password."));
+                      pages::signIn(Accounts::csrfToken(pre), next, "Wrong name or password.",
+                                    links()));
                  return;
              }
              // A session someone may have planted before the sign-in ends here;
@@ -218,7 +222,7 @@ void Staff::addSignInRoutes(RouteTable &table) {
                                              guard_.cookieAttributes());
              res.addHeader("Set-Cookie", std::string(kSignInCookie) + "=" +
                                              guard_.cookieAttributes() + "; Max-Age=0");
-             seeOther(res, next);
+             seeOther(res, links().path(next));
          }});
     page(table, Method::Post, "/signout", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -226,7 +230,7 @@ void Staff::addSignInRoutes(RouteTable &table) {
              audit_.record(who.account, req.client_address, "signout");
              res.addHeader("Set-Cookie", std::string(kSessionCookie) + "=" +
                                              guard_.cookieAttributes() + "; Max-Age=0");
-             seeOther(res, "/signin");
+             seeOther(res, links().path("/signin"));
          });
 }
 
@@ -236,7 +240,8 @@ void Staff::addReportPages(RouteTable &table) {
              std::string q = req.hasParam("q") ? req.param("q") : "";
              int64_t pg = pageNumber(req);
              auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
-             show(res, 200, "Problem reports", &who, pages::list(list, q, pg, kPageSize), q);
+             show(res, 200, "Problem reports", &who, pages::list(list, q, pg, kPageSize, links()),
+                  q);
          });
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -262,13 +267,14 @@ void Staff::addReportPages(RouteTable &table) {
                  return;
              }
              audit_.record(who.account, req.client_address, "report.deleted", ref);
-             seeOther(res, "/");
+             seeOther(res, links().path("/"));
          });
     page(table, Method::Get, "/audit", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              int64_t pg = pageNumber(req), total = 0;
              auto entries = audit_.page((pg - 1) * kPageSize, kPageSize, total);
-             show(res, 200, "Audit log", &who, pages::audit(entries, total, pg, kPageSize));
+             show(res, 200, "Audit log", &who,
+                  pages::audit(entries, total, pg, kPageSize, links()));
          });
 }
 
@@ -308,7 +314,7 @@ void Staff::addAdminPages(RouteTable &table) {
              }
              audit_.record(who.account, req.client_address, "user.deleted", "", name);
              if (name == who.account) {
-                 seeOther(res, "/signin");
+                 seeOther(res, links().path("/signin"));
                  return;
              }
              accountsPage(res, who, "Deleted " + name + ".");
@@ -352,7 +358,7 @@ void Staff::addFleetPages(RouteTable &table) {
              std::string w = req.hasParam("window") ? req.param("window") : "24h";
              if (!windowSeconds(w))
                  w = "24h";
-             show(res, 200, "The fleet", &who, pages::fleet(fleet(store_.db(), w, now())));
+             show(res, 200, "The fleet", &who, pages::fleet(fleet(store_.db(), w, now()), links()));
          });
     page(table, Method::Get, "/fleet/reports", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -360,7 +366,8 @@ void Staff::addFleetPages(RouteTable &table) {
              auto span = windowSeconds(req.param("window")).value_or(3600);
              show(res, 200, "Failing reports", &who,
                   pages::failing(area, target,
-                                 failingReports(store_.db(), area, target, now() - span, 200)));
+                                 failingReports(store_.db(), area, target, now() - span, 200),
+                                 links()));
          });
     page(table, Method::Get, "/compare", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -373,12 +380,12 @@ void Staff::addFleetPages(RouteTable &table) {
              for (const auto *r : {&*a, &*b})
                  audit_.record(who.account, req.client_address, "report.viewed", r->reference,
                                "compare");
-             show(res, 200, "Compare", &who, pages::compare(side(*a), side(*b)));
+             show(res, 200, "Compare", &who, pages::compare(side(*a), side(*b), links()));
          });
     page(table, Method::Get, "/users/{name}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
-             show(res, 200, name, &who, pages::user(name, store_.byUser(name, 200)));
+             show(res, 200, name, &who, pages::user(name, store_.byUser(name, 200), links()));
          });
 }
 

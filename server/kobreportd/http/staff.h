@@ -25,8 +25,9 @@ struct StaffOptions {
     int threads = 16;
 };
 
-// The protective headers of every staff answer.
-std::vector<std::pair<std::string, std::string>> staffHeaders(bool tls);
+// The protective headers of every staff answer; secure: browsers reach the
+// staff side over HTTPS (its own TLS, or a proxy's at the public URL).
+std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure);
 
 class Staff {
   public:
@@ -66,6 +67,8 @@ class Staff {
     static void page(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
     static void api(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
     pages::Viewer viewer(const Principal &who) const;
+    // Where the pages are, as the browser reaches them.
+    const Links &links() const { return guard_.links(); }
     void show(Response &res, int status, const std::string &title, const Principal *who,
               const html::Html &body, const std::string &query = "");
     void notFound(Response &res, const Principal &who, const std::string &ref);

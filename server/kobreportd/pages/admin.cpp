@@ -10,7 +10,8 @@ using html::Html;
 using html::text;
 using html::uri;
 
-Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, int64_t pageSize) {
+Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, int64_t pageSize,
+           const Links &links) {
     Html b;
     b << "<h2>Audit log</h2><p class=\"count\">" << total << " entries, newest first</p>\n"
       << "<table id=\"audit\"><thead><tr><th>Time (UTC)</th><th>Account</th><th>Address</th>"
@@ -19,7 +20,8 @@ Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, in
         b << "<tr><td>" << text(shownTime(e.at)) << "</td><td>" << text(e.account) << "</td><td>"
           << text(e.address) << "</td><td class=\"action\">" << text(e.action) << "</td><td>";
         if (!e.reference.empty())
-            b << "<a href=\"/reports/" << uri(e.reference) << "\">" << text(e.reference) << "</a>";
+            b << "<a href=\"" << links.href("/reports/") << uri(e.reference) << "\">"
+              << text(e.reference) << "</a>";
         b << "</td><td>" << text(e.detail);
         // A folded row: how many times, and until when.
         if (e.count > 1)
@@ -27,7 +29,7 @@ Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, in
               << text(shownTime(e.last_at));
         b << "</td></tr>\n";
     }
-    b << "</tbody></table>\n" << pager("/audit", "", pg, pageSize, total);
+    b << "</tbody></table>\n" << pager(links.path("/audit"), "", pg, pageSize, total);
     return b;
 }
 
@@ -47,13 +49,14 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
         for (const auto &a : list)
             b << "<tr><td>" << text(a.name) << "</td><td>" << text(roleName(a.role)) << "</td><td>"
               << text(shownTime(a.created_at)) << "</td><td><form class=\"inline\" method=\"post\" "
-              << "action=\"" << text(path) << uri(a.name) << "/delete\">" << csrfField(v)
+              << "action=\"" << v.links.href(path) << uri(a.name) << "/delete\">" << csrfField(v)
               << "<button class=\"danger\" type=\"submit\">Delete</button></form></td></tr>\n";
         b << "</tbody></table>\n";
     };
     b << "<h2>People</h2>\n";
     table("users", "Name", users, "/admin/users/");
-    b << "<form class=\"admin\" method=\"post\" action=\"/admin/users\">" << csrfField(v)
+    b << "<form class=\"admin\" method=\"post\" action=\"" << v.links.href("/admin/users") << "\">"
+      << csrfField(v)
       << "<input name=\"name\" placeholder=\"name\" aria-label=\"Name\" required> "
          "<select name=\"role\" aria-label=\"Role\"><option>viewer</option><option>admin"
          "</option></select> <input name=\"password\" type=\"password\" "
@@ -62,7 +65,8 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
          "<button class=\"plain\" type=\"submit\">Add</button></form>\n";
     b << "<h2>API tokens</h2>\n";
     table("tokens", "Name", tokens, "/admin/tokens/");
-    b << "<form class=\"admin\" method=\"post\" action=\"/admin/tokens\">" << csrfField(v)
+    b << "<form class=\"admin\" method=\"post\" action=\"" << v.links.href("/admin/tokens") << "\">"
+      << csrfField(v)
       << "<input name=\"name\" placeholder=\"name\" aria-label=\"Token name\" required> "
          "<select name=\"role\" aria-label=\"Role\"><option>viewer</option><option>admin"
          "</option></select> <button class=\"plain\" type=\"submit\">Make a token</button>"

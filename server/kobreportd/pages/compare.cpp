@@ -59,11 +59,11 @@ Html lineDiff(const char *id, const std::string &a, const std::string &b) {
 
 } // namespace
 
-Html compare(const CompareSide &a, const CompareSide &b) {
+Html compare(const CompareSide &a, const CompareSide &b, const Links &links) {
     Html h;
-    h << "<h2>Comparing <a href=\"/reports/" << uri(a.report->reference) << "\">"
+    h << "<h2>Comparing <a href=\"" << links.href("/reports/") << uri(a.report->reference) << "\">"
       << text(a.report->reference) << "</a> (A, " << text(shownTime(a.report->received_at))
-      << ") with <a href=\"/reports/" << uri(b.report->reference) << "\">"
+      << ") with <a href=\"" << links.href("/reports/") << uri(b.report->reference) << "\">"
       << text(b.report->reference) << "</a> (B, " << text(shownTime(b.report->received_at))
       << ")</h2>\n<table id=\"compare\"><thead><tr><th>Area</th><th>Target</th><th>A</th>"
          "<th>B</th><th></th></tr></thead><tbody>\n";

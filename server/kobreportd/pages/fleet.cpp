@@ -26,10 +26,10 @@ std::string bucketLabel(std::time_t t, std::time_t seconds) {
     return utcTime(t, seconds < 86400 ? "%Y-%m-%d %H:00" : "%Y-%m-%d");
 }
 
-Html failingLink(const FleetTarget &t, const char *window) {
+Html failingLink(const FleetTarget &t, const char *window, const Links &links) {
     Html h;
-    h << "<a href=\"/fleet/reports?area=" << uri(t.area) << "&amp;target=" << uri(t.target)
-      << "&amp;window=" << text(window) << "\">";
+    h << "<a href=\"" << links.href("/fleet/reports") << "?area=" << uri(t.area)
+      << "&amp;target=" << uri(t.target) << "&amp;window=" << text(window) << "\">";
     return h;
 }
 
@@ -64,11 +64,11 @@ Html chart(const FleetTarget &t, std::time_t bucketSeconds) {
 
 } // namespace
 
-Html fleet(const Fleet &f) {
+Html fleet(const Fleet &f, const Links &links) {
     Html b;
     b << "<h2>The fleet</h2><nav class=\"windows\">";
     for (const char *w : {"6h", "24h", "7d", "30d"}) {
-        b << "<a href=\"/fleet?window=" << text(w) << "\"";
+        b << "<a href=\"" << links.href("/fleet") << "?window=" << text(w) << "\"";
         if (f.window == w)
             b << " class=\"current\"";
         b << ">last " << text(w) << "</a>";
@@ -77,9 +77,9 @@ Html fleet(const Fleet &f) {
     Html broken;
     for (const auto &t : f.targets)
         if (t.broken)
-            broken << "<li class=\"fail\">" << failingLink(t, "6h") << text(t.target) << "</a> ("
-                   << text(t.area) << "): " << t.hour_failing << " of " << t.hour_reports
-                   << " reports failing in the last hour ("
+            broken << "<li class=\"fail\">" << failingLink(t, "6h", links) << text(t.target)
+                   << "</a> (" << text(t.area) << "): " << t.hour_failing << " of "
+                   << t.hour_reports << " reports failing in the last hour ("
                    << text(percent(t.hour_failing, t.hour_reports)) << "), against "
                    << text(percent(t.baseline_failing, t.baseline_reports)) << " of "
                    << t.baseline_reports << " over the seven days before</li>\n";
@@ -98,7 +98,7 @@ Html fleet(const Fleet &f) {
         b << "<tr><td>" << text(t.area) << "</td><td>" << text(t.target)
           << "</td><td class=\"num\">" << t.reports << "</td><td class=\"num\">";
         if (t.failing)
-            b << failingLink(t, f.window.c_str()) << t.failing << "</a>";
+            b << failingLink(t, f.window.c_str(), links) << t.failing << "</a>";
         else
             b << "0";
         b << "</td><td>" << chart(t, f.bucket_seconds) << "</td></tr>\n";
@@ -108,12 +108,13 @@ Html fleet(const Fleet &f) {
 }
 
 Html failing(const std::string &area, const std::string &target,
-             const std::vector<std::string> &references) {
+             const std::vector<std::string> &references, const Links &links) {
     Html b;
     b << "<h2>Reports that found " << text(target) << " (" << text(area) << ") failing</h2>\n"
       << "<ul id=\"failing\">";
     for (const auto &r : references)
-        b << "<li><a href=\"/reports/" << uri(r) << "\">" << text(r) << "</a></li>";
+        b << "<li><a href=\"" << links.href("/reports/") << uri(r) << "\">" << text(r)
+          << "</a></li>";
     b << "</ul>\n";
     return b;
 }

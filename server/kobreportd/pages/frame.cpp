@@ -97,34 +97,38 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
     h << "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
          "<title>"
-      << text(title)
-      << "</title><link rel=\"stylesheet\" href=\"/static/style.css\"></head>\n<body>"
-         "<header><h1><a href=\"/\">Kobvane problem reports</a></h1>";
+      << text(title) << "</title><link rel=\"stylesheet\" href=\""
+      << v.links.href("/static/style.css") << "\"></head>\n<body><header><h1><a href=\""
+      << v.links.href("/") << "\">Kobvane problem reports</a></h1>";
     if (v.who) {
-        h << "<nav><a href=\"/\">Reports</a><a href=\"/fleet\">Fleet</a>";
+        h << "<nav><a href=\"" << v.links.href("/") << "\">Reports</a><a href=\""
+          << v.links.href("/fleet") << "\">Fleet</a>";
         if (v.who->role == Role::Admin)
-            h << "<a href=\"/audit\">Audit log</a><a href=\"/admin/accounts\">Accounts</a>";
-        h << "</nav><form method=\"get\" action=\"/\"><input type=\"search\" name=\"q\" value=\""
-          << text(query)
+            h << "<a href=\"" << v.links.href("/audit") << "\">Audit log</a><a href=\""
+              << v.links.href("/admin/accounts") << "\">Accounts</a>";
+        h << "</nav><form method=\"get\" action=\"" << v.links.href("/")
+          << "\"><input type=\"search\" name=\"q\" value=\"" << text(query)
           << "\" placeholder=\"user name or reference\" aria-label=\"Search\">"
              "<button type=\"submit\">Search</button></form>"
              "<span class=\"who\" id=\"who\">"
           << text(v.who->account) << " (" << text(roleName(v.who->role))
-          << ")</span><form class=\"inline\" method=\"post\" action=\"/signout\">" << csrfField(v)
+          << ")</span><form class=\"inline\" method=\"post\" action=\"" << v.links.href("/signout")
+          << "\">" << csrfField(v)
           << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
     }
     h << "</header>\n<main>" << body << "</main></body></html>\n";
     return h.str();
 }
 
-Html signIn(const std::string &csrf, const std::string &next, const std::string &msg) {
+Html signIn(const std::string &csrf, const std::string &next, const std::string &msg,
+            const Links &links) {
     Html b;
     b << "<h2>Sign in</h2>\n";
     if (!msg.empty())
         b << "<p class=\"error\" id=\"message\">" << text(msg) << "</p>\n";
-    b << "<form class=\"signin\" method=\"post\" action=\"/signin\">"
-         "<input type=\"hidden\" name=\"csrf\" value=\""
-      << text(csrf) << "\"><input type=\"hidden\" name=\"next\" value=\"" << text(next)
+    b << "<form class=\"signin\" method=\"post\" action=\"" << links.href("/signin")
+      << "\"><input type=\"hidden\" name=\"csrf\" value=\"" << text(csrf)
+      << "\"><input type=\"hidden\" name=\"next\" value=\"" << text(next)
       << "\"><label>Name <input name=\"name\" id=\"name\" autocomplete=\"username\" required>"
          "</label><label>Password <input name=\"password\" id=\"password\" type=\"password\" "
          "autocomplete=\"current-password\" required></label>"

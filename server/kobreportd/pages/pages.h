@@ -13,34 +13,41 @@
 #include "audit.h"
 #include "fleet.h"
 #include "html.h"
+#include "public_url.h"
 #include "store.h"
 
 namespace kobreportd::pages {
 
 extern const char *const kStyle;
 
-// Who is looking, for the header bar and the forms.
+// Who is looking, for the header bar and the forms, and where the pages
+// are as the browser reaches them.
 struct Viewer {
     const Principal *who = nullptr; // null on the sign-in page
     std::string csrf;
+    Links links;
 };
+
+// Every page writes its links, form actions and its stylesheet's address
+// through a Links (the Viewer's or one given), never as text of its own.
 
 std::string frame(const std::string &title, const Viewer &v, const std::string &query,
                   const html::Html &body);
 
 html::Html list(const ListPage &page, const std::string &query, int64_t pageNumber,
-                int64_t pageSize);
+                int64_t pageSize, const Links &links);
 // text is the report as this viewer may see it (masked unless revealed).
 html::Html report(const StoredReport &s, const std::string &text, bool revealed, const Viewer &v,
                   int retainDays);
 html::Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pageNumber,
-                 int64_t pageSize);
+                 int64_t pageSize, const Links &links);
 html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountInfo> &tokens,
                     const Viewer &v, const std::string &message,
                     const std::optional<std::string> &newToken);
-html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message);
+html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
+                  const Links &links);
 html::Html message(const std::string &text);
-html::Html fleet(const Fleet &f);
+html::Html fleet(const Fleet &f, const Links &links);
 
 // One side of a comparison: the report, its outcomes, and its interface
 // and route captures as this viewer may see them.
@@ -49,16 +56,17 @@ struct CompareSide {
     std::vector<Outcome> outcomes;
     std::string interfaces, routes;
 };
-html::Html compare(const CompareSide &a, const CompareSide &b);
+html::Html compare(const CompareSide &a, const CompareSide &b, const Links &links);
 // What changed from the older outcomes to the newer: "now failing" and
 // "recovered" targets.
 struct Changes {
     std::vector<std::string> failing, recovered;
 };
 Changes changes(const std::vector<Outcome> &older, const std::vector<Outcome> &newer);
-html::Html user(const std::string &name, const std::vector<Store::UserReport> &reports);
+html::Html user(const std::string &name, const std::vector<Store::UserReport> &reports,
+                const Links &links);
 html::Html failing(const std::string &area, const std::string &target,
-                   const std::vector<std::string> &references);
+                   const std::vector<std::string> &references, const Links &links);
 
 std::string shownTime(std::time_t t);
 

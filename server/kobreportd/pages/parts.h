@@ -14,7 +14,8 @@ namespace kobreportd::pages {
 // The session's form token as a hidden field of a form.
 html::Html csrfField(const Viewer &v);
 
-// "Newer" and "Older" links of a paged list at base, with its query.
+// "Newer" and "Older" links of a paged list at base (a path as the browser
+// reaches it), with its query.
 html::Html pager(const std::string &base, const std::string &query, int64_t pageNumber,
                  int64_t pageSize, int64_t total);
 

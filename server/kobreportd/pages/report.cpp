@@ -230,27 +230,27 @@ Html report(const StoredReport &s, const std::string &raw, bool revealed, const 
         b << "; its summary and findings remain.</p>\n";
     }
     b << "<div class=\"actions\">";
-    b << "<a href=\"/api/reports/" << uri(s.reference) << "\">JSON (API)</a>";
+    b << "<a href=\"" << v.links.href("/api/reports/") << uri(s.reference) << "\">JSON (API)</a>";
     std::string user = s.form_username && !s.form_username->empty()
                            ? *s.form_username
                            : s.report_username.value_or("");
     if (!user.empty())
-        b << "<a href=\"/users/" << uri(user) << "\" id=\"timeline\">all reports of " << text(user)
-          << "</a>";
+        b << "<a href=\"" << v.links.href("/users/") << uri(user)
+          << "\" id=\"timeline\">all reports of " << text(user) << "</a>";
     if (!s.raw_expired)
-        b << "<a href=\"/reports/" << uri(s.reference) << "/raw\">raw text</a>";
+        b << "<a href=\"" << v.links.href("/reports/") << uri(s.reference) << "/raw\">raw text</a>";
     if (admin && !s.raw_expired && !revealed)
-        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
-          << "/reveal\">" << csrfField(v)
+        b << "<form class=\"inline\" method=\"post\" action=\"" << v.links.href("/reports/")
+          << uri(s.reference) << "/reveal\">" << csrfField(v)
           << "<button class=\"plain\" type=\"submit\" id=\"reveal\">Reveal addresses</button>"
              "</form>";
     if (admin && revealed)
-        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
-          << "/raw\">" << csrfField(v)
+        b << "<form class=\"inline\" method=\"post\" action=\"" << v.links.href("/reports/")
+          << uri(s.reference) << "/raw\">" << csrfField(v)
           << "<button class=\"plain\" type=\"submit\">Download unmasked raw text</button></form>";
     if (admin)
-        b << "<form class=\"inline\" method=\"post\" action=\"/reports/" << uri(s.reference)
-          << "/delete\">" << csrfField(v)
+        b << "<form class=\"inline\" method=\"post\" action=\"" << v.links.href("/reports/")
+          << uri(s.reference) << "/delete\">" << csrfField(v)
           << "<button class=\"danger\" type=\"submit\" id=\"delete\">Delete report</button>"
              "</form>";
     b << "</div>\n";
