@@ -193,8 +193,8 @@ void Intake::upload(const Request &req, Response &res) {
         metrics_.stored();
         answer(res, 200, "Report received: " + ref);
     } catch (const StoreError &e) {
-        std::fprintf(stderr, "kobreportd: report from %s not stored: %s\n", nr.peer.c_str(),
-                     e.what());
+        // The sender's address is the user's: it is not written here.
+        std::fprintf(stderr, "kobreportd: a report was not stored: %s\n", e.what());
         answer(res, 503, "Report not stored, please send it again later\n");
     }
 }

@@ -13,25 +13,35 @@ namespace kobreportd {
 
 namespace {
 
-// What stays of a report: what the triage found, from the text as a viewer
-// sees it, without the sections it did not understand and without the
-// captures' and logs' own text (the user's data again under another name),
-// as a zstd frame.  A text that no longer decompresses keeps nothing.
-std::optional<std::string> keptFindings(const sql::Rows &rows, size_t i) {
+// What stays of a report: what the triage found in its text, without the
+// sections it did not understand and without the captures' and logs' own
+// text (the user's data again under another name), with the user's
+// addresses masked as a viewer sees them (the verdicts were made on the
+// text as it came, and do not change), as a zstd frame; and the run's
+// targets, which the summary keeps readable.  A text that no longer
+// decompresses keeps no findings.
+struct Findings {
+    std::optional<std::string> packed;
+    AddressSet targets;
+};
+
+Findings keptFindings(const sql::Rows &rows, size_t i) {
+    Findings f;
     try {
-        auto report = kobtriage::parse(maskReport(unpack(
-            rows.str(i, "desc"), rows.integer(i, "desc_zstd") != 0, rows.integer(i, "size"))));
+        auto report = kobtriage::parse(unpack(
+            rows.str(i, "desc"), rows.integer(i, "desc_zstd") != 0, rows.integer(i, "size")));
+        f.targets = targetAddresses(report);
         report.unknown.clear();
         for (auto &capture : report.captures)
             capture.text.clear();
         for (auto &log : report.logs)
             log.text.clear();
-        return pack(kobtriage::toJson(report));
+        f.packed = pack(maskAddresses(kobtriage::toJson(report), f.targets));
     } catch (const StoreError &e) {
         std::fprintf(stderr, "kobreportd: report %lld expired without findings: %s\n",
                      static_cast<long long>(rows.integer(i, "id")), e.what());
-        return std::nullopt;
     }
+    return f;
 }
 
 // The columns an expired report keeps, as they were.
@@ -52,7 +62,7 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                              {sql::integer(cutoff)});
         if (rows.empty())
             break;
-        std::vector<std::optional<std::string>> findings;
+        std::vector<Findings> findings;
         for (size_t i = 0; i < rows.size(); i++)
             findings.push_back(keptFindings(rows, i));
         db_.transaction([&](sql::Conn &c) {
@@ -70,9 +80,10 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                 if (k.empty())
                     continue; // deleted meanwhile
                 kept.push_back({id, k.integer(0, "received_at"), k.integer(0, "size"),
-                                k.integer(0, "rules"), k.str(0, "reference"), k.str(0, "summary"),
+                                k.integer(0, "rules"), k.str(0, "reference"),
+                                maskAddresses(k.str(0, "summary"), findings[i].targets),
                                 k.opt(0, "form_username"), k.opt(0, "report_username"),
-                                std::move(findings[i])});
+                                std::move(findings[i].packed)});
             }
             for (const Kept &k : kept)
                 c.query("INSERT INTO reports (id, reference, received_at, form_username,"
