@@ -174,3 +174,20 @@ TEST_P(Privacy, NoViewerSurfaceShowsTheUsersDataAndVerdictsAreTheAdminsBeforeAnd
             EXPECT_EQ(s.errors().find(secret), std::string::npos) << secret;
     }
 }
+
+TEST_P(Privacy, TheUnmaskedTextIsDownloadedAndTheMaskedOneRead) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), personalReport(false), "joan"));
+    reportd::Browser admin = s.signedIn("admin");
+    ASSERT_EQ(admin.get("/reports/" + ref).status, 200);
+    auto download = admin.post("/reports/" + ref + "/raw", {});
+    EXPECT_EQ(download.status, 200);
+    EXPECT_EQ(reportd::header(download, "Content-Disposition"),
+              "attachment; filename=\"" + ref + ".txt\"");
+    EXPECT_NE(download.body.find("inet 192.168.1.23 netmask"), std::string::npos);
+    auto read = admin.get("/reports/" + ref + "/raw");
+    EXPECT_EQ(read.status, 200);
+    EXPECT_EQ(reportd::header(read, "Content-Disposition"), "");
+    EXPECT_EQ(read.body.find("192.168.1.23"), std::string::npos);
+    EXPECT_NE(read.body.find("inet 192.168.x.x netmask"), std::string::npos);
+}

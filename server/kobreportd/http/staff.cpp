@@ -274,9 +274,13 @@ void Staff::addReportPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal &who) {
              rawText(req, res, who, false);
          });
+    // "Download unmasked raw text": a file to keep, not a page to read.
     page(table, Method::Post, "/reports/{ref}/raw", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              rawText(req, res, who, true);
+             if (res.status == 200)
+                 res.setHeader("Content-Disposition",
+                               "attachment; filename=\"" + req.matches[1] + ".txt\"");
          });
     page(table, Method::Post, "/reports/{ref}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
