@@ -9,18 +9,12 @@
 #include "reportgen.h"
 
 #include <gtest/gtest.h>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 
 namespace {
 
 using Json = nlohmann::json;
-
-reportd::Postgres &postgres() {
-    static auto pg = std::make_unique<reportd::Postgres>();
-    return *pg;
-}
 
 // What the user's machine and network are, as the report writes them; none
 // may reach a viewer.
@@ -68,16 +62,10 @@ std::string personalReport(bool stuck) {
 class Privacy : public ::testing::TestWithParam<std::string> {
   protected:
     void SetUp() override {
-        if (GetParam() == "postgres") {
-            if (!postgres().available())
-                GTEST_SKIP() << postgres().reason();
-            static int n = 0;
-            std::string name = "privacy" + std::to_string(++n);
-            postgres().psql("CREATE DATABASE " + name);
-            db = postgres().url(name);
-        } else {
-            db = dir.file("reports.db");
-        }
+        std::string reason;
+        db = reportd::testDatabase(GetParam(), dir.path(), reason);
+        if (db.empty())
+            GTEST_SKIP() << reason;
     }
 
     kobtest::TempDir dir;

@@ -23,12 +23,6 @@
 
 namespace {
 
-// One PostgreSQL server for the whole program, a database per test.
-reportd::Postgres &postgres() {
-    static auto pg = std::make_unique<reportd::Postgres>();
-    return *pg;
-}
-
 // A run whose captures name the user's own machine, beside the lab's targets.
 std::string reportWithPersonalAddresses(const std::string &user) {
     auto run = reportgen::healthyRun();
@@ -42,29 +36,15 @@ std::string reportWithPersonalAddresses(const std::string &user) {
 class Staff : public ::testing::TestWithParam<std::string> {
   protected:
     void SetUp() override {
-        if (GetParam() == "postgres") {
-            if (!postgres().available())
-                GTEST_SKIP() << postgres().reason();
-            static int n = 0;
-            std::string name = "staff" + std::to_string(++n);
-            postgres().psql("CREATE DATABASE " + name);
-            db = postgres().url(name);
-        } else {
-            db = dir.file("reports.db");
-        }
+        std::string reason;
+        db = reportd::testDatabase(GetParam(), dir.path(), reason);
+        if (db.empty())
+            GTEST_SKIP() << reason;
         kobtest::writeFile(clockFile, "");
     }
 
     // A value from the database, whichever it is.
-    std::string value(const std::string &sql) {
-        if (GetParam() == "postgres") {
-            std::string out = postgres().psql(sql, db.substr(db.rfind('/') + 1));
-            if (!out.empty() && out.back() == '\n')
-                out.pop_back();
-            return out.empty() ? "<none>" : out;
-        }
-        return reportd::sqliteValue(db, sql);
-    }
+    std::string value(const std::string &sql) { return reportd::databaseValue(db, sql); }
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
     void setClock(std::time_t t) { kobtest::writeFile(clockFile, std::to_string(t) + "\n"); }
