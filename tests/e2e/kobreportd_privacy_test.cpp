@@ -7,6 +7,7 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "store_fixture.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -59,18 +60,7 @@ std::string personalReport(bool stuck) {
     return reportgen::report(run);
 }
 
-class Privacy : public ::testing::TestWithParam<std::string> {
-  protected:
-    void SetUp() override {
-        std::string reason;
-        db = reportd::testDatabase(GetParam(), dir.path(), reason);
-        if (db.empty())
-            GTEST_SKIP() << reason;
-    }
-
-    kobtest::TempDir dir;
-    std::string db;
-};
+class Privacy : public OnEitherStore {};
 
 // The verdicts of a report's JSON: rule, level and area of each.
 std::set<std::string> verdicts(const std::string &body) {

@@ -7,6 +7,7 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "store_fixture.h"
 
 #include <arpa/inet.h>
 #include <chrono>
@@ -22,17 +23,12 @@ namespace {
 // 2027-01-15 08:00:00 UTC: 57,600 seconds before the day turns.
 constexpr std::time_t kMorning = 1800000000;
 
-class Behind : public ::testing::TestWithParam<std::string> {
+class Behind : public OnEitherStore {
   protected:
     void SetUp() override {
-        std::string reason;
-        db = reportd::testDatabase(GetParam(), dir.path(), reason);
-        if (db.empty())
-            GTEST_SKIP() << reason;
+        OnEitherStore::SetUp();
         kobtest::writeFile(clockFile, std::to_string(kMorning) + "\n");
     }
-
-    std::string value(const std::string &sql) { return reportd::databaseValue(db, sql); }
 
     // The stored senders, oldest first, one space between.
     std::string senders() {
@@ -44,8 +40,6 @@ class Behind : public ::testing::TestWithParam<std::string> {
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
 
-    kobtest::TempDir dir;
-    std::string db;
     std::string clockFile = dir.file("clock");
 };
 

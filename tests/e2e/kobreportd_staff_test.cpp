@@ -6,6 +6,7 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "store_fixture.h"
 
 #include <filesystem>
 #include <cstdio>
@@ -33,24 +34,16 @@ std::string reportWithPersonalAddresses(const std::string &user) {
     return reportgen::report(run);
 }
 
-class Staff : public ::testing::TestWithParam<std::string> {
+class Staff : public OnEitherStore {
   protected:
     void SetUp() override {
-        std::string reason;
-        db = reportd::testDatabase(GetParam(), dir.path(), reason);
-        if (db.empty())
-            GTEST_SKIP() << reason;
+        OnEitherStore::SetUp();
         kobtest::writeFile(clockFile, "");
     }
-
-    // A value from the database, whichever it is.
-    std::string value(const std::string &sql) { return reportd::databaseValue(db, sql); }
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
     void setClock(std::time_t t) { kobtest::writeFile(clockFile, std::to_string(t) + "\n"); }
 
-    kobtest::TempDir dir;
-    std::string db;
     std::string clockFile = dir.file("clock");
 };
 
