@@ -9,6 +9,7 @@
 #include "reportgen.h"
 #include "store_fixture.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -168,4 +169,36 @@ TEST_P(Privacy, TheUnmaskedTextIsDownloadedAndTheMaskedOneRead) {
     EXPECT_EQ(reportd::header(read, "Content-Disposition"), "");
     EXPECT_EQ(read.body.find("192.168.1.23"), std::string::npos);
     EXPECT_NE(read.body.find("inet 192.168.x.x netmask"), std::string::npos);
+}
+
+// A report of 60 MiB, nearly all of it one client log: its page shows the
+// log's two ends within 2 MiB, and the raw text page numbers every line as
+// the evidence does.
+TEST_P(Privacy, AHugeReportsPageStaysLightAndItsRawTextIsNumbered) {
+    std::string desc = reportgen::reportOfSize(60u << 20, 7);
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), desc, "joan"));
+    ASSERT_FALSE(ref.empty());
+    reportd::Browser viewer = s.signedIn("viewer");
+    auto page = viewer.get("/reports/" + ref);
+    ASSERT_EQ(page.status, 200);
+    EXPECT_LE(page.body.size(), 2u << 20);
+    EXPECT_NE(page.body.find("<h3>kobvane_stdout.txt, "), std::string::npos);
+    EXPECT_NE(page.body.find(" bytes not shown here; <a href=\"/reports/" + ref +
+                             "/raw\">the whole text</a> has them, its lines numbered.</p>"),
+              std::string::npos);
+    // The log's first and last lines are on the page.
+    size_t start = desc.find("[STDOUT]\n") + 9, end = desc.find("[STDERR]\n", start);
+    ASSERT_NE(end, std::string::npos);
+    std::string first = desc.substr(start, desc.find('\n', start) + 1 - start);
+    std::string last =
+        desc.substr(desc.rfind('\n', end - 2) + 1, end - desc.rfind('\n', end - 2) - 1);
+    EXPECT_NE(page.body.find("<pre class=\"log\">" + first), std::string::npos) << first;
+    EXPECT_NE(page.body.find(last + "</pre>"), std::string::npos) << last;
+    auto raw = viewer.get("/reports/" + ref + "/raw");
+    ASSERT_EQ(raw.status, 200);
+    size_t lines = static_cast<size_t>(std::count(desc.begin(), desc.end(), '\n'));
+    std::string width(std::to_string(lines).size() - 1, ' ');
+    EXPECT_EQ(raw.body.substr(0, width.size() + 3 + 20), width + "1| " + desc.substr(0, 20));
+    EXPECT_NE(raw.body.find("\n" + std::to_string(lines) + "| "), std::string::npos);
 }

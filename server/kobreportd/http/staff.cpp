@@ -1,5 +1,7 @@
 #include "staff.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "clock.h"
@@ -147,7 +149,33 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
     keepTargets(*s, res);
 }
 
-void Staff::rawText(const Request &req, Response &res, const Principal &who, bool reveal) {
+namespace {
+
+// "  9| text", the numbers right-aligned to the widest.
+std::string numberedLines(std::string_view text) {
+    std::size_t lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    if (!text.empty() && text.back() != '\n')
+        lines++;
+    int width = static_cast<int>(std::to_string(std::max<std::size_t>(lines, 1)).size());
+    std::string out;
+    out.reserve(text.size() + lines * static_cast<std::size_t>(width + 2));
+    char number[32];
+    std::size_t n = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t nl = text.find('\n', at);
+        std::size_t end = nl == std::string_view::npos ? text.size() : nl + 1;
+        int len = std::snprintf(number, sizeof number, "%*zu| ", width, ++n);
+        out.append(number, static_cast<std::size_t>(len));
+        out.append(text.substr(at, end - at));
+        at = end;
+    }
+    return out;
+}
+
+} // namespace
+
+void Staff::rawText(const Request &req, Response &res, const Principal &who, bool reveal,
+                    bool numbered) {
     auto s = store_.get(req.matches[1]);
     if (!s) {
         answer(res, 404, "Not found\n");
@@ -159,9 +187,10 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
     }
     audit_.record(who.account, req.client_address, reveal ? "report.raw.revealed" : "report.raw",
                   s->reference);
-    res.setContent(s->desc, "text/plain; charset=utf-8");
     res.unmasked = reveal;
     keepTargets(*s, res);
+    res.setContent(numbered ? numberedLines(s->desc) : std::move(s->desc),
+                   "text/plain; charset=utf-8");
 }
 
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
@@ -272,7 +301,7 @@ void Staff::addReportPages(RouteTable &table) {
          });
     page(table, Method::Get, "/reports/{ref}/raw", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
-             rawText(req, res, who, false);
+             rawText(req, res, who, false, true);
          });
     // "Download unmasked raw text": a file to keep, not a page to read.
     page(table, Method::Post, "/reports/{ref}/raw", Role::Admin,

@@ -47,8 +47,10 @@ class Staff {
     static void keepTargets(const StoredReport &s, Response &res);
     // A side of a comparison.
     pages::CompareSide side(const StoredReport &s);
-    // The raw text as plain text; 404 and 410 as plain text too.
-    void rawText(const Request &req, Response &res, const Principal &who, bool reveal);
+    // The raw text as plain text, each line after its number when
+    // numbered (as evidence names them); 404 and 410 as plain text too.
+    void rawText(const Request &req, Response &res, const Principal &who, bool reveal,
+                 bool numbered = false);
 
   private:
     void addSignInRoutes(RouteTable &table);
