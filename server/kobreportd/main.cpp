@@ -164,12 +164,11 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.limits.max_conns = static_cast<int>(n);
         else if (a == "--quota-per-address" && number(v, 1ull << 50, n))
             o.quotas.per_address_per_day = n;
-        else if (a == "--min-free-disk" && percent(v, o.quotas.min_free_disk))
-            continue;
         else if (a == "--max-db-size" && number(v, 1ull << 60, n))
             o.quotas.max_db_size = n;
-        else if (a == "--trusted-proxy" && o.proxies.add(v))
-            continue;
+        else if ((a == "--min-free-disk" && percent(v, o.quotas.min_free_disk)) ||
+                 (a == "--trusted-proxy" && o.proxies.add(v)))
+            continue; // taken where they are read
         else if (a == "--proxy-protocol" && std::string(v) == "intake")
             o.proxyIntake = true;
         else if (a == "--proxy-protocol" && std::string(v) == "staff")

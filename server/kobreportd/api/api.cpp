@@ -99,7 +99,8 @@ void Staff::addReportApi(RouteTable &table) {
             auto reveal = revealAsked(req, res, who);
             if (!reveal)
                 return;
-            auto s = store_.get(req.matches[1]);
+            auto loaded = load({req.matches[1]});
+            auto &s = loaded.reports[0];
             if (!s) {
                 jsonError(res, 404, "not found");
                 return;
@@ -128,8 +129,8 @@ void Staff::addReportApi(RouteTable &table) {
         });
     api(table, Method::Get, "/api/compare", Role::Viewer,
         [this](const Request &req, Response &res, const Principal &who) {
-            auto a = store_.get(req.param("a"));
-            auto b = store_.get(req.param("b"));
+            auto both = load({req.param("a"), req.param("b")});
+            auto &a = both.reports[0], &b = both.reports[1];
             if (!a || !b) {
                 jsonError(res, 404, "not found");
                 return;

@@ -117,11 +117,39 @@ MHD_Result collectArgument(void *cls, enum MHD_ValueKind, const char *key, const
     return MHD_YES;
 }
 
+// A streamed body's source, owned by the library's response until it is
+// freed.
+using Source = std::function<std::size_t(char *, std::size_t)>;
+
+ssize_t readSource(void *cls, uint64_t, char *buf, size_t max) {
+    try {
+        std::size_t n = (*static_cast<Source *>(cls))(buf, max);
+        return n ? static_cast<ssize_t>(n) : MHD_CONTENT_READER_END_OF_STREAM;
+    } catch (const std::exception &e) {
+        // Too late for an error status: the answer is cut short instead.
+        std::fprintf(stderr, "kobreportd: an answer was cut short: %s\n", e.what());
+        return MHD_CONTENT_READER_END_WITH_ERROR;
+    }
+}
+
+void freeSource(void *cls) {
+    delete static_cast<Source *>(cls);
+}
+
 MHD_Result queue(Impl &s, MHD_Connection *mc, Exchange &ex, Response &res) {
     ex.status = res.status;
     ex.conn->phase = Answering;
-    MHD_Response *r = MHD_create_response_from_buffer(
-        res.body.size(), const_cast<char *>(res.body.data()), MHD_RESPMEM_MUST_COPY);
+    MHD_Response *r = nullptr;
+    if (res.stream) {
+        auto *source = new Source(std::move(res.stream));
+        r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, readSource, source,
+                                              freeSource);
+        if (!r)
+            delete source;
+    } else {
+        r = MHD_create_response_from_buffer(res.body.size(), const_cast<char *>(res.body.data()),
+                                            MHD_RESPMEM_MUST_COPY);
+    }
     if (!r)
         return MHD_NO;
     for (const auto &[name, value] : s.opt.default_headers)

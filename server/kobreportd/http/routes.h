@@ -74,6 +74,9 @@ struct Response {
     // addresses left readable beside the operator's own.
     bool unmasked = false;
     std::set<std::string, std::less<>> keep;
+    // A body too large to hold: when set, it is sent in pieces as this
+    // gives them (at most `max` bytes each; 0 at the end) instead of body.
+    std::function<std::size_t(char *buf, std::size_t max)> stream;
 };
 
 // A plain-text answer.

@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "clock.h"
 #include "fleet.h"
 #include "kobtriage.h"
 #include "mask.h"
+#include "pack.h"
 
 namespace kobreportd {
 
@@ -57,6 +60,56 @@ int64_t Staff::pageNumber(const Request &req) {
 
 namespace {
 
+using Source = std::function<std::size_t(char *, std::size_t)>;
+
+// A streamed body passed through `each` a line at a time (a line longer
+// than 1 MiB in pieces of that size).  each appends what it makes of a
+// piece to out; atStart says whether the piece begins a line.
+Source byLines(Source inner,
+               std::function<void(std::string_view piece, bool atStart, std::string &out)> each) {
+    struct State {
+        Source inner;
+        std::function<void(std::string_view, bool, std::string &)> each;
+        std::string pending, out;
+        std::size_t given = 0;
+        bool atStart = true, done = false;
+    };
+    auto st =
+        std::make_shared<State>(State{std::move(inner), std::move(each), {}, {}, 0, true, false});
+    return [st](char *buf, std::size_t max) -> std::size_t {
+        constexpr std::size_t kPiece = 1u << 20;
+        while (st->out.size() - st->given < max && !st->done) {
+            if (st->given > 0) {
+                st->out.erase(0, st->given);
+                st->given = 0;
+            }
+            char chunk[64 * 1024];
+            std::size_t n = st->inner(chunk, sizeof chunk);
+            st->done = n == 0;
+            st->pending.append(chunk, n);
+            std::size_t from = 0;
+            for (;;) {
+                std::size_t nl = st->pending.find('\n', from);
+                std::size_t end = nl != std::string::npos               ? nl + 1
+                                  : st->done                            ? st->pending.size()
+                                  : st->pending.size() - from >= kPiece ? from + kPiece
+                                                                        : std::string::npos;
+                if (end == std::string::npos || end == from)
+                    break;
+                st->each(std::string_view(st->pending).substr(from, end - from), st->atStart,
+                         st->out);
+                st->atStart = st->pending[end - 1] == '\n';
+                from = end;
+            }
+            st->pending.erase(0, from);
+        }
+        std::size_t n = std::min(max, st->out.size() - st->given);
+        std::memcpy(buf, st->out.data() + st->given, n);
+        st->given += n;
+        return n;
+    };
+}
+
 // The one place the user's data is masked for the staff side: every page and
 // every JSON answer on its way out, the operator's targets left readable.
 void maskOnTheWayOut(Response &res) {
@@ -69,6 +122,14 @@ void maskOnTheWayOut(Response &res) {
         return addressesIn(names);
     }();
     res.keep.insert(operators.begin(), operators.end());
+    if (res.stream) {
+        // Addresses never span lines: the text is masked a line at a time.
+        res.stream = byLines(std::move(res.stream),
+                             [keep = res.keep](std::string_view piece, bool, std::string &out) {
+                                 out += maskAddresses(piece, keep);
+                             });
+        return;
+    }
     res.body = maskAddresses(res.body, res.keep);
 }
 
@@ -104,6 +165,37 @@ void Staff::show(Response &res, int status, const std::string &title, const Prin
     res.setContent(pages::frame(title, v, query, body), "text/html; charset=utf-8");
 }
 
+TextBudget::Hold TextBudget::take(uint64_t n) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    freed_.wait(lock, [&] { return used_ == 0 || used_ + n <= cap_; });
+    used_ += n;
+    return Hold(this, n);
+}
+
+void TextBudget::give(uint64_t n) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        used_ -= n;
+    }
+    freed_.notify_all();
+}
+
+Staff::Loaded Staff::load(std::initializer_list<std::string> references) {
+    Loaded l;
+    uint64_t bytes = 0;
+    for (const std::string &ref : references) {
+        l.reports.push_back(store_.get(ref, false));
+        bytes += l.reports.back() ? static_cast<uint64_t>(l.reports.back()->size) : 0;
+    }
+    l.hold = budget_.take(bytes);
+    for (auto &s : l.reports)
+        if (s && s->desc_packed) {
+            s->desc = unpack(s->desc, true, s->size);
+            s->desc_packed = false;
+        }
+    return l;
+}
+
 void Staff::keepTargets(const StoredReport &s, Response &res) {
     if (s.raw_expired)
         return; // its kept findings were masked when it expired
@@ -136,7 +228,8 @@ void Staff::notFound(Response &res, const Principal &who, const std::string &ref
 }
 
 void Staff::reportPage(const Request &req, Response &res, const Principal &who, bool reveal) {
-    auto s = store_.get(req.matches[1]);
+    auto loaded = load({req.matches[1]});
+    auto &s = loaded.reports[0];
     if (!s) {
         notFound(res, who, req.matches[1]);
         return;
@@ -151,32 +244,29 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
 
 namespace {
 
-// "  9| text", the numbers right-aligned to the widest.
-std::string numberedLines(std::string_view text) {
-    std::size_t lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-    if (!text.empty() && text.back() != '\n')
-        lines++;
-    int width = static_cast<int>(std::to_string(std::max<std::size_t>(lines, 1)).size());
-    std::string out;
-    out.reserve(text.size() + lines * static_cast<std::size_t>(width + 2));
-    char number[32];
-    std::size_t n = 0;
-    for (std::size_t at = 0; at < text.size();) {
-        std::size_t nl = text.find('\n', at);
-        std::size_t end = nl == std::string_view::npos ? text.size() : nl + 1;
-        int len = std::snprintf(number, sizeof number, "%*zu| ", width, ++n);
-        out.append(number, static_cast<std::size_t>(len));
-        out.append(text.substr(at, end - at));
-        at = end;
-    }
-    return out;
+// "9| text", each line after its number as the evidence gives it.
+Source numberedLines(Source text) {
+    return byLines(std::move(text), [n = std::size_t{0}](std::string_view piece, bool atStart,
+                                                         std::string &out) mutable {
+        if (atStart)
+            out += std::to_string(++n) + "| ";
+        out += piece;
+    });
+}
+
+// A stored text a piece at a time.
+Source storedText(std::shared_ptr<const std::string> stored, bool packed, int64_t size) {
+    auto reader = std::make_shared<TextReader>(std::move(stored), packed, size);
+    return [reader](char *buf, std::size_t max) { return reader->read(buf, max); };
 }
 
 } // namespace
 
 void Staff::rawText(const Request &req, Response &res, const Principal &who, bool reveal,
                     bool numbered) {
-    auto s = store_.get(req.matches[1]);
+    // Sent as it is read: a report of tens of megabytes is never whole in
+    // memory, nor its numbered or masked copies.
+    auto s = store_.get(req.matches[1], false);
     if (!s) {
         answer(res, 404, "Not found\n");
         return;
@@ -185,12 +275,29 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
         answer(res, 410, "The raw text of this report has expired\n");
         return;
     }
+    auto stored = std::make_shared<const std::string>(std::move(s->desc));
+    Source text = storedText(stored, s->desc_packed, s->size);
     audit_.record(who.account, req.client_address, reveal ? "report.raw.revealed" : "report.raw",
                   s->reference);
     res.unmasked = reveal;
-    keepTargets(*s, res);
-    res.setContent(numbered ? numberedLines(s->desc) : std::move(s->desc),
-                   "text/plain; charset=utf-8");
+    if (!reveal) {
+        // The run's targets, which stay readable, are named before its
+        // captures and logs: its first megabytes tell them.
+        std::string head(static_cast<std::size_t>(std::min<int64_t>(s->size, 8 << 20)), '\0');
+        Source first = storedText(stored, s->desc_packed, s->size);
+        std::size_t got = 0;
+        for (std::size_t n; got < head.size() && (n = first(head.data() + got, head.size() - got));)
+            got += n;
+        head.resize(got);
+        AddressSet targets;
+        {
+            auto hold = budget_.take(head.size());
+            targets = targetAddresses(kobtriage::parse(head));
+        }
+        res.keep.insert(targets.begin(), targets.end());
+    }
+    res.stream = numbered ? numberedLines(std::move(text)) : std::move(text);
+    res.setHeader("Content-Type", "text/plain; charset=utf-8");
 }
 
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
@@ -425,8 +532,8 @@ void Staff::addFleetPages(RouteTable &table) {
          });
     page(table, Method::Get, "/compare", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
-             auto a = store_.get(req.param("a"));
-             auto b = store_.get(req.param("b"));
+             auto both = load({req.param("a"), req.param("b")});
+             auto &a = both.reports[0], &b = both.reports[1];
              if (!a || !b) {
                  notFound(res, who, !a ? req.param("a") : req.param("b"));
                  return;

@@ -6,6 +6,10 @@
 #ifndef KOBREPORTD_STAFF_H
 #define KOBREPORTD_STAFF_H
 
+#include <cstdint>
+#include <utility>
+#include <mutex>
+#include <condition_variable>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +32,41 @@ struct StaffOptions {
 // The protective headers of every staff answer; secure: browsers reach the
 // staff side over HTTPS (its own TLS, or a proxy's at the public URL).
 std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure);
+
+// How much report text the staff side holds at once for the pages being
+// made: a view of a large report waits while others hold the rest, so that
+// several at once cannot take the server's memory.  A text larger than the
+// whole budget waits until nothing else is held.
+class TextBudget {
+  public:
+    explicit TextBudget(uint64_t bytes) : cap_(bytes) {}
+    class Hold {
+      public:
+        Hold() = default;
+        Hold(TextBudget *b, uint64_t n) : budget_(b), n_(n) {}
+        Hold(Hold &&o) noexcept : budget_(std::exchange(o.budget_, nullptr)), n_(o.n_) {}
+        Hold &operator=(Hold &&o) noexcept {
+            std::swap(budget_, o.budget_);
+            std::swap(n_, o.n_);
+            return *this;
+        }
+        ~Hold() {
+            if (budget_)
+                budget_->give(n_);
+        }
+
+      private:
+        TextBudget *budget_ = nullptr;
+        uint64_t n_ = 0;
+    };
+    Hold take(uint64_t n);
+
+  private:
+    void give(uint64_t n);
+    uint64_t cap_, used_ = 0;
+    std::mutex mutex_;
+    std::condition_variable freed_;
+};
 
 class Staff {
   public:
@@ -74,6 +113,14 @@ class Staff {
     void accountsPage(Response &res, const Principal &who, const std::string &msg,
                       const std::optional<std::string> &token = std::nullopt, int status = 200);
     std::string reportJson(const StoredReport &s);
+    // Reports with their texts, once the budget has room for all of them
+    // (taken at once: a second take while holding the first could wait
+    // for ever).
+    struct Loaded {
+        std::vector<std::optional<StoredReport>> reports;
+        TextBudget::Hold hold;
+    };
+    Loaded load(std::initializer_list<std::string> references);
 
     Store &store_;
     Accounts &accounts_;
@@ -82,6 +129,7 @@ class Staff {
     const Guard &guard_;
     bool tls_;
     int retainDays_;
+    TextBudget budget_{uint64_t{64} << 20};
 };
 
 } // namespace kobreportd

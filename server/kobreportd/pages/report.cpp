@@ -21,11 +21,12 @@ namespace {
 // A report page stays light whatever the report's size: these bound what
 // it shows of the report's own text, in bytes of page.
 constexpr std::size_t kEvidenceLines = 20, kEvidenceLineBytes = 512;
-constexpr std::size_t kLogEnds = 64 * 1024;          // each log's start and end
-constexpr std::size_t kCaptureBytes = 64 * 1024;     // each capture's start
-constexpr std::size_t kCapturesBytes = 512 * 1024;   // all captures
-constexpr std::size_t kUnknownBytes = 256 * 1024;    // all sections not understood
-constexpr std::size_t kInlineRawBytes = 1024 * 1024; // a whole report shown as it came
+constexpr std::size_t kKiB = 1024;
+constexpr std::size_t kLogEnds = 64 * kKiB;          // each log's start and end
+constexpr std::size_t kCaptureBytes = 64 * kKiB;     // each capture's start
+constexpr std::size_t kCapturesBytes = 512 * kKiB;   // all captures
+constexpr std::size_t kUnknownBytes = 256 * kKiB;    // all sections not understood
+constexpr std::size_t kInlineRawBytes = 1024 * kKiB; // a whole report shown as it came
 
 std::string ms(double v) {
     char buf[32];

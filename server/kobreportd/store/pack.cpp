@@ -1,5 +1,7 @@
 #include "pack.h"
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <zstd.h>
 
@@ -37,6 +39,46 @@ std::string unpack(const std::string &stored, bool packed, int64_t size) {
     if (ZSTD_isError(n) || n != want)
         throw StoreError("a stored report is damaged: its text does not decompress");
     return text;
+}
+
+TextReader::TextReader(std::shared_ptr<const std::string> stored, bool packed, int64_t size)
+    : stored_(std::move(stored)), packed_(packed), size_(static_cast<uint64_t>(size)) {
+    if (!packed_)
+        return;
+    // A frame that does not say it holds this many bytes is refused before
+    // anything of it is sent.
+    if (ZSTD_getFrameContentSize(stored_->data(), stored_->size()) != size_)
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    if (!(stream_ = ZSTD_createDStream()))
+        throw StoreError("cannot read the report: out of memory");
+}
+
+TextReader::~TextReader() {
+    ZSTD_freeDStream(static_cast<ZSTD_DStream *>(stream_));
+}
+
+std::size_t TextReader::read(char *buf, std::size_t max) {
+    const char *damaged = "a stored report is damaged: its text does not decompress";
+    if (!packed_) {
+        std::size_t n = std::min(max, stored_->size() - in_);
+        std::memcpy(buf, stored_->data() + in_, n);
+        in_ += n;
+        return n;
+    }
+    ZSTD_outBuffer out{buf, max, 0};
+    while (out.pos == 0) {
+        ZSTD_inBuffer in{stored_->data(), stored_->size(), in_};
+        size_t rc = ZSTD_decompressStream(static_cast<ZSTD_DStream *>(stream_), &out, &in);
+        in_ = in.pos;
+        if (ZSTD_isError(rc))
+            throw StoreError(damaged);
+        if (out.pos == 0 && (rc == 0 || in_ == stored_->size()))
+            break; // the frame's end, or all of it read
+    }
+    given_ += out.pos;
+    if (given_ > size_ || (out.pos == 0 && given_ != size_))
+        throw StoreError(damaged);
+    return out.pos;
 }
 
 std::string unpackFrame(const std::string &stored, uint64_t limit) {

@@ -5,8 +5,10 @@
 #define KOBREPORTD_PACK_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <cstddef>
 
 namespace kobreportd {
 
@@ -17,6 +19,26 @@ std::string pack(std::string_view text);
 // packed.  Throws StoreError when a frame does not give back exactly that
 // size, rather than show a damaged text as something it is not.
 std::string unpack(const std::string &stored, bool packed, int64_t size);
+
+// A stored report's text a piece at a time, never whole in memory.
+// read() gives at most max bytes, 0 at the end; it throws StoreError when
+// the frame is damaged or does not give back exactly `size` bytes.
+class TextReader {
+  public:
+    // Several readers may share one stored text.
+    TextReader(std::shared_ptr<const std::string> stored, bool packed, int64_t size);
+    ~TextReader();
+    TextReader(const TextReader &) = delete;
+    TextReader &operator=(const TextReader &) = delete;
+    std::size_t read(char *buf, std::size_t max);
+
+  private:
+    std::shared_ptr<const std::string> stored_;
+    bool packed_;
+    uint64_t size_, given_ = 0;
+    std::size_t in_ = 0;
+    void *stream_ = nullptr; // ZSTD_DStream
+};
 
 // A frame that names its own size, as pack() makes them, of at most
 // `limit` bytes.  Throws StoreError as unpack() does.

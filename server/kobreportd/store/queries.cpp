@@ -28,7 +28,7 @@ ListItem listItem(const sql::Rows &r, size_t i) {
     return it;
 }
 
-StoredReport storedReport(const sql::Rows &r, size_t i) {
+StoredReport storedReport(const sql::Rows &r, size_t i, bool unpackText) {
     StoredReport s;
     ListItem it = listItem(r, i);
     s.id = r.integer(i, "id");
@@ -44,7 +44,12 @@ StoredReport storedReport(const sql::Rows &r, size_t i) {
     auto packed = r.opt(i, "findings_zstd");
     s.findings = packed && !packed->empty() ? unpackFrame(*packed, uint64_t{256} << 20)
                                             : r.str(i, "findings");
-    s.desc = unpack(r.str(i, "desc"), r.integer(i, "desc_zstd") != 0, s.size);
+    s.desc_packed = r.integer(i, "desc_zstd") != 0;
+    s.desc = r.str(i, "desc");
+    if (unpackText && s.desc_packed) {
+        s.desc = unpack(s.desc, true, s.size);
+        s.desc_packed = false;
+    }
     return s;
 }
 
@@ -54,7 +59,7 @@ Store::Store(sql::Db &db) : db_(db) {
     kobreportd::migrate(db_);
 }
 
-std::optional<StoredReport> Store::get(const std::string &reference) {
+std::optional<StoredReport> Store::get(const std::string &reference, bool unpackText) {
     if (!plausibleReference(reference))
         return std::nullopt;
     auto rows =
@@ -64,7 +69,7 @@ std::optional<StoredReport> Store::get(const std::string &reference) {
                  {sql::text(reference)});
     if (rows.empty())
         return std::nullopt;
-    return storedReport(rows, 0);
+    return storedReport(rows, 0, unpackText);
 }
 
 ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {

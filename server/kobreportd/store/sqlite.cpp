@@ -329,7 +329,10 @@ void keepPrivate(const std::string &path) {
 } // namespace
 
 std::unique_ptr<Db> openSqlite(const std::string &path) {
-    keepPrivate(path);
+    // A database in memory has no file to keep private (and must not get
+    // one named after it).
+    if (path != ":memory:" && path.rfind("file:", 0) != 0)
+        keepPrivate(path);
     return std::make_unique<SqliteDb>(path);
 }
 

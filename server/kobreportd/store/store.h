@@ -46,6 +46,7 @@ struct StoredReport {
     bool raw_expired = false; // desc, why and peer are gone; findings remain
     std::string findings;     // JSON, kept when the raw text expires
     int64_t size = 0;
+    bool desc_packed = false; // desc is still the stored zstd frame
 };
 
 struct ListItem {
@@ -73,7 +74,9 @@ class Store {
     // committed together in the next transaction: one sync to disk for
     // all of them, and none returns before its commit.
     std::string insert(const NewReport &r);
-    std::optional<StoredReport> get(const std::string &reference);
+    // unpackText false leaves desc as stored (see desc_packed), for
+    // reading it a piece at a time with a TextReader.
+    std::optional<StoredReport> get(const std::string &reference, bool unpackText = true);
     // Newest first.  query matches a reference (whole or its beginning) or
     // part of a user name, without regard to case.
     ListPage list(const std::string &query, int64_t offset, int64_t limit);
