@@ -72,6 +72,20 @@ Certificate selfSigned(const std::string &dir) {
     return c;
 }
 
+std::string publicKeyHash(const Certificate &c) {
+    std::string pem = c.cert + ".pub.pem", der = c.cert + ".pub.der", hash = c.cert + ".sha256";
+    auto run = [](const std::vector<std::string> &argv) {
+        auto r = kobtest::runProgram(argv);
+        if (!r.exited(0))
+            throw std::runtime_error("openssl " + argv[1] + ": " + r.err);
+        return r.out;
+    };
+    kobtest::writeFile(pem, run({kOpenssl, "x509", "-in", c.cert, "-pubkey", "-noout"}));
+    run({kOpenssl, "pkey", "-pubin", "-in", pem, "-outform", "der", "-out", der});
+    run({kOpenssl, "dgst", "-sha256", "-binary", "-out", hash, der});
+    return run({kOpenssl, "base64", "-A", "-in", hash});
+}
+
 Proxy::Proxy(const std::string &dir, const std::string &sitePath, const Ports &ports,
              const Certificate &certificate) {
     std::ostringstream conf;

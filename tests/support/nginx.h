@@ -25,6 +25,10 @@ struct Certificate {
     std::string cert, key;
 };
 Certificate selfSigned(const std::string &dir);
+// The SHA-256 of the certificate's public key, in base64, as Chromium's
+// --ignore-certificate-errors-spki-list takes it: that key alone is
+// trusted without a CA.
+std::string publicKeyHash(const Certificate &c);
 
 // The example site's ports, replaced: where nginx listens for the intake
 // (its port 80) and for the staff side (its port 443, TLS), and
