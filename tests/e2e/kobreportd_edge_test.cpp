@@ -401,7 +401,7 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "                  [--max-conns-per-address N] [--max-conns N]\n"
         "                  [--quota-per-address BYTES] [--min-free-disk PERCENT]\n"
         "                  [--max-db-size BYTES] [--trusted-proxy CIDR]...\n"
-        "                  [--proxy-protocol intake|staff]...\n"
+        "                  [--proxy-protocol intake|staff]... [--public-url URL]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"

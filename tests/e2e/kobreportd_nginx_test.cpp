@@ -93,7 +93,7 @@ class Browser {
 };
 
 // kobreportd and nginx in front of it, both on free loopback ports.
-class Behind : public ::testing::Test {
+class BehindNginx : public ::testing::Test {
   protected:
     void SetUp() override {
         if (std::string why = nginx::missing(); !why.empty())
@@ -193,7 +193,7 @@ reportd::Response headOnly(const std::string &source, int port, const std::strin
 
 } // namespace
 
-TEST_F(Behind, AnUploadThroughNginxIsStoredWithTheUsersAddress) {
+TEST_F(BehindNginx, AnUploadThroughNginxIsStoredWithTheUsersAddress) {
     auto r = uploadFrom("127.0.0.2", ports.intake, "through nginx\n");
     ASSERT_EQ(r.status, 200) << r.raw << proxy->log();
     std::string ref = reportd::reference(r);
@@ -231,7 +231,7 @@ TEST_F(Behind, AnUploadThroughNginxIsStoredWithTheUsersAddress) {
     EXPECT_EQ(reportd::sqliteValue(db, "SELECT count(*) FROM reports"), "2");
 }
 
-TEST_F(Behind, WrongPasswordsFromOneClientDoNotLockOutAnother) {
+TEST_F(BehindNginx, WrongPasswordsFromOneClientDoNotLockOutAnother) {
     ASSERT_EQ(server->addUser("olga", "viewer", "password of olga").status, 0);
     Browser mallory = from("127.0.0.2");
     ASSERT_EQ(mallory.get("/kob/signin")->status, 200);
@@ -265,7 +265,7 @@ TEST_F(Behind, WrongPasswordsFromOneClientDoNotLockOutAnother) {
               "127.0.0.2");
 }
 
-TEST_F(Behind, TheStaffSideWorksUnderThePrefix) {
+TEST_F(BehindNginx, TheStaffSideWorksUnderThePrefix) {
     std::string ref = reportd::reference(uploadFrom("127.0.0.2", ports.intake, "a report\n"));
     ASSERT_FALSE(ref.empty());
     std::string other = reportd::reference(uploadFrom("127.0.0.2", ports.intake, "another\n"));
