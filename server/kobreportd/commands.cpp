@@ -36,7 +36,8 @@ int usage() {
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
-        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n");
+        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n"
+        "       kobreportd --version\n");
     return 1;
 }
 

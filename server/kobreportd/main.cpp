@@ -22,6 +22,7 @@
 #include "fleet.h"
 #include "intake.h"
 #include "metrics.h"
+#include "migrations.h"
 #include "proxies.h"
 #include "public_url.h"
 #include "quotas.h"
@@ -233,11 +234,22 @@ ServerOptions staffOptions(const Settings &o, const std::string &host, int port,
     return so;
 }
 
+// Each request of a listener, counted under its route's pattern.
+std::function<void(const Route *, int, double)> observer(Metrics &metrics, const char *listener) {
+    return [&metrics, listener](const Route *route, int status, double seconds) {
+        metrics.request(listener, route ? route->pattern : "", status, seconds);
+    };
+}
+
 } // namespace
 
 int main(int argc, char *argv[]) {
     if (argc == 2 && std::string(argv[1]) == "routes")
         return printRoutes();
+    if (argc == 2 && std::string(argv[1]) == "--version") {
+        std::printf("kobreportd %s (database layout %d)\n", KOB_VERSION, currentLayout());
+        return 0;
+    }
     if (argc > 1 && argv[1][0] != '-')
         return command(std::vector<std::string>(argv + 1, argv + argc));
 
@@ -297,18 +309,20 @@ int main(int argc, char *argv[]) {
     std::unique_ptr<Accounts> accounts;
     std::unique_ptr<RetentionTask> retention;
     std::unique_ptr<Quotas> quotas;
+    Metrics metrics;
     try {
         database = openDatabase(db);
         store = std::make_unique<Store>(*database);
         audit = std::make_unique<Audit>(*database);
         accounts = std::make_unique<Accounts>(*database, *audit);
-        retention = std::make_unique<RetentionTask>(*store, *audit, staff.retain_days);
+        retention = std::make_unique<RetentionTask>(*store, *audit, staff.retain_days, &metrics);
         quotas = std::make_unique<Quotas>(o.quotas, diskProbe(*database, db));
+        metrics.setBuild(KOB_VERSION, currentLayout());
+        metrics.setStoreSize([probe = diskProbe(*database, db)] { return probe().db_bytes; });
     } catch (const StoreError &e) {
         return fail(e.what());
     }
 
-    Metrics metrics;
     AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
     Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());
@@ -319,6 +333,7 @@ int main(int argc, char *argv[]) {
     staffSide.addApiRoutes(table);
 
     ServerOptions io = intakeOptions(o, host, port, intake);
+    io.observed = observer(metrics, "intake");
     HttpServer intakeServer(table, nullptr, io);
     std::string error;
     if (!intakeServer.start(error))
@@ -327,6 +342,7 @@ int main(int argc, char *argv[]) {
     std::unique_ptr<HttpServer> staffServer;
     if (!staffListen.empty()) {
         ServerOptions so = staffOptions(o, staffHost, staffPort, guard.secure());
+        so.observed = observer(metrics, "staff");
         so.tls_cert_pem = certPem;
         so.tls_key_pem = keyPem;
         staffServer = std::make_unique<HttpServer>(table, &guard, so);

@@ -162,6 +162,23 @@ bool maskToken(std::string_view tok, const AddressSet &keep, std::string &out, s
 
 } // namespace
 
+AddressSet addressesIn(const std::vector<std::string> &texts) {
+    AddressSet out;
+    for (const std::string &t : texts) {
+        for (std::string_view word : split(t, ' ')) {
+            // A port after an IPv4 address goes; an IPv6 one keeps its colons.
+            if (auto colon = word.rfind(':');
+                colon != std::string_view::npos && isIpv4(word.substr(0, colon)))
+                word = word.substr(0, colon);
+            struct in6_addr a6 {};
+            std::string w(word);
+            if (isIpv4(word) || inet_pton(AF_INET6, w.c_str(), &a6) == 1)
+                out.insert(w);
+        }
+    }
+    return out;
+}
+
 AddressSet targetAddresses(const kobtriage::Report &report) {
     AddressSet keep;
     auto add = [&keep](const std::string &a) {

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kobtriage.h"
 
@@ -31,6 +32,10 @@ AddressSet targetAddresses(const kobtriage::Report &report);
 // without a length ("10.0.1" in a route list) read as a version number and
 // stay.
 std::string maskAddresses(std::string_view text, const AddressSet &keep);
+
+// The addresses written in texts such as "traceroute to 192.0.2.2" or
+// "10.243.160.1:8081".
+AddressSet addressesIn(const std::vector<std::string> &texts);
 
 // The report text as a viewer sees it: masked, the targets kept.
 std::string maskReport(std::string_view text);

@@ -1,5 +1,6 @@
 #include "metrics.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -14,10 +15,56 @@ namespace kobreportd {
 
 namespace {
 
+// The shortest decimal that reads back as v: "0.005", not
+// "0.0050000000000000001", so that le="0.005" matches.
 std::string number(double v) {
     char buf[64];
-    std::snprintf(buf, sizeof buf, "%.17g", v);
-    return buf;
+    auto r = std::to_chars(buf, buf + sizeof buf, v);
+    return std::string(buf, r.ptr);
+}
+
+// A label's value in the text format: backslash, quote and line feed
+// escaped.
+std::string labelValue(const std::string &v) {
+    std::string out;
+    for (char c : v) {
+        if (c == '\\' || c == '"')
+            out += '\\';
+        if (c == '\n') {
+            out += "\\n";
+            continue;
+        }
+        out += c;
+    }
+    return out;
+}
+
+// When this process started, seconds since the epoch: the boot time plus
+// the start's clock ticks after it, both fixed, so that every scrape says
+// the same.
+double processStart() {
+    static const double start = [] {
+        long ticks = sysconf(_SC_CLK_TCK);
+        std::ifstream statFile("/proc/self/stat");
+        std::string stat((std::istreambuf_iterator<char>(statFile)),
+                         std::istreambuf_iterator<char>());
+        auto close = stat.rfind(')');
+        std::ifstream boot("/proc/stat");
+        double btime = -1;
+        for (std::string key; boot >> key;)
+            if (key == "btime") {
+                boot >> btime;
+                break;
+            }
+        if (close == std::string::npos || ticks <= 0 || btime < 0)
+            return static_cast<double>(std::time(nullptr));
+        std::istringstream in(stat.substr(close + 2));
+        std::string f[20];
+        for (auto &x : f)
+            in >> x;
+        return btime + std::stod(f[19]) / static_cast<double>(ticks);
+    }();
+    return start;
 }
 
 void header(std::string &out, const char *name, const char *help, const char *type) {
@@ -53,14 +100,9 @@ std::string processText() {
         sample(out, "process_virtual_memory_bytes", std::stod(f[20]));
         header(out, "process_resident_memory_bytes", "Resident memory size in bytes.", "gauge");
         sample(out, "process_resident_memory_bytes", std::stod(f[21]) * static_cast<double>(page));
-        std::ifstream up("/proc/uptime");
-        double uptime = 0;
-        up >> uptime;
-        double started = static_cast<double>(std::time(nullptr)) - uptime +
-                         std::stod(f[19]) / static_cast<double>(ticks);
         header(out, "process_start_time_seconds",
                "Start time of the process since unix epoch in seconds.", "gauge");
-        sample(out, "process_start_time_seconds", started);
+        sample(out, "process_start_time_seconds", processStart());
     }
     int fds = 0;
     std::error_code ec;
@@ -91,15 +133,80 @@ void Histogram::observe(double seconds) {
 std::string Histogram::text(const char *name, const char *help) const {
     std::string out;
     header(out, name, help, "histogram");
+    return out + lines(name, "");
+}
+
+std::string Histogram::lines(const char *name, const std::string &labels) const {
+    std::string out, braces = labels.empty() ? "" : "{" + labels + "}";
+    std::string before = labels.empty() ? "" : labels + ",";
     uint64_t cumulative = 0;
     for (size_t i = 0; i <= kBounds.size(); i++) {
         cumulative += counts_[i];
-        out += std::string(name) + "_bucket{le=\"" +
+        out += std::string(name) + "_bucket{" + before + "le=\"" +
                (i < kBounds.size() ? number(kBounds[i]) : std::string("+Inf")) + "\"} " +
                std::to_string(cumulative) + "\n";
     }
-    out += std::string(name) + "_sum " + number(static_cast<double>(micros_) / 1e6) + "\n";
-    out += std::string(name) + "_count " + std::to_string(cumulative) + "\n";
+    out += std::string(name) + "_sum" + braces + " " + number(static_cast<double>(micros_) / 1e6) +
+           "\n";
+    out += std::string(name) + "_count" + braces + " " + std::to_string(cumulative) + "\n";
+    return out;
+}
+
+void Metrics::setBuild(std::string version, int layout) {
+    version_ = std::move(version);
+    layout_ = layout;
+}
+
+void Metrics::setStoreSize(std::function<std::optional<uint64_t>()> size) {
+    storeSize_ = std::move(size);
+}
+
+void Metrics::request(const char *listener, const std::string &route, int code, double seconds) {
+    std::lock_guard<std::mutex> lock(requestsMutex_);
+    requests_[{listener, route, code}]++;
+    requestDurations_[listener].observe(seconds);
+}
+
+void Metrics::retention(std::time_t at, int64_t n) {
+    retentionAt_ = at;
+    expired_ += static_cast<uint64_t>(n);
+}
+
+std::string Metrics::serverText() const {
+    std::string out;
+    header(out, "kobreportd_build_info", "The version of kobreportd and its database layout.",
+           "gauge");
+    out += "kobreportd_build_info{version=\"" + labelValue(version_) + "\",layout=\"" +
+           std::to_string(layout_) + "\"} 1\n";
+    header(out, "kobreportd_uploads_in_flight", "Uploads admitted and not yet answered.", "gauge");
+    sample(out, "kobreportd_uploads_in_flight", static_cast<double>(inflight_));
+    {
+        std::lock_guard<std::mutex> lock(requestsMutex_);
+        header(out, "kobreportd_http_requests_total",
+               "Requests answered, by listener, route pattern and HTTP status (0: none).",
+               "counter");
+        for (const auto &[key, n] : requests_)
+            out += "kobreportd_http_requests_total{listener=\"" + std::get<0>(key) + "\",route=\"" +
+                   labelValue(std::get<1>(key)) + "\",code=\"" + std::to_string(std::get<2>(key)) +
+                   "\"} " + std::to_string(n) + "\n";
+        header(out, "kobreportd_http_request_duration_seconds",
+               "Time from a request's head to its answer, by listener.", "histogram");
+        for (const auto &[listener, h] : requestDurations_)
+            out += h.lines("kobreportd_http_request_duration_seconds",
+                           "listener=\"" + listener + "\"");
+    }
+    header(out, "kobreportd_retention_last_run_timestamp_seconds",
+           "When retention last ran (0: not since the start).", "gauge");
+    sample(out, "kobreportd_retention_last_run_timestamp_seconds",
+           static_cast<double>(retentionAt_));
+    header(out, "kobreportd_retention_expired_reports_total",
+           "Reports whose raw text retention expired since the start.", "counter");
+    sample(out, "kobreportd_retention_expired_reports_total", static_cast<double>(expired_));
+    if (auto size = storeSize_ ? storeSize_() : std::nullopt) {
+        header(out, "kobreportd_database_size_bytes",
+               "The database's size on disk, with its write-ahead log.", "gauge");
+        sample(out, "kobreportd_database_size_bytes", static_cast<double>(*size));
+    }
     return out;
 }
 
@@ -142,7 +249,7 @@ std::string Metrics::text() const {
     header(out, "kobreportd_alerts_raised_total", "Alerts raised by this instance since the start.",
            "counter");
     sample(out, "kobreportd_alerts_raised_total", static_cast<double>(alerts_));
-    return out + processText();
+    return out + serverText() + processText();
 }
 
 } // namespace kobreportd

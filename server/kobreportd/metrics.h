@@ -9,7 +9,13 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <tuple>
 
 namespace kobreportd {
 
@@ -21,6 +27,8 @@ class Histogram {
     void observe(double seconds);
     // The histogram's lines for name, with HELP and TYPE.
     std::string text(const char *name, const char *help) const;
+    // Its lines alone, with labels ("listener=\"staff\"") beside le.
+    std::string lines(const char *name, const std::string &labels) const;
 
   private:
     std::array<std::atomic<uint64_t>, kBounds.size() + 1> counts_{};
@@ -29,6 +37,18 @@ class Histogram {
 
 class Metrics {
   public:
+    // What the server is: build_info's labels.
+    void setBuild(std::string version, int layout);
+    // The database's bytes on disk (with its log), read at each scrape;
+    // nothing when it cannot tell.
+    void setStoreSize(std::function<std::optional<uint64_t>()> size);
+    // One request of either listener that got an answer (or none: code 0),
+    // under its route's pattern ("" for no route).
+    void request(const char *listener, const std::string &route, int code, double seconds);
+    // Uploads between their admission and their answer.
+    void inflight(int delta) { inflight_ += delta; }
+    // A pass of retention that expired n reports.
+    void retention(std::time_t at, int64_t n);
     // One upload that got an answer.
     void upload(int status, uint64_t bytes, double seconds);
     // One upload turned away before its body, for one of kRefusals.
@@ -45,11 +65,21 @@ class Metrics {
 
   private:
     // Answers that an upload can get, in this order.
+    std::string serverText() const;
     static constexpr std::array<int, 9> kCodes = {200, 400, 404, 405, 408, 413, 429, 500, 503};
     std::array<std::atomic<uint64_t>, kCodes.size() + 1> uploads_{}; // the last: any other
     std::array<std::atomic<uint64_t>, kRefusals.size()> refusals_{};
-    std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0};
+    std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0}, expired_{0};
+    std::atomic<int64_t> inflight_{0}, retentionAt_{0};
     Histogram duration_, triage_;
+    std::string version_ = "unknown";
+    int layout_ = 0;
+    std::function<std::optional<uint64_t>()> storeSize_;
+    // Requests by listener, route and code; the routes are the table's
+    // patterns and the codes a handful, so this stays small.
+    mutable std::mutex requestsMutex_;
+    std::map<std::tuple<std::string, std::string, int>, uint64_t> requests_;
+    std::map<std::string, Histogram> requestDurations_; // by listener
 };
 
 } // namespace kobreportd

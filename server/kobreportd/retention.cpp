@@ -18,14 +18,20 @@ int64_t expireOldReports(Store &store, Audit &audit, int days, const char *who) 
     return n;
 }
 
-RetentionTask::RetentionTask(Store &store, Audit &audit, int days)
-    : store_(store), audit_(audit), days_(days) {
+RetentionTask::RetentionTask(Store &store, Audit &audit, int days, Metrics *metrics)
+    : store_(store), audit_(audit), days_(days), metrics_(metrics) {
     if (days_ <= 0)
         return;
     // The first pass is done before the server takes requests, so that
     // nothing past its time is shown after a long stop.
-    expireOldReports(store_, audit_, days_, "kobreportd");
+    pass();
     thread_ = std::thread([this] { run(); });
+}
+
+void RetentionTask::pass() {
+    int64_t n = expireOldReports(store_, audit_, days_, "kobreportd");
+    if (metrics_)
+        metrics_->retention(now(), n);
 }
 
 RetentionTask::~RetentionTask() {
@@ -43,7 +49,7 @@ void RetentionTask::run() {
     while (!wake_.wait_for(lock, std::chrono::hours(1), [this] { return stop_; })) {
         lock.unlock();
         try {
-            expireOldReports(store_, audit_, days_, "kobreportd");
+            pass();
         } catch (const StoreError &e) {
             std::fprintf(stderr, "kobreportd: retention pass failed: %s\n", e.what());
         }

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "audit.h"
+#include "metrics.h"
 #include "store.h"
 
 namespace kobreportd {
@@ -22,16 +23,19 @@ int64_t expireOldReports(Store &store, Audit &audit, int days, const char *who);
 // everything.
 class RetentionTask {
   public:
-    RetentionTask(Store &store, Audit &audit, int days);
+    // metrics, when given, hears of every pass.
+    RetentionTask(Store &store, Audit &audit, int days, Metrics *metrics = nullptr);
     ~RetentionTask();
     RetentionTask(const RetentionTask &) = delete;
     RetentionTask &operator=(const RetentionTask &) = delete;
 
   private:
     void run();
+    void pass();
     Store &store_;
     Audit &audit_;
     int days_;
+    Metrics *metrics_;
     std::mutex mutex_;
     std::condition_variable wake_;
     bool stop_ = false;

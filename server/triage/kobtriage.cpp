@@ -396,13 +396,14 @@ void Parser::parseLogs(sv region) {
             auto at = static_cast<std::size_t>(part.data() - text_.data());
             return sourceLine(counter_.at(at), part.substr(0, part.find('\n')));
         };
-        auto content = [](ClientLog &log, sv text) {
+        auto content = [this](ClientLog &log, sv text) {
             if (text == "Empty file.\n") {
                 log.state = ClientLog::State::Empty;
             } else {
                 log.state = ClientLog::State::Present;
                 log.text = std::string(text.substr(0, kLogSampleMax));
                 log.size = text.size();
+                log.offset = static_cast<std::size_t>(text.data() - text_.data());
             }
         };
         // The stderr part starts at its label or at its "No ... exists" line.

@@ -106,9 +106,10 @@ struct ClientLog {
     std::string stream;  // stdout, stderr
     std::string file;
     State state = State::NotShown;
-    std::string text;     // the log's beginning as the report shows it (kLogSampleMax)
-    std::size_t size = 0; // the whole log's
-    SourceLine label;     // "[STDOUT]", "[STDERR]" or the "No ... exists" line
+    std::string text;       // the log's beginning as the report shows it (kLogSampleMax)
+    std::size_t size = 0;   // the whole log's
+    std::size_t offset = 0; // where its text starts in the report, in bytes
+    SourceLine label;       // "[STDOUT]", "[STDERR]" or the "No ... exists" line
 };
 
 // A heading the parser does not know, or text outside any heading.

@@ -20,25 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A connection to 127.0.0.1:port from the loopback address given; -1 when
-// it cannot be made.
-int connectFrom(const std::string &source, int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in from {};
-    from.sin_family = AF_INET;
-    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
-    struct sockaddr_in to {};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
-        connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 bool sendAll(int fd, const std::string &s) {
     for (size_t off = 0; off < s.size();) {
         ssize_t n = send(fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
@@ -208,7 +189,7 @@ TEST_F(Edge, HeadFieldsThatRfc9112RefusesAre400AndContentCodingsAre415) {
 TEST_F(Edge, AnUploadIsCountedAsReceivedNotAsClaimed) {
     reportd::Server s(KOBREPORTD_BIN, db);
     std::string head = reportgen::head("h", 50000);
-    int fd = connectFrom("127.0.0.1", s.port());
+    int fd = reportd::connectFrom("127.0.0.1", s.port());
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(sendAll(fd, head + std::string(1000, 'x')));
     shutdown(fd, SHUT_WR);
@@ -228,7 +209,7 @@ TEST_F(Edge, ConnectionsBeyondTheAddressCapGet503AtOnceAndOthersAreServed) {
         SCOPED_TRACE(port);
         std::vector<int> held;
         for (int i = 0; i < 3; i++) {
-            held.push_back(connectFrom("127.0.0.3", port));
+            held.push_back(reportd::connectFrom("127.0.0.3", port));
             ASSERT_GE(held.back(), 0);
             // Each is accepted before the next comes: its first byte is in.
             ASSERT_TRUE(sendAll(held.back(), "G"));
@@ -263,7 +244,7 @@ TEST_F(Edge, ConnectionsBeyondTheGlobalCapGet503AtOnce) {
     reportd::Server s(KOBREPORTD_BIN, db, {"--max-conns", "10", "--max-conns-per-address", "100"});
     std::vector<int> held;
     for (int i = 0; i < 10; i++) {
-        held.push_back(connectFrom("127.0.0." + std::to_string(10 + i), s.port()));
+        held.push_back(reportd::connectFrom("127.0.0." + std::to_string(10 + i), s.port()));
         ASSERT_GE(held.back(), 0);
         ASSERT_TRUE(sendAll(held.back(), "G"));
     }
@@ -286,7 +267,7 @@ TEST_F(Edge, ConnectionsBeyondTheGlobalCapGet503AtOnce) {
 
 TEST_F(Edge, AConnectionThatSaysNothingIsClosedAfterTheReadTimeout) {
     reportd::Server s(KOBREPORTD_BIN, db, {"--read-timeout", "1"});
-    int fd = connectFrom("127.0.0.1", s.port());
+    int fd = reportd::connectFrom("127.0.0.1", s.port());
     ASSERT_GE(fd, 0);
     auto t0 = Clock::now();
     EXPECT_EQ(readUntilClosed(fd, 20), "");
@@ -313,7 +294,7 @@ TEST_F(Edge, AHeadLateAfterTenSecondsAndABodyUnderAKilobyteASecondAreCut) {
         slowBody{head, body, 600, 1000, {}, {}}, steadyBody{head, body, 3000, 1000, {}, {}};
     auto run = [&](Trickle &t) {
         auto start = Clock::now();
-        int fd = connectFrom("127.0.0.1", s.port());
+        int fd = reportd::connectFrom("127.0.0.1", s.port());
         if (fd < 0)
             return;
         sendAll(fd, t.first);
@@ -354,7 +335,7 @@ TEST_F(Edge, TwoHundredFiftyTricklingConnectionsDoNotDelayAnUploadOrTheSignInPag
     std::vector<int> slow;
     for (int i = 0; i < 250; i++) {
         int port = i % 5 == 0 ? s.staffPort() : s.port();
-        int fd = connectFrom("127.0.1." + std::to_string(1 + i / 8), port);
+        int fd = reportd::connectFrom("127.0.1." + std::to_string(1 + i / 8), port);
         ASSERT_GE(fd, 0) << i;
         ASSERT_TRUE(sendAll(fd, "P"));
         slow.push_back(fd);
@@ -411,5 +392,6 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
-        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n");
+        "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n"
+        "       kobreportd --version\n");
 }

@@ -7,11 +7,11 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "store_fixture.h"
 
 #include <arpa/inet.h>
 #include <chrono>
 #include <gtest/gtest.h>
-#include <memory>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/statvfs.h>
@@ -20,38 +20,14 @@
 
 namespace {
 
-reportd::Postgres &postgres() {
-    static auto pg = std::make_unique<reportd::Postgres>();
-    return *pg;
-}
-
 // 2027-01-15 08:00:00 UTC: 57,600 seconds before the day turns.
 constexpr std::time_t kMorning = 1800000000;
 
-class Behind : public ::testing::TestWithParam<std::string> {
+class Behind : public OnEitherStore {
   protected:
     void SetUp() override {
-        if (GetParam() == "postgres") {
-            if (!postgres().available())
-                GTEST_SKIP() << postgres().reason();
-            static int n = 0;
-            std::string name = "proxy" + std::to_string(++n);
-            postgres().psql("CREATE DATABASE " + name);
-            db = postgres().url(name);
-        } else {
-            db = dir.file("reports.db");
-        }
+        OnEitherStore::SetUp();
         kobtest::writeFile(clockFile, std::to_string(kMorning) + "\n");
-    }
-
-    std::string value(const std::string &sql) {
-        if (GetParam() == "postgres") {
-            std::string out = postgres().psql(sql, db.substr(db.rfind('/') + 1));
-            if (!out.empty() && out.back() == '\n')
-                out.pop_back();
-            return out.empty() ? "<none>" : out;
-        }
-        return reportd::sqliteValue(db, sql);
     }
 
     // The stored senders, oldest first, one space between.
@@ -64,8 +40,6 @@ class Behind : public ::testing::TestWithParam<std::string> {
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
 
-    kobtest::TempDir dir;
-    std::string db;
     std::string clockFile = dir.file("clock");
 };
 
@@ -100,22 +74,6 @@ std::string proxyV2(const std::string &source) {
     p.append(reinterpret_cast<char *>(a), 16);
     p += std::string("\x9c\x40\x00\x50", 4);
     return p;
-}
-
-int connectFrom(const std::string &source, int port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in from {
-    }, to{};
-    from.sin_family = to.sin_family = AF_INET;
-    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
-    to.sin_port = htons(static_cast<uint16_t>(port));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
-        connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 } // namespace
@@ -251,7 +209,7 @@ TEST(Proxies, AProxysOwnConnectionsAreNotHeldToThePerAddressCap) {
     std::vector<int> held;
     for (const char *source :
          {"127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.1", "127.0.0.2", "127.0.0.2"}) {
-        held.push_back(connectFrom(source, s.port()));
+        held.push_back(reportd::connectFrom(source, s.port()));
         ASSERT_GE(held.back(), 0);
         ASSERT_TRUE(send(held.back(), "G", 1, MSG_NOSIGNAL) == 1);
     }
@@ -304,7 +262,7 @@ TEST(Proxies, AConnectionNamedByAPrefaceIsHeldToTheCapOfItsClient) {
                       {"--trusted-proxy", "127.0.0.1", "--proxy-protocol", "intake",
                        "--max-conns-per-address", "1"});
     std::string v1 = "PROXY TCP4 198.51.100.40 127.0.0.1 40000 80\r\n";
-    int held = connectFrom("127.0.0.1", s.port());
+    int held = reportd::connectFrom("127.0.0.1", s.port());
     ASSERT_GE(held, 0);
     ASSERT_EQ(send(held, v1.data(), v1.size(), MSG_NOSIGNAL), static_cast<ssize_t>(v1.size()));
     ASSERT_EQ(send(held, "G", 1, MSG_NOSIGNAL), 1);

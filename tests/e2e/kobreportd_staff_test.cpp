@@ -6,7 +6,10 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "store_fixture.h"
 
+#include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <condition_variable>
 #include <gtest/gtest.h>
@@ -21,12 +24,6 @@
 
 namespace {
 
-// One PostgreSQL server for the whole program, a database per test.
-reportd::Postgres &postgres() {
-    static auto pg = std::make_unique<reportd::Postgres>();
-    return *pg;
-}
-
 // A run whose captures name the user's own machine, beside the lab's targets.
 std::string reportWithPersonalAddresses(const std::string &user) {
     auto run = reportgen::healthyRun();
@@ -37,38 +34,16 @@ std::string reportWithPersonalAddresses(const std::string &user) {
     return reportgen::report(run);
 }
 
-class Staff : public ::testing::TestWithParam<std::string> {
+class Staff : public OnEitherStore {
   protected:
     void SetUp() override {
-        if (GetParam() == "postgres") {
-            if (!postgres().available())
-                GTEST_SKIP() << postgres().reason();
-            static int n = 0;
-            std::string name = "staff" + std::to_string(++n);
-            postgres().psql("CREATE DATABASE " + name);
-            db = postgres().url(name);
-        } else {
-            db = dir.file("reports.db");
-        }
+        OnEitherStore::SetUp();
         kobtest::writeFile(clockFile, "");
-    }
-
-    // A value from the database, whichever it is.
-    std::string value(const std::string &sql) {
-        if (GetParam() == "postgres") {
-            std::string out = postgres().psql(sql, db.substr(db.rfind('/') + 1));
-            if (!out.empty() && out.back() == '\n')
-                out.pop_back();
-            return out.empty() ? "<none>" : out;
-        }
-        return reportd::sqliteValue(db, sql);
     }
 
     std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
     void setClock(std::time_t t) { kobtest::writeFile(clockFile, std::to_string(t) + "\n"); }
 
-    kobtest::TempDir dir;
-    std::string db;
     std::string clockFile = dir.file("clock");
 };
 
@@ -566,6 +541,62 @@ TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
                                   clockEnv());
     EXPECT_EQ(purge.status, 0) << purge.err;
     EXPECT_EQ(purge.out, "1 report expired\n");
+    // What is kept is kept compressed: nothing of it is plain in its row.
+    EXPECT_EQ(value("SELECT length(findings) FROM reports WHERE reference = '" + oldRef + "'"),
+              "0");
+    EXPECT_EQ(value("SELECT count(*) FROM reports WHERE findings_zstd IS NOT NULL"), "2");
+}
+
+TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
+    std::string ref;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        ref = reportd::reference(reportd::upload(s.port(), "old report\n", "kim"));
+        ASSERT_EQ(s.stop(), 0);
+    }
+    // As layout 7 kept an expired report: its findings as JSON text.
+    value("ALTER TABLE reports DROP COLUMN findings_zstd");
+    value("UPDATE reports SET raw_expired = 1, desc_zstd = 0, \"desc\" = " +
+          std::string(GetParam() == "postgres" ? "''::bytea" : "X''") +
+          ", findings = '{\"header\":{\"user\":\"kim\"}}'");
+    value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
+    EXPECT_EQ(value("SELECT length(findings) FROM reports"), "0");
+    EXPECT_NE(value("SELECT findings_zstd FROM reports"), "<none>");
+    auto json = s.api("/api/reports/" + ref);
+    EXPECT_NE(json.body.find("\"findings\":{\"header\":{\"user\":\"kim\"}}"), std::string::npos)
+        << json.body;
+}
+
+// Expiry replaces each report's text with its smaller findings, and the
+// file gives the pages so freed back.
+TEST_P(Staff, PurgingFiveHundredReportsLeavesASmallerFile) {
+    if (GetParam() == "postgres")
+        GTEST_SKIP() << "PostgreSQL reuses the space of dead rows after its ordinary vacuum";
+    auto bytes = [&] {
+        uintmax_t n = 0;
+        for (const char *side : {"", "-wal"}) {
+            std::error_code ec;
+            auto size = std::filesystem::file_size(db + side, ec);
+            n += ec ? 0 : size;
+        }
+        return n;
+    };
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        for (int i = 0; i < 500; i++)
+            ASSERT_EQ(reportd::upload(s.port(), reportgen::reportOfSize(12000, i)).status, 200);
+        ASSERT_EQ(s.stop(), 0);
+    }
+    uintmax_t before = bytes();
+    auto purge = reportd::command(KOBREPORTD_BIN, {"purge", "--older-than", "0", "--db", db});
+    ASSERT_EQ(purge.status, 0) << purge.err;
+    EXPECT_EQ(purge.out, "500 reports expired\n");
+    uintmax_t after = bytes();
+    EXPECT_LT(after, before) << "before " << before << " bytes, after " << after;
+    std::printf("the database before purging 500 reports: %ju bytes; after: %ju bytes\n", before,
+                after);
 }
 
 TEST_P(Staff, ADeletedReportIsGoneAndItsTextLeavesTheDatabaseFile) {
@@ -631,7 +662,7 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.substr(ref.size() - 7), "-000002");
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "7");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
     // The old text stays as it was; the new one is compressed.
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -656,6 +687,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     // network.
     value("ALTER TABLE reports DROP COLUMN desc_zstd");
     value("ALTER TABLE reports DROP COLUMN sender_net");
+    value("ALTER TABLE reports DROP COLUMN findings_zstd");
     // Nor folded sign-ins; its audit log took no change at all.
     if (GetParam() == "sqlite")
         value("DROP TRIGGER audit_append_only_UPDATE");
@@ -670,7 +702,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "7");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
     EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
     std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
     EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");

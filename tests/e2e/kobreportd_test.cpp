@@ -687,6 +687,54 @@ TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
                            dir.file("bad.pem") + "\n");
 }
 
+TEST(ReportdVersion, VersionNamesTheReleaseAndTheLayout) {
+    auto r = kobtest::runProgram({KOBREPORTD_BIN, "--version"});
+    EXPECT_TRUE(r.exited(0));
+    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 8)\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(Reportd, MetricsFollowPrometheusConventions) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::upload(s.port(), "one\n").status, 200);
+    EXPECT_EQ(reportd::get(s.port(), "/healthz").status, 200);
+    EXPECT_EQ(reportd::get(s.port(), "/nowhere").status, 404);
+    auto m = s.api("/metrics");
+    ASSERT_EQ(m.status, 200);
+    for (const std::string line : {
+             // Bucket bounds as short decimals, so that le="0.005" matches.
+             "kobreportd_upload_duration_seconds_bucket{le=\"0.005\"} ",
+             "kobreportd_upload_duration_seconds_bucket{le=\"0.0025\"} ",
+             "\nkobreportd_build_info{version=\"" KOB_VERSION "\",layout=\"8\"} 1\n",
+             "\nkobreportd_uploads_in_flight 0\n",
+             "\nkobreportd_http_requests_total{listener=\"intake\",route=\"/"
+             "healthz\",code=\"200\"} "
+             "1\n",
+             "\nkobreportd_http_requests_total{listener=\"intake\",route=\"/report/problem.php\","
+             "code=\"200\"} 1\n",
+             "\nkobreportd_http_requests_total{listener=\"intake\",route=\"\",code=\"404\"} 1\n",
+             "\nkobreportd_http_request_duration_seconds_count{listener=\"intake\"} 3\n",
+             "\nkobreportd_retention_expired_reports_total 0\n",
+         })
+        EXPECT_NE(m.body.find(line), std::string::npos) << line << m.body;
+    EXPECT_EQ(m.body.find("0000000"), std::string::npos) << m.body;
+    auto value = [](const std::string &body, const std::string &name) {
+        auto at = body.find("\n" + name + " ");
+        return at == std::string::npos
+                   ? std::string("<none>")
+                   : body.substr(at + name.size() + 2,
+                                 body.find('\n', at + 1) - at - name.size() - 2);
+    };
+    // The first pass of retention ran at the start.
+    EXPECT_GT(std::atof(value(m.body, "kobreportd_retention_last_run_timestamp_seconds").c_str()),
+              1.7e9);
+    EXPECT_GT(std::atof(value(m.body, "kobreportd_database_size_bytes").c_str()), 0);
+    // The start time is the same at every scrape.
+    std::string start = value(m.body, "process_start_time_seconds");
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(value(s.api("/metrics").body, "process_start_time_seconds"), start);
+}
+
 TEST_F(Reportd, MetricsCountUploadsAndPassPromtool) {
     if (access("/usr/bin/promtool", X_OK) != 0)
         GTEST_SKIP() << "promtool is not installed (Debian package prometheus)";

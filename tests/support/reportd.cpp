@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pwd.h>
@@ -601,6 +602,50 @@ std::string sqliteValue(const std::string &db, const std::string &sql) {
     sqlite3_finalize(st);
     sqlite3_close(h);
     return v;
+}
+
+Postgres &sharedPostgres() {
+    static auto pg = std::make_unique<Postgres>();
+    return *pg;
+}
+
+std::string testDatabase(const std::string &store, const std::string &dir, std::string &reason) {
+    if (store != "postgres")
+        return dir + "/reports.db";
+    if (!sharedPostgres().available()) {
+        reason = sharedPostgres().reason();
+        return "";
+    }
+    static int n = 0;
+    std::string name = "test" + std::to_string(getpid()) + "_" + std::to_string(++n);
+    sharedPostgres().psql("CREATE DATABASE " + name);
+    return sharedPostgres().url(name);
+}
+
+std::string databaseValue(const std::string &db, const std::string &sql) {
+    if (db.rfind("postgresql://", 0) != 0)
+        return sqliteValue(db, sql);
+    std::string out = sharedPostgres().psql(sql, db.substr(db.rfind('/') + 1));
+    if (!out.empty() && out.back() == '\n')
+        out.pop_back();
+    return out.empty() ? "<none>" : out;
+}
+
+int connectFrom(const std::string &source, int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in from {};
+    from.sin_family = AF_INET;
+    inet_pton(AF_INET, source.c_str(), &from.sin_addr);
+    struct sockaddr_in to {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0 ||
+        connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 } // namespace reportd

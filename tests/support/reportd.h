@@ -166,6 +166,22 @@ class Postgres {
 
 int freePort();
 
+// One PostgreSQL server for the whole test program.
+Postgres &sharedPostgres();
+
+// A database of its own for a test on the store named ("sqlite": a file in
+// dir; "postgres": a new database on the shared server).  "" with reason
+// set when that store cannot be had here.
+std::string testDatabase(const std::string &store, const std::string &dir, std::string &reason);
+
+// The first column of the first row an SQL statement gives on either kind
+// of database, as sqliteValue() gives it.
+std::string databaseValue(const std::string &db, const std::string &sql);
+
+// A connection to 127.0.0.1:port from the loopback address given; -1 when
+// it cannot be made.
+int connectFrom(const std::string &source, int port);
+
 } // namespace reportd
 
 #endif

@@ -105,3 +105,24 @@ TEST(Mask, AReportKeepsItsTargetsAndHidesTheRest) {
     // Masking changes nothing the triage reads about the targets.
     EXPECT_EQ(kobtriage::parse(masked).summary(), kobtriage::parse(text).summary());
 }
+
+TEST(Mask, TheOperatorsTargetsAreFoundInTheirNames) {
+    auto found = kobreportd::addressesIn({"traceroute to 192.0.2.2", "10.243.160.1:8081",
+                                          "UDP pass-through", "tcp [2001:db8::1]:443 2001:db8::2",
+                                          "Testing TCP pass-through to port 443"});
+    EXPECT_EQ(found, (AddressSet{"10.243.160.1", "192.0.2.2", "2001:db8::2"}));
+}
+
+// A whole page or JSON answer is masked as a text is: its markup and times
+// are not addresses.
+TEST(Mask, APageIsMaskedWithoutTouchingItsMarkup) {
+    std::string page = "<tr><td><a href=\"/kob/reports/KOB-20261124-000001\">KOB-20261124-000001"
+                       "</a></td><td>2026-11-24 16:44:53</td><td>traceroute stopped at hop 2 "
+                       "(last reply from 203.0.113.77)</td></tr>\n"
+                       "{\"received_at\":\"2026-11-24T16:44:53Z\",\"summary\":\"via 192.0.2.2\"}";
+    EXPECT_EQ(maskAddresses(page, AddressSet{"192.0.2.2"}),
+              "<tr><td><a href=\"/kob/reports/KOB-20261124-000001\">KOB-20261124-000001"
+              "</a></td><td>2026-11-24 16:44:53</td><td>traceroute stopped at hop 2 "
+              "(last reply from 203.0.x.x)</td></tr>\n"
+              "{\"received_at\":\"2026-11-24T16:44:53Z\",\"summary\":\"via 192.0.2.2\"}");
+}

@@ -33,7 +33,7 @@ Json orNull(const std::optional<std::string> &s) {
 
 } // namespace
 
-std::string Staff::reportJson(const StoredReport &s, const Visible &v) {
+std::string Staff::reportJson(const StoredReport &s) {
     if (s.raw_expired) {
         Json findings = Json::parse(s.findings, nullptr, false);
         return kobtriage::dumpJson(
@@ -49,9 +49,9 @@ std::string Staff::reportJson(const StoredReport &s, const Visible &v) {
     f.reference = s.reference;
     f.received_at = isoTime(s.received_at);
     f.form_username = s.form_username;
-    f.why = v.why;
+    f.why = s.why;
     f.size = static_cast<size_t>(s.size);
-    return kobtriage::toJson(kobtriage::parse(v.desc), &f);
+    return kobtriage::toJson(kobtriage::parse(s.desc), &f);
 }
 
 void Staff::addApiRoutes(RouteTable &table) {
@@ -106,7 +106,9 @@ void Staff::addReportApi(RouteTable &table) {
             }
             audit_.record(who.account, req.client_address,
                           *reveal ? "report.revealed" : "report.viewed", s->reference);
-            json(res, 200, reportJson(*s, visible(*s, *reveal)));
+            json(res, 200, reportJson(*s));
+            res.unmasked = *reveal;
+            keepTargets(*s, res);
         });
     api(table, Method::Get, "/api/reports/{ref}/raw", Role::Viewer,
         [this, revealAsked](const Request &req, Response &res, const Principal &who) {
@@ -142,6 +144,8 @@ void Staff::addReportApi(RouteTable &table) {
                       {"b", b->reference},
                       {"now_failing", c.failing},
                       {"recovered", c.recovered}});
+            keepTargets(*a, res);
+            keepTargets(*b, res);
         });
     api(table, Method::Get, "/api/users/{name}", Role::Viewer,
         [this](const Request &req, Response &res, const Principal &) {
@@ -204,6 +208,7 @@ void Staff::addFleetApi(RouteTable &table) {
     api(table, Method::Get, "/metrics", Role::Viewer,
         [this](const Request &, Response &res, const Principal &) {
             res.setContent(metrics_.text(), "text/plain; version=0.0.4; charset=utf-8");
+            res.unmasked = true;
         });
     api(table, Method::Get, "/api/audit", Role::Admin,
         [this](const Request &req, Response &res, const Principal &) {
@@ -223,6 +228,7 @@ void Staff::addFleetApi(RouteTable &table) {
                       {"page", pg},
                       {"page_size", kPageSize},
                       {"entries", std::move(list)}});
+            res.unmasked = true; // staff's own addresses, for admins
         });
 }
 

@@ -413,9 +413,11 @@ void completed(void *cls, MHD_Connection *, void **context, enum MHD_RequestTerm
         if (send(c->fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
             status = 400;
     }
+    double seconds = static_cast<double>(nowNs() - ex->start) / 1e9;
     if (ex->route && ex->route->access == Access::Upload && s.opt.upload.finished)
-        s.opt.upload.finished(ex->req, status, ex->admitted,
-                              static_cast<double>(nowNs() - ex->start) / 1e9);
+        s.opt.upload.finished(ex->req, status, ex->admitted, seconds);
+    if (s.opt.observed)
+        s.opt.observed(ex->route, status, seconds);
     delete ex;
     // A kept connection's next request has the same limits from now on.
     if (!s.opt.close_each && toe == MHD_REQUEST_TERMINATED_COMPLETED_OK) {

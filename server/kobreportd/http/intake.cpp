@@ -108,6 +108,7 @@ UploadHooks Intake::hooks() {
     h.finished = [this](const Request &req, int status, bool admitted, double seconds) {
         if (admitted) {
             inflight_.fetch_sub(1);
+            metrics_.inflight(-1);
             if (quotas_)
                 quotas_->received(senderKey(req.client_address), claimedLength(req), req.body_bytes,
                                   now());
@@ -157,6 +158,7 @@ bool Intake::admit(const Request &req, Response &res) {
             return false;
         }
     }
+    metrics_.inflight(1);
     return true;
 }
 
@@ -191,8 +193,8 @@ void Intake::upload(const Request &req, Response &res) {
         metrics_.stored();
         answer(res, 200, "Report received: " + ref);
     } catch (const StoreError &e) {
-        std::fprintf(stderr, "kobreportd: report from %s not stored: %s\n", nr.peer.c_str(),
-                     e.what());
+        // The sender's address is the user's: it is not written here.
+        std::fprintf(stderr, "kobreportd: a report was not stored: %s\n", e.what());
         answer(res, 503, "Report not stored, please send it again later\n");
     }
 }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,12 @@ struct Response {
     // Adds one more (Set-Cookie may come several times).
     void addHeader(const std::string &name, const std::string &value);
     void setContent(std::string content, const std::string &type);
+    // The staff side's answers carry the user's data as it came and are
+    // masked on their way out, unless this says the caller asked for it
+    // (an admin's reveal) or the body holds none of it; keep lists the
+    // addresses left readable beside the operator's own.
+    bool unmasked = false;
+    std::set<std::string, std::less<>> keep;
 };
 
 // A plain-text answer.

@@ -71,6 +71,9 @@ struct ServerOptions {
     const TrustedProxies *proxies = nullptr;
     // Every connection begins with a PROXY protocol preface (v1 or v2).
     bool proxy_protocol = false;
+    // Every request once it is over, with its route (null: none) and its
+    // answer's status (0: none); called on the library's threads.
+    std::function<void(const Route *, int status, double seconds)> observed;
     UploadHooks upload;
 };
 

@@ -1,5 +1,7 @@
 #include "staff.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "clock.h"
@@ -53,10 +55,30 @@ int64_t Staff::pageNumber(const Request &req) {
     return n < 1 ? 1 : n;
 }
 
+namespace {
+
+// The one place the user's data is masked for the staff side: every page and
+// every JSON answer on its way out, the operator's targets left readable.
+void maskOnTheWayOut(Response &res) {
+    if (res.unmasked)
+        return;
+    static const AddressSet operators = [] {
+        std::vector<std::string> names;
+        for (const auto &[area, target] : fleetPolicy().targets)
+            names.push_back(target);
+        return addressesIn(names);
+    }();
+    res.keep.insert(operators.begin(), operators.end());
+    res.body = maskAddresses(res.body, res.keep);
+}
+
+} // namespace
+
 void Staff::page(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h) {
     table.add({m, pattern, Listener::Staff, Access::Page, need,
                [h = std::move(h)](const Request &req, Response &res, const Principal *who) {
                    h(req, res, *who);
+                   maskOnTheWayOut(res);
                }});
 }
 
@@ -64,6 +86,7 @@ void Staff::api(RouteTable &table, Method m, const std::string &pattern, Role ne
     table.add({m, pattern, Listener::Staff, Access::Api, need,
                [h = std::move(h)](const Request &req, Response &res, const Principal *who) {
                    h(req, res, *who);
+                   maskOnTheWayOut(res);
                }});
 }
 
@@ -81,14 +104,11 @@ void Staff::show(Response &res, int status, const std::string &title, const Prin
     res.setContent(pages::frame(title, v, query, body), "text/html; charset=utf-8");
 }
 
-Staff::Visible Staff::visible(const StoredReport &s, bool reveal) {
-    if (reveal)
-        return {s.desc, s.why};
-    AddressSet keep = targetAddresses(kobtriage::parse(s.desc));
-    Visible v{maskAddresses(s.desc, keep), std::nullopt};
-    if (s.why)
-        v.why = maskAddresses(*s.why, keep);
-    return v;
+void Staff::keepTargets(const StoredReport &s, Response &res) {
+    if (s.raw_expired)
+        return; // its kept findings were masked when it expired
+    AddressSet targets = targetAddresses(kobtriage::parse(s.desc));
+    res.keep.insert(targets.begin(), targets.end());
 }
 
 pages::CompareSide Staff::side(const StoredReport &s) {
@@ -98,7 +118,7 @@ pages::CompareSide Staff::side(const StoredReport &s) {
         c.outcomes = store_.outcomes(s.id);
         return c;
     }
-    auto r = kobtriage::parse(visible(s, false).desc);
+    auto r = kobtriage::parse(s.desc);
     c.outcomes = outcomesOf(r);
     for (const auto &cap : r.captures) {
         if (cap.command.find("ifconfig") != std::string::npos)
@@ -123,14 +143,39 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
     }
     audit_.record(who.account, req.client_address, reveal ? "report.revealed" : "report.viewed",
                   s->reference);
-    Visible v = visible(*s, reveal);
-    StoredReport shown = *s;
-    shown.why = v.why;
     show(res, 200, s->reference, &who,
-         pages::report(shown, v.desc, reveal, viewer(who), retainDays_));
+         pages::report(*s, s->desc, reveal, viewer(who), retainDays_));
+    res.unmasked = reveal;
+    keepTargets(*s, res);
 }
 
-void Staff::rawText(const Request &req, Response &res, const Principal &who, bool reveal) {
+namespace {
+
+// "  9| text", the numbers right-aligned to the widest.
+std::string numberedLines(std::string_view text) {
+    std::size_t lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    if (!text.empty() && text.back() != '\n')
+        lines++;
+    int width = static_cast<int>(std::to_string(std::max<std::size_t>(lines, 1)).size());
+    std::string out;
+    out.reserve(text.size() + lines * static_cast<std::size_t>(width + 2));
+    char number[32];
+    std::size_t n = 0;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t nl = text.find('\n', at);
+        std::size_t end = nl == std::string_view::npos ? text.size() : nl + 1;
+        int len = std::snprintf(number, sizeof number, "%*zu| ", width, ++n);
+        out.append(number, static_cast<std::size_t>(len));
+        out.append(text.substr(at, end - at));
+        at = end;
+    }
+    return out;
+}
+
+} // namespace
+
+void Staff::rawText(const Request &req, Response &res, const Principal &who, bool reveal,
+                    bool numbered) {
     auto s = store_.get(req.matches[1]);
     if (!s) {
         answer(res, 404, "Not found\n");
@@ -142,7 +187,10 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
     }
     audit_.record(who.account, req.client_address, reveal ? "report.raw.revealed" : "report.raw",
                   s->reference);
-    res.setContent(visible(*s, reveal).desc, "text/plain; charset=utf-8");
+    res.unmasked = reveal;
+    keepTargets(*s, res);
+    res.setContent(numbered ? numberedLines(s->desc) : std::move(s->desc),
+                   "text/plain; charset=utf-8");
 }
 
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
@@ -253,11 +301,15 @@ void Staff::addReportPages(RouteTable &table) {
          });
     page(table, Method::Get, "/reports/{ref}/raw", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
-             rawText(req, res, who, false);
+             rawText(req, res, who, false, true);
          });
+    // "Download unmasked raw text": a file to keep, not a page to read.
     page(table, Method::Post, "/reports/{ref}/raw", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              rawText(req, res, who, true);
+             if (res.status == 200)
+                 res.setHeader("Content-Disposition",
+                               "attachment; filename=\"" + req.matches[1] + ".txt\"");
          });
     page(table, Method::Post, "/reports/{ref}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -275,6 +327,8 @@ void Staff::addReportPages(RouteTable &table) {
              auto entries = audit_.page((pg - 1) * kPageSize, kPageSize, total);
              show(res, 200, "Audit log", &who,
                   pages::audit(entries, total, pg, kPageSize, links()));
+             // Staff's own addresses and actions, for admins: no user's data.
+             res.unmasked = true;
          });
 }
 
@@ -381,6 +435,8 @@ void Staff::addFleetPages(RouteTable &table) {
                  audit_.record(who.account, req.client_address, "report.viewed", r->reference,
                                "compare");
              show(res, 200, "Compare", &who, pages::compare(side(*a), side(*b), links()));
+             keepTargets(*a, res);
+             keepTargets(*b, res);
          });
     page(table, Method::Get, "/users/{name}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {

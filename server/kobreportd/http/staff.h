@@ -42,17 +42,15 @@ class Staff {
     static constexpr int64_t kPageSize = 50;
     static int64_t pageNumber(const Request &req);
 
-    // The report as this caller may see it: the user's own addresses
-    // masked unless revealed.
-    struct Visible {
-        std::string desc;
-        std::optional<std::string> why;
-    };
-    static Visible visible(const StoredReport &s, bool reveal);
-    // A side of a comparison, masked as the viewer sees reports.
+    // The addresses a report's verdicts are about, which masking leaves:
+    // the run's targets.  Added to res.keep.
+    static void keepTargets(const StoredReport &s, Response &res);
+    // A side of a comparison.
     pages::CompareSide side(const StoredReport &s);
-    // The raw text as plain text; 404 and 410 as plain text too.
-    void rawText(const Request &req, Response &res, const Principal &who, bool reveal);
+    // The raw text as plain text, each line after its number when
+    // numbered (as evidence names them); 404 and 410 as plain text too.
+    void rawText(const Request &req, Response &res, const Principal &who, bool reveal,
+                 bool numbered = false);
 
   private:
     void addSignInRoutes(RouteTable &table);
@@ -75,7 +73,7 @@ class Staff {
     void reportPage(const Request &req, Response &res, const Principal &who, bool reveal);
     void accountsPage(Response &res, const Principal &who, const std::string &msg,
                       const std::optional<std::string> &token = std::nullopt, int status = 200);
-    std::string reportJson(const StoredReport &s, const Visible &v);
+    std::string reportJson(const StoredReport &s);
 
     Store &store_;
     Accounts &accounts_;

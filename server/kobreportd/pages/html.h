@@ -31,6 +31,12 @@ inline Uri uri(std::string_view s) {
 }
 
 std::string escape(std::string_view s);
+
+// The start of s that makes at most `budget` bytes of page once escaped,
+// ending after a line where one ends within it, else at a character's edge.
+std::string_view headWithin(std::string_view s, std::size_t budget);
+// The end of s likewise, starting at a line's start where it can.
+std::string_view tailWithin(std::string_view s, std::size_t budget);
 std::string percentEncode(std::string_view s);
 
 class Html {

@@ -18,6 +18,15 @@ using html::uri;
 
 namespace {
 
+// A report page stays light whatever the report's size: these bound what
+// it shows of the report's own text, in bytes of page.
+constexpr std::size_t kEvidenceLines = 20, kEvidenceLineBytes = 512;
+constexpr std::size_t kLogEnds = 64 * 1024;          // each log's start and end
+constexpr std::size_t kCaptureBytes = 64 * 1024;     // each capture's start
+constexpr std::size_t kCapturesBytes = 512 * 1024;   // all captures
+constexpr std::size_t kUnknownBytes = 256 * 1024;    // all sections not understood
+constexpr std::size_t kInlineRawBytes = 1024 * 1024; // a whole report shown as it came
+
 std::string ms(double v) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%.3f", v);
@@ -83,10 +92,20 @@ Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> 
     if (lines.empty()) {
         b << "<p>It rests on what the report lacks, not on a line of it.</p>";
     } else {
+        // A rule may rest on thousands of lines, and a line may be long:
+        // the first ones, each cut short, and the raw text has the rest.
         b << "<pre>";
-        for (const auto &l : lines)
-            b << l.number << "| " << text(l.text) << "\n";
+        for (std::size_t i = 0; i < lines.size() && i < kEvidenceLines; i++) {
+            std::string_view shown = html::headWithin(lines[i].text, kEvidenceLineBytes);
+            b << lines[i].number << "| " << text(shown);
+            if (shown.size() < lines[i].text.size())
+                b << " \u2026";
+            b << "\n";
+        }
         b << "</pre>";
+        if (lines.size() > kEvidenceLines)
+            b << "<p class=\"cut\">and " << lines.size() - kEvidenceLines
+              << " more lines, in the raw text</p>";
     }
     b << "</details>";
     return b;
@@ -170,6 +189,68 @@ Html findingsTables(const kobtriage::Report &r) {
         b << "<tr><td>" << text(l.file) << "</td><td>" << text(kobtriage::stateName(l.state))
           << "</td><td class=\"num\">" << l.size << "</td></tr>\n";
     b << "</tbody></table>\n";
+    return b;
+}
+
+// Where a text was cut short, and how to see the rest.
+Html leftOut(std::size_t bytes, const std::string &rawHref) {
+    Html b;
+    b << "<p class=\"cut\">" << bytes << " bytes not shown here; <a href=\"" << text(rawHref)
+      << "\">the whole text</a> has them, its lines numbered.</p>\n";
+    return b;
+}
+
+// The captures' own text, each from its start, within the page's budget.
+Html captureTexts(const kobtriage::Report &r, const std::string &rawHref) {
+    Html b;
+    std::size_t left = kCapturesBytes;
+    for (const auto &c : r.captures) {
+        if (c.empty())
+            continue;
+        std::string_view shown = html::headWithin(c.text, std::min(kCaptureBytes, left));
+        left -= std::min(left, html::escape(shown).size());
+        b << "<h3>" << text(c.command) << "</h3><pre class=\"capture\">" << text(shown)
+          << "</pre>\n";
+        if (shown.size() < c.text.size())
+            b << leftOut(c.text.size() - shown.size(), rawHref);
+    }
+    return b;
+}
+
+// Each client log's first and last 64 KiB of page, and how much lies
+// between.
+Html logExcerpts(const kobtriage::Report &r, std::string_view raw, const std::string &rawHref) {
+    Html b;
+    for (const auto &l : r.logs) {
+        if (l.state != kobtriage::ClientLog::State::Present || l.offset + l.size > raw.size())
+            continue;
+        std::string_view whole = raw.substr(l.offset, l.size);
+        std::string_view head = html::headWithin(whole, kLogEnds);
+        std::string_view tail = html::tailWithin(whole.substr(head.size()), kLogEnds);
+        b << "<h3>" << text(l.file) << ", " << l.size << " bytes, from line " << l.label.number + 1
+          << "</h3><pre class=\"log\">" << text(head) << "</pre>\n";
+        if (head.size() + tail.size() < whole.size())
+            b << leftOut(whole.size() - head.size() - tail.size(), rawHref);
+        if (!tail.empty())
+            b << "<pre class=\"log\">" << text(tail) << "</pre>\n";
+    }
+    return b;
+}
+
+Html unknownSections(const kobtriage::Report &r, const std::string &rawHref) {
+    Html b;
+    if (r.unknown.empty())
+        return b;
+    b << "<h2>Not understood</h2>\n";
+    std::size_t left = kUnknownBytes;
+    for (const auto &sct : r.unknown) {
+        std::string_view shown = html::headWithin(sct.text, left);
+        left -= std::min(left, html::escape(shown).size());
+        b << "<h3>" << text(sct.heading.empty() ? "(outside any heading)" : sct.heading)
+          << "</h3><pre>" << text(shown) << "</pre>\n";
+        if (shown.size() < sct.text.size())
+            b << leftOut(sct.text.size() - shown.size(), rawHref);
+    }
     return b;
 }
 
@@ -265,13 +346,20 @@ Html report(const StoredReport &s, const std::string &raw, bool revealed, const 
         return b;
     }
     b << findingsTables(*r);
-    if (!r->unknown.empty()) {
-        b << "<h2>Not understood</h2>\n";
-        for (const auto &sct : r->unknown)
-            b << "<h3>" << text(sct.heading.empty() ? "(outside any heading)" : sct.heading)
-              << "</h3><pre>" << text(sct.text) << "</pre>\n";
+    std::string rawHref = v.links.path("/reports/") + html::percentEncode(s.reference) + "/raw";
+    b << unknownSections(*r, rawHref);
+    // A report of ordinary size is shown whole; of a larger one, what its
+    // captures printed and the two ends of each client log.
+    if (html::headWithin(raw, kInlineRawBytes).size() == raw.size()) {
+        b << "<h2>Raw report</h2><pre id=\"raw\">" << text(raw) << "</pre>\n";
+    } else {
+        b << "<h2>Command output</h2>\n" << captureTexts(*r, rawHref);
+        b << "<h2>Client log excerpts</h2>\n" << logExcerpts(*r, raw, rawHref);
+        b << "<h2>Raw report</h2>\n";
     }
-    b << "<h2>Raw report</h2><pre id=\"raw\">" << text(raw) << "</pre>\n";
+    b << "<p id=\"whole\"><a href=\"" << text(rawHref) << "\">The whole report as it came</a>, "
+      << static_cast<int64_t>(s.size)
+      << " bytes, its lines numbered as the evidence gives them.</p>\n";
     return b;
 }
 

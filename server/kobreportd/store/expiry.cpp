@@ -11,6 +11,48 @@
 
 namespace kobreportd {
 
+namespace {
+
+// What stays of a report: what the triage found in its text, without the
+// sections it did not understand and without the captures' and logs' own
+// text (the user's data again under another name), with the user's
+// addresses masked as a viewer sees them (the verdicts were made on the
+// text as it came, and do not change), as a zstd frame; and the run's
+// targets, which the summary keeps readable.  A text that no longer
+// decompresses keeps no findings.
+struct Findings {
+    std::optional<std::string> packed;
+    AddressSet targets;
+};
+
+Findings keptFindings(const sql::Rows &rows, size_t i) {
+    Findings f;
+    try {
+        auto report = kobtriage::parse(unpack(
+            rows.str(i, "desc"), rows.integer(i, "desc_zstd") != 0, rows.integer(i, "size")));
+        f.targets = targetAddresses(report);
+        report.unknown.clear();
+        for (auto &capture : report.captures)
+            capture.text.clear();
+        for (auto &log : report.logs)
+            log.text.clear();
+        f.packed = pack(maskAddresses(kobtriage::toJson(report), f.targets));
+    } catch (const StoreError &e) {
+        std::fprintf(stderr, "kobreportd: report %lld expired without findings: %s\n",
+                     static_cast<long long>(rows.integer(i, "id")), e.what());
+    }
+    return f;
+}
+
+// The columns an expired report keeps, as they were.
+struct Kept {
+    int64_t id, received_at, size, rules;
+    std::string reference, summary;
+    std::optional<std::string> form_username, report_username, findings;
+};
+
+} // namespace
+
 int64_t Store::expireBefore(std::time_t cutoff) {
     int64_t done = 0;
     for (;;) {
@@ -20,27 +62,38 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                              {sql::integer(cutoff)});
         if (rows.empty())
             break;
+        std::vector<Findings> findings;
+        for (size_t i = 0; i < rows.size(); i++)
+            findings.push_back(keptFindings(rows, i));
         db_.transaction([&](sql::Conn &c) {
+            // The batch's rows are taken out, and then written anew: rows
+            // that shrank in place would leave their pages as large as they
+            // were, while neighbours taken out together free whole pages,
+            // which the rows written back fill densely.
+            std::vector<Kept> kept;
             for (size_t i = 0; i < rows.size(); i++) {
-                // What stays is what the triage found, from the text as a
-                // viewer sees it, without the sections it did not understand.
-                // A text that no longer decompresses expires with no findings.
-                std::string findings;
-                try {
-                    auto report = kobtriage::parse(
-                        maskReport(unpack(rows.str(i, "desc"), rows.integer(i, "desc_zstd") != 0,
-                                          rows.integer(i, "size"))));
-                    report.unknown.clear();
-                    findings = kobtriage::toJson(report);
-                } catch (const StoreError &e) {
-                    std::fprintf(stderr, "kobreportd: report %lld expired without findings: %s\n",
-                                 static_cast<long long>(rows.integer(i, "id")), e.what());
-                }
-                c.query("UPDATE reports SET \"desc\" = $1, desc_zstd = 0, why = NULL, peer = '',"
-                        " sender_net = '',"
-                        " raw_expired = 1, findings = $2 WHERE id = $3",
-                        {sql::blob(""), sql::text(findings), sql::integer(rows.integer(i, "id"))});
+                int64_t id = rows.integer(i, "id");
+                auto k = c.query("DELETE FROM reports WHERE id = $1 AND raw_expired = 0"
+                                 " RETURNING reference, received_at, form_username,"
+                                 " report_username, summary, size, rules",
+                                 {sql::integer(id)});
+                if (k.empty())
+                    continue; // deleted meanwhile
+                kept.push_back({id, k.integer(0, "received_at"), k.integer(0, "size"),
+                                k.integer(0, "rules"), k.str(0, "reference"),
+                                maskAddresses(k.str(0, "summary"), findings[i].targets),
+                                k.opt(0, "form_username"), k.opt(0, "report_username"),
+                                std::move(findings[i].packed)});
             }
+            for (const Kept &k : kept)
+                c.query("INSERT INTO reports (id, reference, received_at, form_username,"
+                        " report_username, summary, peer, size, \"desc\", why, raw_expired,"
+                        " findings, rules, desc_zstd, sender_net, findings_zstd) VALUES ($1, $2,"
+                        " $3, $4, $5, $6, '', $7, $8, NULL, 1, '', $9, 0, '', $10)",
+                        {sql::integer(k.id), sql::text(k.reference), sql::integer(k.received_at),
+                         sql::optText(k.form_username), sql::optText(k.report_username),
+                         sql::text(k.summary), sql::integer(k.size), sql::blob(""),
+                         sql::integer(k.rules), sql::optBlob(k.findings)});
         });
         done += static_cast<int64_t>(rows.size());
     }

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "pack.h"
+
 namespace kobreportd {
 
 namespace {
@@ -148,6 +150,21 @@ void foldedSignIns(sql::Dialect d, sql::Conn &c) {
     }
 }
 
+// What an expired report keeps is kept as a zstd frame: plain, the findings
+// took more room than the compressed text they replaced.
+void packedFindings(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN findings_zstd {BLOB}"));
+    for (;;) {
+        auto rows = c.query("SELECT id, findings FROM reports WHERE findings <> '' LIMIT 100");
+        if (rows.empty())
+            break;
+        for (size_t i = 0; i < rows.size(); i++)
+            c.query(
+                "UPDATE reports SET findings_zstd = $1, findings = '' WHERE id = $2",
+                {sql::blob(pack(rows.str(i, "findings"))), sql::integer(rows.integer(i, "id"))});
+    }
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -173,6 +190,7 @@ constexpr Step kSteps[] = {
     {5, compressedTexts},
     {6, senderNetworks},
     {7, foldedSignIns},
+    {8, packedFindings},
 };
 // clang-format on
 

@@ -39,4 +39,11 @@ std::string unpack(const std::string &stored, bool packed, int64_t size) {
     return text;
 }
 
+std::string unpackFrame(const std::string &stored, uint64_t limit) {
+    unsigned long long size = ZSTD_getFrameContentSize(stored.data(), stored.size());
+    if (size == ZSTD_CONTENTSIZE_ERROR || size == ZSTD_CONTENTSIZE_UNKNOWN || size > limit)
+        throw StoreError("a stored report is damaged: its text does not decompress");
+    return unpack(stored, true, static_cast<int64_t>(size));
+}
+
 } // namespace kobreportd

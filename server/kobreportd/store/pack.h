@@ -18,6 +18,10 @@ std::string pack(std::string_view text);
 // size, rather than show a damaged text as something it is not.
 std::string unpack(const std::string &stored, bool packed, int64_t size);
 
+// A frame that names its own size, as pack() makes them, of at most
+// `limit` bytes.  Throws StoreError as unpack() does.
+std::string unpackFrame(const std::string &stored, uint64_t limit);
+
 } // namespace kobreportd
 
 #endif

@@ -41,7 +41,9 @@ StoredReport storedReport(const sql::Rows &r, size_t i) {
     s.raw_expired = it.raw_expired;
     s.peer = r.str(i, "peer");
     s.why = r.opt(i, "why");
-    s.findings = r.str(i, "findings");
+    auto packed = r.opt(i, "findings_zstd");
+    s.findings = packed && !packed->empty() ? unpackFrame(*packed, uint64_t{256} << 20)
+                                            : r.str(i, "findings");
     s.desc = unpack(r.str(i, "desc"), r.integer(i, "desc_zstd") != 0, s.size);
     return s;
 }
@@ -55,10 +57,11 @@ Store::Store(sql::Db &db) : db_(db) {
 std::optional<StoredReport> Store::get(const std::string &reference) {
     if (!plausibleReference(reference))
         return std::nullopt;
-    auto rows = db_.read(std::string("SELECT ") + kListColumns +
-                             ", peer, \"desc\", why, findings, desc_zstd FROM reports"
-                             " WHERE reference = $1",
-                         {sql::text(reference)});
+    auto rows =
+        db_.read(std::string("SELECT ") + kListColumns +
+                     ", peer, \"desc\", why, findings, findings_zstd, desc_zstd FROM reports"
+                     " WHERE reference = $1",
+                 {sql::text(reference)});
     if (rows.empty())
         return std::nullopt;
     return storedReport(rows, 0);

@@ -175,6 +175,9 @@ class SqliteDb : public Db {
         // Only a new, empty file takes it.  Reports run to a megabyte and
         // more: in large pages one is a few pieces instead of hundreds.
         writer_.exec("PRAGMA page_size=65536");
+        // Also only for a new file: pages freed by expiry and deletion are
+        // given back to the file system by scrub(), not kept for reuse.
+        writer_.exec("PRAGMA auto_vacuum=INCREMENTAL");
         writer_.exec("PRAGMA journal_mode=WAL");
         walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, "page_size");
         // A batch of reports is committed whole: its pages stay in memory
@@ -231,6 +234,7 @@ class SqliteDb : public Db {
         // Readers may hold old pages of the log; only pages no reader needs
         // are folded back, so drop the idle readers first.
         readers_.clear();
+        writer_.exec("PRAGMA incremental_vacuum");
         writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", nullptr, 0);
     }
 
