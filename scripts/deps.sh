@@ -13,6 +13,8 @@ packages=(
   # the operator's side: kobreportd, its databases and the browser test
   libcpp-httplib-dev libmicrohttpd-dev libcurl4-gnutls-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
   libsodium-dev libssl-dev libzstd-dev nlohmann-json3-dev openssl prometheus
+  # the example nginx site in front of kobreportd, run by its test on loopback
+  nginx
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3
   # the Debian packages: their build, lintian, and systemd-analyze for the unit
   debhelper lintian systemd man-db
@@ -39,6 +41,16 @@ if [ ${#missing[@]} -gt 0 ]; then
   echo "Installing: ${missing[*]}"
   sudo_cmd=()
   [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+  # No package's service is started by its installation (nginx's default
+  # site and prometheus would listen on every address): the tests start the
+  # servers they need themselves, on loopback.  A policy the machine has
+  # already stays as it is.
+  policy=/usr/sbin/policy-rc.d
+  if [ ! -e "$policy" ]; then
+    trap '"${sudo_cmd[@]}" rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${sudo_cmd[@]}" tee "$policy" >/dev/null
+    "${sudo_cmd[@]}" chmod +x "$policy"
+  fi
   "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
   "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "${missing[@]}"
 fi

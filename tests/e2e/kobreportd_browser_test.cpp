@@ -1,9 +1,12 @@
 // The staff view in a real browser: headless Chromium driven through
 // chromedriver signs in through the form, reads reports, reveals and
-// deletes as an admin, and opens pages full of hostile text.  Screenshots
-// of the pages stay in the build tree for people to look at.
+// deletes as an admin, and opens pages full of hostile text; and walks the
+// staff side through nginx with TLS under a path prefix, as the package's
+// example site serves it.  Screenshots of the pages stay in the build tree
+// for people to look at.
 
 #include "kobtest.h"
+#include "nginx.h"
 #include "reportd.h"
 #include "reportgen.h"
 #include "webdriver.h"
@@ -323,5 +326,94 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
     // Nothing was dropped on the way.
     b.navigate(base(s) + "/");
     EXPECT_EQ(b.text(b.find("p.count")), "10 reports");
+    stopsCleanly(b, s);
+}
+
+TEST(ReportdBrowser, BehindNginxUnderAPrefixEveryStepStaysUnderIt) {
+    if (std::string why = webdriver::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    if (std::string why = nginx::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    kobtest::TempDir dir;
+    nginx::Ports ports{reportd::freePort(), reportd::freePort(), reportd::freePort(),
+                       reportd::freePort()};
+    const std::string site = "https://127.0.0.1:" + std::to_string(ports.staff) + "/kob";
+    nginx::Certificate cert = nginx::selfSigned(dir.path());
+    reportd::Server s(KOBREPORTD_BIN, dir.file("reports.db"),
+                      {"--listen", "127.0.0.1:" + std::to_string(ports.upstreamIntake),
+                       "--staff-listen", "127.0.0.1:" + std::to_string(ports.upstreamStaff),
+                       "--trusted-proxy", "127.0.0.1", "--public-url", site + "/"});
+    nginx::Proxy proxy(dir.path(), KOBREPORTD_NGINX_SITE, ports, cert);
+    // The user's upload reaches kobreportd through nginx's intake.
+    auto r = reportd::uploadFrom("127.0.0.2", ports.intake, reportgen::report(homeRun()));
+    ASSERT_EQ(r.status, 200) << r.raw;
+    std::string ref = reportd::reference(r);
+    std::string other = upload(s, reportgen::healthyRun(), "dave");
+    ASSERT_FALSE(other.empty());
+    ASSERT_EQ(s.addUser("ada", "admin", "ada's long password").status, 0);
+
+    // The browser trusts the test's certificate and no other.
+    webdriver::Session b(profile(dir),
+                         {"--ignore-certificate-errors-spki-list=" + nginx::publicKeyHash(cert)});
+    b.navigate(site + "/reports/" + ref);
+    EXPECT_EQ(b.title(), "Sign in");
+    EXPECT_EQ(b.url(), site + "/signin?next=%2Freports%2F" + ref);
+    ASSERT_NO_FATAL_FAILURE(signIn(b, b.url(), "ada", "ada's long password"));
+    EXPECT_EQ(b.url(), site + "/reports/" + ref);
+    ASSERT_EQ(b.title(), ref);
+    EXPECT_EQ(pageStatus(b), 200);
+    // The stylesheet came through the prefix.
+    EXPECT_EQ(b.execute("return getComputedStyle(document.querySelector('header'))"
+                        ".backgroundColor;"),
+              "rgb(29, 43, 69)");
+    // The browser keeps the session for the prefix only, sent over TLS only.
+    bool found = false;
+    for (const auto &c : b.cookies())
+        if (c.value("name", "") == "kob_session") {
+            found = true;
+            EXPECT_EQ(c.value("path", ""), "/kob/");
+            EXPECT_TRUE(c.value("secure", false));
+            EXPECT_TRUE(c.value("httpOnly", false));
+        }
+    EXPECT_TRUE(found);
+    keepScreenshot(b, "behind-nginx");
+
+    b.clickToLoad(b.find("#timeline"));
+    EXPECT_EQ(b.url(), site + "/users/carol");
+    EXPECT_EQ(b.title(), "carol");
+    b.clickToLoad(b.find("header nav a"));
+    EXPECT_EQ(b.url(), site + "/");
+    EXPECT_EQ(b.text(b.find("p.count")), "2 reports");
+    b.clickToLoad(b.find("#reports a[href='/kob/reports/" + ref + "']"));
+    ASSERT_EQ(b.title(), ref);
+    b.clickToLoad(b.find("#reveal"));
+    EXPECT_EQ(b.url(), site + "/reports/" + ref + "/reveal");
+    // The sender is the user's address, which nginx named.
+    EXPECT_TRUE(has(b.source(), "<dt>From</dt><dd>127.0.0.2</dd>"));
+    b.clickToLoad(b.find("#delete"));
+    EXPECT_EQ(b.url(), site + "/");
+    EXPECT_EQ(b.text(b.find("p.count")), "1 report");
+    b.clickToLoad(b.find("a[href='/kob/audit']"));
+    ASSERT_EQ(b.title(), "Audit log");
+    for (const auto &row : b.findAll("#audit tbody tr")) {
+        auto cells = b.findAll(row, "td");
+        ASSERT_EQ(cells.size(), 6u);
+        if (b.text(cells[1]) == "ada") {
+            EXPECT_EQ(b.text(cells[2]), "127.0.0.1");
+        }
+    }
+    // Every link and form of the page is under the prefix.
+    auto links = b.findAll("a[href], link[href]"), forms = b.findAll("form");
+    EXPECT_GE(links.size() + forms.size(), 10u);
+    for (const auto &e : links)
+        EXPECT_TRUE(b.attribute(e, "href").rfind("/kob/", 0) == 0) << b.attribute(e, "href");
+    for (const auto &e : forms)
+        EXPECT_TRUE(b.attribute(e, "action").rfind("/kob/", 0) == 0) << b.attribute(e, "action");
+
+    b.clickToLoad(b.find("#signout"));
+    EXPECT_EQ(b.url(), site + "/signin");
+    EXPECT_EQ(b.title(), "Sign in");
+    b.navigate(site + "/");
+    EXPECT_EQ(b.title(), "Sign in");
     stopsCleanly(b, s);
 }

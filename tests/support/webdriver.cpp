@@ -34,7 +34,7 @@ std::string missing() {
     return "";
 }
 
-Session::Session(const std::string &profileDir) {
+Session::Session(const std::string &profileDir, const std::vector<std::string> &browserArgs) {
     int pfd[2], alive[2];
     if (pipe(pfd) != 0)
         throw std::runtime_error("webdriver: no pipe");
@@ -112,6 +112,8 @@ Session::Session(const std::string &profileDir) {
          // Every name but the loopback address resolves to nothing.
          "--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1", "--window-size=1280,1024",
          "--user-data-dir=" + profileDir + "/chromium"});
+    for (const auto &a : browserArgs)
+        args.push_back(a);
     json prefs = {{"credentials_enable_service", false},
                   {"profile.password_manager_enabled", false},
                   {"profile.password_manager_leak_detection", false},
@@ -195,6 +197,10 @@ json Session::command(const std::string &method, const std::string &path, const 
 
 void Session::navigate(const std::string &url) {
     command("POST", "/url", {{"url", url}});
+}
+
+json Session::cookies() {
+    return command("GET", "/cookie");
 }
 
 void Session::back() {

@@ -35,8 +35,10 @@ class Session {
   public:
     // Starts chromedriver and a headless Chromium with a fresh profile in
     // profileDir (which must exist); chromedriver's log goes there too.
-    // Throws std::runtime_error when either does not come up.
-    explicit Session(const std::string &profileDir);
+    // browserArgs are added to Chromium's command line.  Throws
+    // std::runtime_error when either does not come up.
+    explicit Session(const std::string &profileDir,
+                     const std::vector<std::string> &browserArgs = {});
     ~Session();
     // Closes the browser and stops chromedriver; nothing else may follow.
     void quit();
@@ -50,6 +52,9 @@ class Session {
     std::string title();
     // The document as the browser holds it now (serialised DOM).
     std::string source();
+    // The cookies the browser holds for the page on show, as WebDriver
+    // lists them (name, value, path, secure, httpOnly, ...).
+    nlohmann::json cookies();
 
     // The first element matching a CSS selector; throws when there is none.
     Element find(const std::string &css);

@@ -28,6 +28,9 @@ TEST(PublicUrl, OriginAndPrefixAsBrowsersWriteThem) {
         {"https://127.0.0.1:8443/a/b-c/", "https://127.0.0.1:8443/a/b-c/", "https://127.0.0.1:8443",
          "/a/b-c/", true},
         {"https://[::1]:8443/kob/", "https://[::1]:8443/kob/", "https://[::1]:8443", "/kob/", true},
+        // An IPv6 address as browsers write it: lower case, shortest form.
+        {"https://[2001:DB8:0:0::7]/kob/", "https://[2001:db8::7]/kob/", "https://[2001:db8::7]",
+         "/kob/", true},
         {"https://h/%7Estaff/", "https://h/%7Estaff/", "https://h", "/%7Estaff/", true},
     };
     for (const auto &c : cases) {

@@ -16,8 +16,18 @@ bool startsCaseless(std::string_view s, std::string_view prefix) {
     return true;
 }
 
-std::string lower(std::string_view s) {
-    std::string out(s);
+// The host as a browser writes it in Origin: a name in lower case, an IPv6
+// address in its shortest form.
+std::string shownHost(std::string_view host) {
+    if (host.front() == '[') {
+        std::string inside(host.substr(1, host.size() - 2));
+        unsigned char bytes[16];
+        char text[INET6_ADDRSTRLEN];
+        if (inet_pton(AF_INET6, inside.c_str(), bytes) == 1 &&
+            inet_ntop(AF_INET6, bytes, text, sizeof text))
+            return "[" + std::string(text) + "]";
+    }
+    std::string out(host);
     for (char &c : out)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return out;
@@ -126,7 +136,7 @@ std::optional<PublicUrl> parsePublicUrl(std::string_view text, std::string &erro
         path += '/';
     if (!validPath(path))
         return refuse("has a path that cannot serve as a prefix");
-    u.origin = std::string(u.https ? "https://" : "http://") + lower(host) +
+    u.origin = std::string(u.https ? "https://" : "http://") + shownHost(host) +
                (port.empty() ? "" : ":" + port);
     u.prefix = path;
     u.url = u.origin + u.prefix;
