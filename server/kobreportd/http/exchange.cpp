@@ -142,8 +142,8 @@ MHD_Result queue(Impl &s, MHD_Connection *mc, Exchange &ex, Response &res) {
     MHD_Response *r = nullptr;
     if (res.stream) {
         auto *source = new Source(std::move(res.stream));
-        r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, readSource, source,
-                                              freeSource);
+        r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, size_t{64} * 1024, readSource,
+                                              source, freeSource);
         if (!r)
             delete source;
     } else {

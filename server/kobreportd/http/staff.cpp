@@ -104,7 +104,7 @@ Source byLines(Source inner,
             st->pending.erase(0, from);
         }
         std::size_t n = std::min(max, st->out.size() - st->given);
-        std::memcpy(buf, st->out.data() + st->given, n);
+        std::copy_n(st->out.data() + st->given, n, buf);
         st->given += n;
         return n;
     };
@@ -296,7 +296,10 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
         }
         res.keep.insert(targets.begin(), targets.end());
     }
-    res.stream = numbered ? numberedLines(std::move(text)) : std::move(text);
+    if (numbered)
+        res.stream = numberedLines(std::move(text));
+    else
+        res.stream = std::move(text);
     res.setHeader("Content-Type", "text/plain; charset=utf-8");
 }
 

@@ -61,7 +61,7 @@ std::size_t TextReader::read(char *buf, std::size_t max) {
     const char *damaged = "a stored report is damaged: its text does not decompress";
     if (!packed_) {
         std::size_t n = std::min(max, stored_->size() - in_);
-        std::memcpy(buf, stored_->data() + in_, n);
+        std::copy_n(stored_->data() + in_, n, buf);
         in_ += n;
         return n;
     }
