@@ -32,13 +32,15 @@ TEST(Excerpt, TheBudgetIsCountedAfterEscaping) {
 }
 
 TEST(Excerpt, OneLongLineIsCutAtACharactersEdge) {
-    std::string line = "ab\xc3\xa9" "cdefgh"; // e-acute is two bytes
+    std::string line = "ab\xc3\xa9"
+                       "cdefgh"; // e-acute is two bytes
     // Whole, it makes 10 bytes of page.
     EXPECT_EQ(headWithin(line, 10), line);
     // Cut inside, a byte counts for the most it could become: three for
     // one of a multi-byte character, which is never split.
     EXPECT_EQ(headWithin(line, 4), "ab");
-    EXPECT_EQ(headWithin(line, 9), "ab\xc3\xa9" "c");
+    EXPECT_EQ(headWithin(line, 9), "ab\xc3\xa9"
+                                   "c");
     EXPECT_EQ(tailWithin(line, 9), "cdefgh");
     EXPECT_EQ(tailWithin(line, 10), line);
     // Whatever the text, the page it makes stays within the budget.
