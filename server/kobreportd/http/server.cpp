@@ -356,7 +356,8 @@ void HttpServer::Impl::turnAway(Conn *c, const char *reason) {
 // our proxies), false while more of it is awaited or when the connection
 // is gone or turned away.
 bool HttpServer::Impl::preface(Conn *c) {
-    std::vector<char> buf(16 + 65535); // the longest a preface can be
+    // The longest a preface can be; the accept loop is one thread.
+    thread_local std::vector<char> buf(16 + 65535);
     ssize_t n = recv(c->fd, buf.data(), buf.size(), MSG_PEEK);
     if (n < 0 && (errno == EAGAIN || errno == EINTR))
         return false;

@@ -185,7 +185,8 @@ Staff::Loaded Staff::load(std::initializer_list<std::string> references) {
     uint64_t bytes = 0;
     for (const std::string &ref : references) {
         l.reports.push_back(store_.get(ref, false));
-        bytes += l.reports.back() ? static_cast<uint64_t>(l.reports.back()->size) : 0;
+        const auto &r = l.reports.back();
+        bytes += r && !r->raw_expired ? static_cast<uint64_t>(r->size) : 0;
     }
     l.hold = budget_.take(bytes);
     for (auto &s : l.reports)
