@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <net/if.h>
+#include <regex>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -88,15 +89,19 @@ void runInNamespace(const std::string &reports) {
 }
 
 // The report as the channel wrote it: standard error less what the
-// shell said about command lines that do not exist on this machine.
+// shell said about command lines that do not exist on this machine.  The
+// shell says "sh: 1: " and "/usr/sbin/netstat: not found\n" in writes of
+// their own, so the tool's own lines may come between the two: each piece
+// is taken out where it stands.
 std::string withoutShellComplaints(const std::string &err) {
+    std::string joined = std::regex_replace(err, std::regex("sh: [0-9]+: "), "");
     std::string out;
     size_t pos = 0;
-    while (pos < err.size()) {
-        size_t nl = err.find('\n', pos);
-        size_t end = nl == std::string::npos ? err.size() : nl + 1;
-        std::string line = err.substr(pos, end - pos);
-        if (line.rfind("sh: ", 0) != 0)
+    while (pos < joined.size()) {
+        size_t nl = joined.find('\n', pos);
+        size_t end = nl == std::string::npos ? joined.size() : nl + 1;
+        std::string line = joined.substr(pos, end - pos);
+        if (!std::regex_match(line, std::regex("/[^ ]*: not found\n")))
             out += line;
         pos = end;
     }
