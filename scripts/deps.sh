@@ -11,7 +11,7 @@ packages=(
   # the Latin-1 locale that the string buffer's test builds with localedef
   locales
   # the operator's side: kobreportd, its databases and the browser test
-  libcpp-httplib-dev libmicrohttpd-dev libcurl4-gnutls-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
+  libcpp-httplib-dev libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
   libsodium-dev libssl-dev libzstd-dev nlohmann-json3-dev openssl prometheus
   # the example nginx site in front of kobreportd, run by its test on loopback
   nginx

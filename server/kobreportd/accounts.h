@@ -18,7 +18,9 @@
 
 namespace kobreportd {
 
-enum class Role { Viewer, Admin };
+// A metrics token reads /metrics and nothing else; people are viewers or
+// admins.
+enum class Role { Viewer, Admin, Metrics };
 
 const char *roleName(Role r);
 std::optional<Role> parseRole(const std::string &s);
@@ -87,6 +89,13 @@ class Accounts {
     // token id -> digest of the token last verified, and until when that
     // saves the Argon2id check.
     std::map<std::string, std::pair<std::string, std::time_t>> tokenCache_;
+    // token id -> the metrics token last verified, for when the database
+    // cannot be asked.
+    struct KnownMetricsToken {
+        std::string digest, salt;
+        Principal who;
+    };
+    std::map<std::string, KnownMetricsToken> metricsCache_;
 };
 
 } // namespace kobreportd

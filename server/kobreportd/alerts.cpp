@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kobtriage.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -98,7 +99,7 @@ void AlertTask::run() {
         try {
             check();
         } catch (const StoreError &e) {
-            std::fprintf(stderr, "kobreportd: alert check failed: %s\n", e.what());
+            log::error("alert_check_failed", {{"error", e.what()}});
         }
         lock.lock();
     }
@@ -148,7 +149,7 @@ void AlertTask::deliver() {
             wait = std::min(wait * 2, 60);
         }
         if (!sent && !stop_)
-            std::fprintf(stderr, "kobreportd: alert not delivered to the webhook, dropped\n");
+            log::error("alert_dropped", {{"reason", "the webhook did not accept it"}});
         outbox_.pop_front();
     }
 }

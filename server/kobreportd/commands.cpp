@@ -32,7 +32,7 @@ int usage() {
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
         "       kobreportd user del NAME --db PATH_OR_URL\n"
         "       kobreportd user list --db PATH_OR_URL\n"
-        "       kobreportd token add NAME [--role viewer|admin] --db PATH_OR_URL\n"
+        "       kobreportd token add NAME [--role viewer|admin|metrics] --db PATH_OR_URL\n"
         "       kobreportd token del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
@@ -162,7 +162,7 @@ int command(const std::vector<std::string> &args) {
     if ((!role.empty() && !(named && verb == "add")) || (!targets.empty() && what != "retriage"))
         return usage();
     std::optional<Role> r = parseRole(role.empty() ? "viewer" : role);
-    if (!r || (what == "user" && verb == "add" && role.empty()))
+    if (!r || (what == "user" && verb == "add" && (role.empty() || *r == Role::Metrics)))
         return usage();
     if (named && !Accounts::validName(name))
         return fail("a name is 1 to 64 letters, digits, '.', '_', '-' or '@'");

@@ -2,6 +2,7 @@
 // shows them to signed-in support staff on a listener of their own.
 
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +21,9 @@
 #include "clock.h"
 #include "commands.h"
 #include "fleet.h"
+#include "health.h"
 #include "intake.h"
+#include "log.h"
 #include "metrics.h"
 #include "migrations.h"
 #include "proxies.h"
@@ -85,8 +88,10 @@ int printRoutes() {
     Guard guard(accounts, false);
     Intake intake(store, Limits{}, metrics);
     Staff staff(store, accounts, audit, metrics, guard, false, 90);
+    Health health(*database, nullptr);
     RouteTable table;
     intake.addRoutes(table);
+    health.addRoutes(table);
     staff.addPageRoutes(table);
     staff.addApiRoutes(table);
     std::fputs(table.text().c_str(), stdout);
@@ -102,6 +107,8 @@ struct Settings {
     QuotaOptions quotas;
     TrustedProxies proxies;
     bool proxyIntake = false, proxyStaff = false; // PROXY prefaces expected
+    bool accessLog = false;
+    log::Level logLevel = log::Level::Info;
 };
 
 // "5" or "5%" of the disk, below 100.
@@ -119,6 +126,10 @@ bool percent(std::string v, double &out) {
 bool parseOptions(int argc, char *argv[], Settings &o) {
     for (int i = 1; i < argc; i++) {
         std::string a = argv[i];
+        if (a == "--access-log") {
+            o.accessLog = true;
+            continue;
+        }
         if (i + 1 >= argc)
             return false;
         const char *v = argv[++i];
@@ -169,6 +180,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
         else if ((a == "--min-free-disk" && percent(v, o.quotas.min_free_disk)) ||
                  (a == "--trusted-proxy" && o.proxies.add(v)))
             continue; // taken where they are read
+        else if (a == "--log-level" && log::parseLevel(v, o.logLevel))
+            continue;
         else if (a == "--proxy-protocol" && std::string(v) == "intake")
             o.proxyIntake = true;
         else if (a == "--proxy-protocol" && std::string(v) == "staff")
@@ -233,11 +246,66 @@ ServerOptions staffOptions(const Settings &o, const std::string &host, int port,
     return so;
 }
 
-// Each request of a listener, counted under its route's pattern.
-std::function<void(const Route *, int, double)> observer(Metrics &metrics, const char *listener) {
-    return [&metrics, listener](const Route *route, int status, double seconds) {
+// Each request of a listener, counted under its route's pattern, and with
+// --access-log written as one line: the route's pattern rather than the
+// path, so that no query and no reference or name from the path is kept.
+// This is the one line that names the client.
+std::function<void(const Request &, const Route *, int, size_t, double)>
+observer(Metrics &metrics, const char *listener, bool accessLog) {
+    return [&metrics, listener, accessLog](const Request &req, const Route *route, int status,
+                                           size_t bytes, double seconds) {
         metrics.request(listener, route ? route->pattern : "", status, seconds);
+        if (accessLog)
+            log::info("request", {{"listener", listener},
+                                  {"method", req.method},
+                                  {"route", route ? route->pattern : ""},
+                                  {"status", status},
+                                  {"bytes", bytes},
+                                  {"duration_ms", std::round(seconds * 1e6) / 1e3},
+                                  {"client", req.client_address}});
     };
+}
+
+// Reads the certificate and key files into the store the handshakes use.
+bool loadCertificates(const StaffOptions &staff, Certificates &into) {
+    std::string certPem, keyPem, error;
+    return readFile(staff.tls_cert, certPem) && readFile(staff.tls_key, keyPem) &&
+           into.load(certPem, keyPem, error);
+}
+
+// SIGHUP: a renewed certificate is read again; one that cannot be used is
+// said so and the one in use kept, so that a mistake never stops TLS.  The
+// other settings come from the command line and stay as they are.
+void reload(const StaffOptions &staff, Certificates *certificates) {
+    if (!certificates) {
+        log::info("reload", {{"certificate", "none in use"}});
+        return;
+    }
+    if (loadCertificates(staff, *certificates))
+        log::info("reload", {{"certificate", staff.tls_cert}});
+    else
+        log::error("reload_failed", {{"certificate", staff.tls_cert},
+                                     {"key", staff.tls_key},
+                                     {"reason", "cannot use the certificate with the key; "
+                                                "the one loaded before stays in use"}});
+}
+
+// SIGTERM or SIGINT: no new connections, ten seconds for the requests
+// under way (an upload being received is answered, not cut), then out.
+void stopServing(HttpServer &intake, HttpServer *staff, Health &health, int sig) {
+    health.shuttingDown();
+    log::info("stopping", {{"signal", sig == SIGTERM ? "SIGTERM" : "SIGINT"}});
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    bool done = intake.drain(deadline);
+    if (staff)
+        done = staff->drain(deadline) && done;
+    intake.stop();
+    if (staff)
+        staff->stop();
+    if (done)
+        log::info("stopped");
+    else
+        log::warn("stopped", {{"reason", "requests still under way after 10 s were cut"}});
 }
 
 } // namespace
@@ -281,25 +349,28 @@ int main(int argc, char *argv[]) {
     // Writes to clients that went away must fail, not end the server.
     std::signal(SIGPIPE, SIG_IGN);
     // Every thread inherits this mask; only the main thread waits for
-    // SIGINT and SIGTERM, and stops the servers in an orderly way.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // SIGINT and SIGTERM, and stops the servers in an orderly way, and for
+    // SIGHUP, which reloads the certificate.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     raiseFileLimit();
 
+    log::setLevel(o.logLevel);
     if (testClock())
-        std::fprintf(stderr, "kobreportd: the time comes from KOBREPORTD_TEST_CLOCK\n");
+        log::warn("test_clock", {{"reason", "the time comes from KOBREPORTD_TEST_CLOCK"}});
 
     if (std::string error; !setFleet(o, error))
         return fail(error);
 
-    std::string certPem, keyPem;
     bool tls = !staff.tls_cert.empty();
     std::string badCert =
         "cannot use the certificate " + staff.tls_cert + " with the key " + staff.tls_key;
-    if (tls && (!readFile(staff.tls_cert, certPem) || !readFile(staff.tls_key, keyPem)))
+    Certificates certificates;
+    if (tls && !loadCertificates(staff, certificates))
         return fail(badCert);
 
     std::unique_ptr<sql::Db> database;
@@ -323,16 +394,18 @@ int main(int argc, char *argv[]) {
     }
 
     AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
+    Health health(*database, quotas.get());
     Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     RouteTable table;
     intake.addRoutes(table);
+    health.addRoutes(table);
     staffSide.addPageRoutes(table);
     staffSide.addApiRoutes(table);
 
     ServerOptions io = intakeOptions(o, host, port, intake);
-    io.observed = observer(metrics, "intake");
+    io.observed = observer(metrics, "intake", o.accessLog);
     HttpServer intakeServer(table, nullptr, io);
     std::string error;
     if (!intakeServer.start(error))
@@ -341,14 +414,11 @@ int main(int argc, char *argv[]) {
     std::unique_ptr<HttpServer> staffServer;
     if (!staffListen.empty()) {
         ServerOptions so = staffOptions(o, staffHost, staffPort, guard.secure());
-        so.observed = observer(metrics, "staff");
-        so.tls_cert_pem = certPem;
-        so.tls_key_pem = keyPem;
+        so.observed = observer(metrics, "staff", o.accessLog);
+        so.certificates = tls ? &certificates : nullptr;
         staffServer = std::make_unique<HttpServer>(table, &guard, so);
         if (!staffServer->start(error))
-            return fail(error == "the certificate or key cannot be used"
-                            ? badCert
-                            : "cannot listen on " + staffListen + ": " + error);
+            return fail("cannot listen on " + staffListen + ": " + error);
         staffPort = staffServer->port();
     }
 
@@ -360,11 +430,19 @@ int main(int argc, char *argv[]) {
                  (publicUrl.url.empty() ? "" : ", public at " + publicUrl.url);
     std::printf("%s\n", ready.c_str());
     std::fflush(stdout);
+    log::info("ready", {{"version", KOB_VERSION},
+                        {"layout", currentLayout()},
+                        {"intake", intakeServer.port()},
+                        {"staff", staffServer ? staffPort : 0},
+                        {"tls", tls}});
 
     int sig = 0;
-    sigwait(&stopSignals, &sig);
-    intakeServer.stop();
-    if (staffServer)
-        staffServer->stop();
+    for (;;) {
+        sigwait(&signals, &sig);
+        if (sig != SIGHUP)
+            break;
+        reload(staff, tls ? &certificates : nullptr);
+    }
+    stopServing(intakeServer, staffServer.get(), health, sig);
     return 0;
 }

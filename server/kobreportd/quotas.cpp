@@ -26,8 +26,7 @@ DiskState Quotas::disk(std::time_t now) {
     return disk_;
 }
 
-std::optional<Refusal> Quotas::admit(const std::string &address, uint64_t bytes, std::time_t now) {
-    std::lock_guard<std::mutex> lock(mutex_);
+std::optional<Refusal> Quotas::storeGuard(uint64_t bytes, std::time_t now) {
     DiskState d = disk(now);
     if (d.free_bytes && d.total_bytes && *d.total_bytes > 0) {
         // What is free once this upload is in, against the share kept free.
@@ -43,6 +42,18 @@ std::optional<Refusal> Quotas::admit(const std::string &address, uint64_t bytes,
                        "Report not stored: the server's store is full, please send it again"
                        " later\n",
                        3600};
+    return std::nullopt;
+}
+
+std::optional<Refusal> Quotas::full(std::time_t now) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return storeGuard(0, now);
+}
+
+std::optional<Refusal> Quotas::admit(const std::string &address, uint64_t bytes, std::time_t now) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (auto refusal = storeGuard(bytes, now))
+        return refusal;
     if (options_.per_address_per_day == 0)
         return std::nullopt;
     newDay(now);

@@ -50,7 +50,12 @@ class Quotas {
     // address's budget, whatever the request claimed.
     void received(const std::string &address, uint64_t claimed, uint64_t got, std::time_t now);
 
+    // Whether the store's guard refuses every upload now (its reason and
+    // text), whatever the address.
+    std::optional<Refusal> full(std::time_t now);
+
   private:
+    std::optional<Refusal> storeGuard(uint64_t bytes, std::time_t now);
     DiskState disk(std::time_t now);
     void newDay(std::time_t now);
     QuotaOptions options_;

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "clock.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -51,7 +52,7 @@ void RetentionTask::run() {
         try {
             pass();
         } catch (const StoreError &e) {
-            std::fprintf(stderr, "kobreportd: retention pass failed: %s\n", e.what());
+            log::error("retention_failed", {{"error", e.what()}});
         }
         lock.lock();
     }

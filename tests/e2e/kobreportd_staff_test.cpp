@@ -16,6 +16,7 @@
 #include <httplib.h>
 #include <thread>
 #include <map>
+#include <set>
 #include <memory>
 #include <sstream>
 #include <algorithm>
@@ -89,6 +90,7 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     const std::map<std::string, std::vector<Exercise>> exercises = {
         {"POST /report/problem.php", {{"/report/problem.php", false, 400}}},
         {"GET /healthz", {{"/healthz", false, 200}}},
+        {"GET /readyz", {{"/readyz", false, 200}}},
         {"GET /static/style.css", {{"/static/style.css", false, 200}}},
         {"GET /signin", {{"/signin", false, 200}}},
         {"POST /signin", {{"/signin", false, 403}}},
@@ -134,11 +136,23 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     ASSERT_EQ(viewerToken.status, 0);
     std::string viewerBearer =
         "Authorization: Bearer " + viewerToken.out.substr(0, viewerToken.out.size() - 1) + "\r\n";
+    auto metricsToken = reportd::command(
+        KOBREPORTD_BIN, {"token", "add", "scraper", "--role", "metrics", "--db", db});
+    ASSERT_EQ(metricsToken.status, 0);
+    std::string metricsBearer =
+        "Authorization: Bearer " + metricsToken.out.substr(0, metricsToken.out.size() - 1) + "\r\n";
     reportd::Browser viewer = s.signedIn("viewer");
     reportd::Browser admin = s.signedIn("admin");
 
     auto rows = routeTable();
-    ASSERT_EQ(rows.size(), exercises.size());
+    std::set<std::string> keys, onBoth;
+    for (const auto &row : rows) {
+        std::string key = row.method + " " + row.pattern;
+        if (!keys.insert(key).second)
+            onBoth.insert(key);
+    }
+    ASSERT_EQ(keys.size(), exercises.size());
+    EXPECT_EQ(onBoth, (std::set<std::string>{"GET /healthz", "GET /readyz"}));
     // Signing out ends the admin's session: it goes last.
     std::stable_partition(rows.begin(), rows.end(),
                           [](const Row &r) { return r.pattern != "/signout"; });
@@ -151,9 +165,9 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         int own = staff ? s.staffPort() : s.port(), other = staff ? s.port() : s.staffPort();
         for (const auto &e : found->second) {
             SCOPED_TRACE(e.path);
-            // On the other listener: nothing.
+            // On the other listener: nothing, but for the probes both have.
             auto elsewhere = reportd::request(other, row.method, e.path);
-            EXPECT_EQ(elsewhere.status, 404) << elsewhere.raw;
+            EXPECT_EQ(elsewhere.status, onBoth.count(key) ? e.adminStatus : 404) << elsewhere.raw;
             if (row.access == "open" || row.access == "upload") {
                 EXPECT_EQ(row.role, "-");
                 EXPECT_EQ(reportd::request(own, row.method, e.path).status, e.adminStatus);
@@ -179,6 +193,23 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
                                            "Authorization: Bearer " + s.token() + "\r\n")
                               .status,
                           303);
+            }
+
+            // A metrics token reads /metrics and nothing else.
+            if (row.access == "api") {
+                auto m = reportd::request(own, row.method, e.path, metricsBearer);
+                if (row.pattern == "/metrics") {
+                    EXPECT_EQ(m.status, 200) << m.raw.substr(0, 400);
+                } else {
+                    EXPECT_EQ(m.status, 403) << m.raw.substr(0, 400);
+                    EXPECT_EQ(
+                        m.body,
+                        row.role == "admin"
+                            ? "{\"error\":\"this needs an admin token\"}"
+                            : "{\"error\":\"a metrics token reads /metrics and nothing else\"}");
+                }
+            } else if (row.access == "page") {
+                EXPECT_EQ(reportd::request(own, row.method, e.path, metricsBearer).status, 303);
             }
 
             // A viewer: the viewer's routes, and 403 for the admin's.
@@ -726,19 +757,20 @@ TEST_P(Staff, AStoredReportThatNoLongerDecompressesIsAnErrorNotAnotherText) {
     EXPECT_EQ(raw.status, 500);
     EXPECT_EQ(raw.body, "Internal error\n");
     EXPECT_EQ(s.api("/api/reports/" + good + "/raw?reveal=1").body, "stays readable\n");
-    EXPECT_NE(s.errors().find("kobreportd: GET /api/reports/" + bad +
-                              "/raw failed: a stored report is damaged: its text does not"
-                              " decompress\n"),
-              std::string::npos)
-        << s.errors();
+    auto failed = reportd::logEvents(s.errors(), "request_failed");
+    ASSERT_EQ(failed.size(), 1u) << s.errors();
+    EXPECT_EQ(failed[0]["level"], "error");
+    EXPECT_EQ(failed[0]["method"], "GET");
+    EXPECT_EQ(failed[0]["route"], "/api/reports/{ref}/raw");
+    EXPECT_EQ(failed[0]["error"], "a stored report is damaged: its text does not decompress");
     ASSERT_EQ(s.stop(), 0);
     // Retriage leaves it as it was and goes on with the others.
     value("UPDATE reports SET rules = 0");
     auto run = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
     EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_NE(run.err.find(": a stored report is damaged: its text does not decompress\n"),
-              std::string::npos)
-        << run.err;
+    auto skipped = reportd::logEvents(run.err, "retriage_skipped");
+    ASSERT_EQ(skipped.size(), 1u) << run.err;
+    EXPECT_EQ(skipped[0]["error"], "a stored report is damaged: its text does not decompress");
     EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + bad + "'"), "0");
     EXPECT_EQ(value("SELECT rules FROM reports WHERE reference = '" + good + "'"), "1");
 }

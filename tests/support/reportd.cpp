@@ -671,4 +671,34 @@ int connectFrom(const std::string &source, int port) {
     return fd;
 }
 
+std::vector<nlohmann::json> logLines(const std::string &text) {
+    std::vector<nlohmann::json> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty() && line[0] == '{')
+            out.push_back(nlohmann::json::parse(line));
+    return out;
+}
+
+std::vector<nlohmann::json> logEvents(const std::string &text, const std::string &event) {
+    std::vector<nlohmann::json> out;
+    for (auto &line : logLines(text))
+        if (line.value("event", "") == event)
+            out.push_back(std::move(line));
+    return out;
+}
+
+std::string unusualLines(const std::string &text) {
+    std::string out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        auto parsed = nlohmann::json::parse(line, nullptr, false);
+        bool routine = parsed.is_object() && (parsed.value("level", "") == "info" ||
+                                              parsed.value("level", "") == "debug");
+        if (!routine)
+            out += line + "\n";
+    }
+    return out;
+}
+
 } // namespace reportd

@@ -5,6 +5,7 @@
 #ifndef KOB_REPORTD_H
 #define KOB_REPORTD_H
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -181,6 +182,19 @@ std::string databaseValue(const std::string &db, const std::string &sql);
 // A connection to 127.0.0.1:port from the loopback address given; -1 when
 // it cannot be made.
 int connectFrom(const std::string &source, int port);
+
+// The server's log lines in a stream's text, each parsed as the JSON
+// object it must be; lines that do not begin with "{" (a command's own
+// messages) are left out, and one that begins so but does not parse
+// throws.
+std::vector<nlohmann::json> logLines(const std::string &text);
+// Those of one event.
+std::vector<nlohmann::json> logEvents(const std::string &text, const std::string &event);
+
+// The lines of a server's standard error that are not routine: anything
+// but a JSON log line at level debug or info (a warning, an error, or a
+// sanitizer's finding).  "" for a clean run.
+std::string unusualLines(const std::string &text);
 
 } // namespace reportd
 

@@ -205,8 +205,8 @@ void Staff::addFleetApi(RouteTable &table) {
                       {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)},
                       {"targets", std::move(targets)}});
         });
-    // For Prometheus, with a token like the API.
-    api(table, Method::Get, "/metrics", Role::Viewer,
+    // For Prometheus, with a metrics token (or any other API token).
+    api(table, Method::Get, "/metrics", Role::Metrics,
         [this](const Request &, Response &res, const Principal &) {
             res.setContent(metrics_.text(), "text/plain; version=0.0.4; charset=utf-8");
             res.unmasked = true;

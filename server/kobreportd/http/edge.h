@@ -107,6 +107,8 @@ struct Exchange {
     bool admitted = false;
     bool refused = false; // res holds a refusal for the end of the body
     int status = 0;       // the answer queued
+    size_t bodyBytes = 0; // the answer's body, when it is not streamed
+    std::shared_ptr<std::atomic<size_t>> streamed;
     std::atomic<bool> ready{false};
     bool submitted = false;
 };
@@ -149,7 +151,8 @@ struct HttpServer::Impl {
     MHD_Daemon *daemon = nullptr;
     edge::WorkerPool workers;
     std::thread acceptThread, watchdogThread;
-    std::atomic<bool> stopping{false}, stopped{false};
+    std::atomic<bool> stopping{false}, stopped{false}, draining{false};
+    std::atomic<int> exchanges{0}; // requests begun and not yet over
 
     std::mutex mutex; // guards what follows
     std::condition_variable watchdogWake;

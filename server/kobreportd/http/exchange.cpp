@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "edge.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -127,7 +128,7 @@ ssize_t readSource(void *cls, uint64_t, char *buf, size_t max) {
         return n ? static_cast<ssize_t>(n) : MHD_CONTENT_READER_END_OF_STREAM;
     } catch (const std::exception &e) {
         // Too late for an error status: the answer is cut short instead.
-        std::fprintf(stderr, "kobreportd: an answer was cut short: %s\n", e.what());
+        log::error("answer_cut_short", {{"error", e.what()}});
         return MHD_CONTENT_READER_END_WITH_ERROR;
     }
 }
@@ -141,12 +142,21 @@ MHD_Result queue(Impl &s, MHD_Connection *mc, Exchange &ex, Response &res) {
     ex.conn->phase = Answering;
     MHD_Response *r = nullptr;
     if (res.stream) {
-        auto *source = new Source(std::move(res.stream));
+        // Counted as it goes, for the access log; the count outlives
+        // whichever of the two ends first.
+        ex.streamed = std::make_shared<std::atomic<size_t>>(0);
+        auto *source = new Source(
+            [inner = std::move(res.stream), counted = ex.streamed](char *buf, std::size_t max) {
+                std::size_t n = inner(buf, max);
+                *counted += n;
+                return n;
+            });
         r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, size_t{64} * 1024, readSource,
                                               source, freeSource);
         if (!r)
             delete source;
     } else {
+        ex.bodyBytes = res.body.size();
         r = MHD_create_response_from_buffer(res.body.size(), const_cast<char *>(res.body.data()),
                                             MHD_RESPMEM_MUST_COPY);
     }
@@ -276,8 +286,8 @@ void work(Impl &s, MHD_Connection *mc, Exchange &ex) {
             ex.route->handler(ex.req, ex.res, who ? &*who : nullptr);
     } catch (const std::exception &e) {
         // The operator needs to know why; the client does not.
-        std::fprintf(stderr, "kobreportd: %s %s failed: %s\n", ex.req.method.c_str(),
-                     ex.req.path.substr(0, 200).c_str(), e.what());
+        log::error("request_failed",
+                   {{"method", ex.req.method}, {"route", ex.route->pattern}, {"error", e.what()}});
         ex.res = Response();
         answer(ex.res, 500, "Internal error\n");
     }
@@ -381,6 +391,7 @@ MHD_Result access(void *cls, MHD_Connection *mc, const char *url, const char *me
         if (!c)
             return MHD_NO;
         ex = new Exchange;
+        s.exchanges++;
         ex->server = &s;
         ex->conn = c;
         ex->start = nowNs();
@@ -445,8 +456,10 @@ void completed(void *cls, MHD_Connection *, void **context, enum MHD_RequestTerm
     if (ex->route && ex->route->access == Access::Upload && s.opt.upload.finished)
         s.opt.upload.finished(ex->req, status, ex->admitted, seconds);
     if (s.opt.observed)
-        s.opt.observed(ex->route, status, seconds);
+        s.opt.observed(ex->req, ex->route, status,
+                       ex->streamed ? ex->streamed->load() : ex->bodyBytes, seconds);
     delete ex;
+    s.exchanges--;
     // A kept connection's next request has the same limits from now on.
     if (!s.opt.close_each && toe == MHD_REQUEST_TERMINATED_COMPLETED_OK) {
         c->startRequest(nowNs(), s.opt.limits);
@@ -476,8 +489,9 @@ bool HttpServer::Impl::startLibrary(std::string &error) {
         {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(unescape), this},
     };
     if (!plain) {
-        o.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, const_cast<char *>(opt.tls_key_pem.c_str())});
-        o.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, const_cast<char *>(opt.tls_cert_pem.c_str())});
+        // Asked for at each handshake, so that a reload takes effect
+        // from the next connection.
+        o.push_back({MHD_OPTION_HTTPS_CERT_CALLBACK, 0, Certificates::callback()});
         o.push_back({MHD_OPTION_HTTPS_PRIORITIES, 0,
                      const_cast<char *>("NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2")});
     }

@@ -9,6 +9,7 @@
 
 #include "clock.h"
 #include "kobtriage.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -67,8 +68,6 @@ Intake::Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quo
 void Intake::addRoutes(RouteTable &table) {
     table.add({Method::Post, kUploadPath, Listener::Intake, Access::Upload, Role::Viewer,
                [this](const Request &req, Response &res, const Principal *) { upload(req, res); }});
-    table.add({Method::Get, "/healthz", Listener::Intake, Access::Open, Role::Viewer,
-               [](const Request &, Response &res, const Principal *) { answer(res, 200, "ok"); }});
 }
 
 namespace {
@@ -194,7 +193,7 @@ void Intake::upload(const Request &req, Response &res) {
         answer(res, 200, "Report received: " + ref);
     } catch (const StoreError &e) {
         // The sender's address is the user's: it is not written here.
-        std::fprintf(stderr, "kobreportd: a report was not stored: %s\n", e.what());
+        log::error("report_not_stored", {{"error", e.what()}});
         answer(res, 503, "Report not stored, please send it again later\n");
     }
 }

@@ -251,6 +251,10 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
             jsonError(res, 403, "this needs an admin token");
             return std::nullopt;
         }
+        if (who->role == Role::Metrics && route.role != Role::Metrics) {
+            jsonError(res, 403, "a metrics token reads /metrics and nothing else");
+            return std::nullopt;
+        }
         break;
     }
     }

@@ -125,6 +125,19 @@ void HttpServer::stop() {
     impl_->stop();
 }
 
+bool HttpServer::drain(std::chrono::steady_clock::time_point deadline) {
+    Impl &s = *impl_;
+    if (!s.draining.exchange(true) && s.listenFd >= 0) {
+        // Out of the loop's sight, and no longer listening: new clients
+        // are refused by the kernel, not left waiting in the queue.
+        epoll_ctl(s.epfd, EPOLL_CTL_DEL, s.listenFd, nullptr);
+        shutdown(s.listenFd, SHUT_RDWR);
+    }
+    while (s.exchanges.load() > 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return s.exchanges.load() == 0;
+}
+
 bool HttpServer::start(std::string &error) {
     Impl &s = *impl_;
     if (!s.bind(error))
@@ -151,7 +164,7 @@ bool HttpServer::start(std::string &error) {
 HttpServer::Impl::Impl(const RouteTable &r, const Guard *g, ServerOptions o)
     : routes(r), guard(g), opt(std::move(o)), workers(std::max(1, opt.workers)) {
     maxConns = opt.limits.max_conns > 0 ? opt.limits.max_conns : maxConnsForFileLimit();
-    plain = opt.tls_cert_pem.empty();
+    plain = opt.certificates == nullptr;
 }
 
 HttpServer::Impl::~Impl() {
@@ -244,7 +257,7 @@ void HttpServer::Impl::acceptLoop() {
     while (!stopping) {
         int n = epoll_wait(epfd, events.data(), static_cast<int>(events.size()), 200);
         int64_t now = nowNs();
-        if (acceptPausedUntil && now >= acceptPausedUntil) {
+        if (acceptPausedUntil && now >= acceptPausedUntil && !draining) {
             struct epoll_event ev {};
             ev.events = EPOLLIN;
             ev.data.ptr = &listenTag;

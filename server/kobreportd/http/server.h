@@ -8,11 +8,13 @@
 #ifndef KOBREPORTD_SERVER_H
 #define KOBREPORTD_SERVER_H
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "certificates.h"
 #include "proxies.h"
 #include "routes.h"
 
@@ -63,7 +65,8 @@ struct ServerOptions {
     // Answers close their connection (the intake), or it is kept for the
     // next request (the staff side).
     bool close_each = true;
-    std::string tls_cert_pem, tls_key_pem; // both or neither
+    // TLS with the certificate and key these hold (null: plain HTTP).
+    Certificates *certificates = nullptr;
     std::vector<std::pair<std::string, std::string>> default_headers;
     std::string not_allowed_text = "Method not allowed\n"; // 405
     // The operator's reverse proxies, or null: only their connections may
@@ -71,9 +74,11 @@ struct ServerOptions {
     const TrustedProxies *proxies = nullptr;
     // Every connection begins with a PROXY protocol preface (v1 or v2).
     bool proxy_protocol = false;
-    // Every request once it is over, with its route (null: none) and its
-    // answer's status (0: none); called on the library's threads.
-    std::function<void(const Route *, int status, double seconds)> observed;
+    // Every request once it is over, with its route (null: none), its
+    // answer's status (0: none) and body bytes; called on the library's
+    // threads.
+    std::function<void(const Request &, const Route *, int status, size_t bytes, double seconds)>
+        observed;
     UploadHooks upload;
 };
 
@@ -88,6 +93,10 @@ class HttpServer {
     // cannot.  port() is the bound port afterwards.
     bool start(std::string &error);
     int port() const;
+    // Stops accepting connections and waits until the requests under way
+    // have been answered, or the deadline passes; true when none is left.
+    // A connection that has not yet sent a whole head is not waited for.
+    bool drain(std::chrono::steady_clock::time_point deadline);
     // Stops accepting, lets the work under way finish, closes everything.
     void stop();
 

@@ -452,7 +452,8 @@ void Staff::addAdminPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.param("name"), password = req.param("password");
              auto role = parseRole(req.param("role"));
-             if (!Accounts::validName(name) || !role || password.size() < 12) {
+             if (!Accounts::validName(name) || !role || *role == Role::Metrics ||
+                 password.size() < 12) {
                  accountsPage(res, who,
                               "Not added: a name of letters, digits and . _ - @, a role, and a "
                               "password of 12 or more characters are needed.",

@@ -69,7 +69,8 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
       << csrfField(v)
       << "<input name=\"name\" placeholder=\"name\" aria-label=\"Token name\" required> "
          "<select name=\"role\" aria-label=\"Role\"><option>viewer</option><option>admin"
-         "</option></select> <button class=\"plain\" type=\"submit\">Make a token</button>"
+         "</option><option>metrics</option></select> <button class=\"plain\" type=\"submit\">Make "
+         "a token</button>"
          "</form>\n";
     return b;
 }

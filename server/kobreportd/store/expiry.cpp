@@ -8,6 +8,7 @@
 #include "kobtriage.h"
 #include "mask.h"
 #include "pack.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -38,8 +39,8 @@ Findings keptFindings(const sql::Rows &rows, size_t i) {
             log.text.clear();
         f.packed = pack(maskAddresses(kobtriage::toJson(report), f.targets));
     } catch (const StoreError &e) {
-        std::fprintf(stderr, "kobreportd: report %lld expired without findings: %s\n",
-                     static_cast<long long>(rows.integer(i, "id")), e.what());
+        log::error("expired_without_findings",
+                   {{"report_id", rows.integer(i, "id")}, {"error", e.what()}});
     }
     return f;
 }

@@ -10,6 +10,7 @@
 #include "outcomes.h"
 #include "pack.h"
 #include "text.h"
+#include "log.h"
 
 namespace kobreportd {
 
@@ -45,8 +46,8 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
                                          rows.integer(i, "size"))));
         } catch (const StoreError &e) {
             // One damaged row must not stop the reports after it.
-            std::fprintf(stderr, "kobreportd: report %lld left as it was: %s\n",
-                         static_cast<long long>(rows.integer(i, "id")), e.what());
+            log::error("retriage_skipped",
+                       {{"report_id", rows.integer(i, "id")}, {"error", e.what()}});
             done.emplace_back();
         }
     }

@@ -4,6 +4,7 @@
 // never wait for a writer.
 
 #include "sql.h"
+#include "log.h"
 
 #include <algorithm>
 #include <cctype>
@@ -12,7 +13,9 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <mutex>
+#include <pwd.h>
 #include <span>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -280,7 +283,7 @@ class SqliteDb : public Db {
                 // waits for the writer or a reader.
                 h->query("PRAGMA wal_checkpoint(PASSIVE)", nullptr, 0);
             } catch (const StoreError &e) {
-                std::fprintf(stderr, "kobreportd: checkpoint: %s\n", e.what());
+                log::error("checkpoint_failed", {{"error", e.what()}});
             }
             lock.lock();
         }
@@ -304,11 +307,38 @@ class SqliteDb : public Db {
     std::thread checkpointer_;
 };
 
+// A first command run before the service ever started finds no state
+// directory: it is made, for whoever runs the command and closed to others,
+// when its parent exists and may be written; else the message says how.
+void makeDirectory(const std::string &path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0)
+        return;
+    std::string dir = path.substr(0, slash);
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) == 0 || errno != ENOENT)
+        return;
+    if (::mkdir(dir.c_str(), 0700) == 0) {
+        log::info("state_directory_made", {{"directory", dir}});
+        return;
+    }
+    int err = errno;
+    const struct passwd *pw = ::getpwuid(::geteuid());
+    const struct group *gr = ::getgrgid(::getegid());
+    std::string owner = pw ? pw->pw_name : std::to_string(::geteuid());
+    std::string group = gr ? gr->gr_name : std::to_string(::getegid());
+    throw StoreError("cannot open " + path + ": the directory " + dir +
+                     " does not exist and cannot be made (" + std::strerror(err) +
+                     "); make it as root with: install -d -m 0700 -o " + owner + " -g " + group +
+                     " " + dir);
+}
+
 // The reports hold users' addresses and logs: the file is the service's
 // alone whatever the umask, and SQLite gives its log and shared-memory files
 // the file's own mode.  A file that an earlier version left readable to
 // others is closed to them, and so are its side files.
 void keepPrivate(const std::string &path) {
+    makeDirectory(path);
     int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
     if (fd < 0)
         throw StoreError("cannot open " + path + ": " + std::strerror(errno));
