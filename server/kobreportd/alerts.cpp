@@ -89,6 +89,10 @@ int AlertTask::check() {
             outbox_.push_back(std::move(doc));
         wake_.notify_all();
     }
+    // For the scrape: what is open in the shared database, and when that
+    // was last seen, so that a stale figure can be told from a fresh one.
+    metrics_.alertsOpen(
+        db_.read("SELECT count(*) AS n FROM alerts WHERE cleared_at IS NULL").integer(0, "n"), t);
     return changed;
 }
 

@@ -249,6 +249,15 @@ std::string Metrics::text() const {
     header(out, "kobreportd_alerts_raised_total", "Alerts raised by this instance since the start.",
            "counter");
     sample(out, "kobreportd_alerts_raised_total", static_cast<double>(alerts_));
+    // Left out until a check has run: no figure rather than a false zero.
+    if (alertsAt_) {
+        header(out, "kobreportd_alerts_open", "Alerts open in the database at the last check.",
+               "gauge");
+        sample(out, "kobreportd_alerts_open", static_cast<double>(alertsOpen_));
+        header(out, "kobreportd_alerts_checked_timestamp_seconds",
+               "When the alerts were last checked, in seconds since the epoch.", "gauge");
+        sample(out, "kobreportd_alerts_checked_timestamp_seconds", static_cast<double>(alertsAt_));
+    }
     return out + serverText() + processText();
 }
 

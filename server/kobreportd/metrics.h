@@ -56,6 +56,11 @@ class Metrics {
     void triage(double seconds) { triage_.observe(seconds); }
     void stored() { stored_++; }
     void alertRaised() { alerts_++; }
+    // The alerts open in the database, as the check at `at` found them.
+    void alertsOpen(int64_t n, std::time_t at) {
+        alertsOpen_ = n;
+        alertsAt_ = at;
+    }
     // The Prometheus text format, version 0.0.4.
     std::string text() const;
 
@@ -70,7 +75,7 @@ class Metrics {
     std::array<std::atomic<uint64_t>, kCodes.size() + 1> uploads_{}; // the last: any other
     std::array<std::atomic<uint64_t>, kRefusals.size()> refusals_{};
     std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0}, expired_{0};
-    std::atomic<int64_t> inflight_{0}, retentionAt_{0};
+    std::atomic<int64_t> inflight_{0}, retentionAt_{0}, alertsOpen_{0}, alertsAt_{0};
     Histogram duration_, triage_;
     std::string version_ = "unknown";
     int layout_ = 0;

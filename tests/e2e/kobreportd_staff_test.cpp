@@ -1194,6 +1194,20 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
         << raised;
     // The first delivery was refused and tried again.
     EXPECT_GE(hook.attempts(), 2);
+    // The scrape shows what is open, once a check has counted it.
+    auto scrapedOpen = [&](const std::string &n) {
+        for (int i = 0; i < 300; i++) {
+            if (s.api("/metrics").body.find("\nkobreportd_alerts_open " + n + "\n") !=
+                std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    };
+    EXPECT_TRUE(scrapedOpen("1"));
+    EXPECT_NE(s.api("/metrics").body.find("\nkobreportd_alerts_checked_timestamp_seconds " +
+                                          std::to_string(t0 + 600) + "\n"),
+              std::string::npos);
     // Still broken at the next checks: nothing more is sent.  Two hours on,
     // six healthy reports bring the share back and the alert clears.
     setClock(t0 + 2 * 3600);
@@ -1208,6 +1222,7 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
     EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "0");
     EXPECT_NE(s.api("/metrics").body.find("\nkobreportd_alerts_raised_total 1\n"),
               std::string::npos);
+    EXPECT_TRUE(scrapedOpen("0"));
     EXPECT_EQ(s.stop(), 0);
     EXPECT_EQ(hook.delivered(), 2u);
 }
