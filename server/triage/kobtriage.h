@@ -93,7 +93,11 @@ struct Capture {
     std::size_t lines = 0;
     SourceLine heading;         // the "==> Dumping the result of" line
     std::size_t first_line = 0; // the number of the text's first line
+    // The whole text's size when only its beginning is held (a report
+    // read back from its stored findings); 0 when text is whole.
+    std::size_t whole_size = 0;
     bool empty() const { return text.empty(); }
+    std::size_t size() const { return whole_size ? whole_size : text.size(); }
 };
 
 // How much of each client log a parsed report keeps: the logs of a report
@@ -116,6 +120,8 @@ struct ClientLog {
 struct Section {
     std::string heading; // without "==> "; empty for text outside any heading
     std::string text;
+    std::size_t whole_size = 0; // as Capture's
+    std::size_t size() const { return whole_size ? whole_size : text.size(); }
 };
 
 struct Verdict {
@@ -171,6 +177,18 @@ struct StoredFacts {
 // The report's findings and verdicts as one JSON object.  Without facts the
 // reference is null.
 std::string toJson(const Report &report, const StoredFacts *facts = nullptr);
+
+// A triaged report as a server keeps it beside the text, so that its page
+// can be made without reading the text again: everything the triage found,
+// with each capture's text cut to its first kStoredCaptureMax bytes, each
+// unknown section's to kStoredSectionMax, each evidence line's to
+// kStoredLineMax (the cut ones keep their whole size), and without the
+// logs' samples.  fromStored gives nothing for a document it cannot read.
+inline constexpr std::size_t kStoredCaptureMax = std::size_t{64} * 1024 + 16;
+inline constexpr std::size_t kStoredSectionMax = std::size_t{256} * 1024 + 16;
+inline constexpr std::size_t kStoredLineMax = 1024 + 16;
+std::string toStored(const Report &report);
+std::optional<Report> fromStored(std::string_view stored);
 
 // A JSON document as every program here writes it: compact, with bytes
 // that are not UTF-8 replaced by U+FFFD.

@@ -385,3 +385,86 @@ TEST(TriageJson, StringsAreValidUtf8AndEscaped) {
     // A cut sequence is one broken character, not one per byte.
     EXPECT_EQ(kobtriage::validUtf8("a\xf0\x9f\x98z"), "a\xef\xbf\xbdz");
 }
+
+namespace {
+
+// What a page shows of a report and its JSON say, compared whole.
+void expectSameFindings(const kobtriage::Report &a, const kobtriage::Report &b) {
+    EXPECT_EQ(kobtriage::toJson(a), kobtriage::toJson(b));
+    ASSERT_EQ(a.captures.size(), b.captures.size());
+    for (size_t i = 0; i < a.captures.size(); i++) {
+        EXPECT_EQ(a.captures[i].text, b.captures[i].text);
+        EXPECT_EQ(a.captures[i].heading, b.captures[i].heading);
+        EXPECT_EQ(a.captures[i].first_line, b.captures[i].first_line);
+    }
+    ASSERT_EQ(a.logs.size(), b.logs.size());
+    for (size_t i = 0; i < a.logs.size(); i++) {
+        EXPECT_EQ(a.logs[i].offset, b.logs[i].offset);
+        EXPECT_EQ(a.logs[i].label, b.logs[i].label);
+    }
+    EXPECT_EQ(a.popen_lines, b.popen_lines);
+}
+
+} // namespace
+
+TEST(TriageStored, ReadsBackWhatTheTriageFoundForEveryKindOfRun) {
+    std::vector<std::string> texts;
+    auto healthy = reportgen::healthyRun();
+    texts.push_back(reportgen::report(healthy));
+    auto blocked = healthy;
+    blocked.udp.assign(5, reportgen::udpTimeout());
+    blocked.tcp[3] = reportgen::tcpTimeout();
+    blocked.traceroute = " 1  192.168.1.1  1.123 ms  * 1.004 ms !H\n 2  * * *\n";
+    texts.push_back(reportgen::report(blocked));
+    texts.push_back("garbage before\n==> Something new\nwith text\n");
+    texts.push_back(reportgen::report(healthy).substr(0, 900));
+    for (const auto &text : texts) {
+        SCOPED_TRACE(text.substr(0, 60));
+        auto r = parse(text);
+        auto back = kobtriage::fromStored(kobtriage::toStored(r));
+        ASSERT_TRUE(back);
+        expectSameFindings(r, *back);
+        // Written again, the same document.
+        EXPECT_EQ(kobtriage::toStored(*back), kobtriage::toStored(r));
+    }
+}
+
+TEST(TriageStored, LongTextsKeepTheirBeginningAndWholeSize) {
+    auto run = reportgen::healthyRun();
+    run.ifconfig = std::string(100000, 'i') + "\n";
+    run.logs["kobvane_stdout.txt"] = std::string(300000, 'l') + "\n";
+    auto r = parse(reportgen::report(run));
+    r.unknown.push_back({"odd", std::string(400000, 'u'), 0});
+    r.verdicts[0].evidence.push_back({7, std::string(5000, 'e')});
+    auto back = kobtriage::fromStored(kobtriage::toStored(r));
+    ASSERT_TRUE(back);
+    const auto &cap = back->captures[0];
+    EXPECT_EQ(cap.text, std::string(kobtriage::kStoredCaptureMax, 'i'));
+    EXPECT_EQ(cap.size(), 100001u);
+    EXPECT_EQ(back->unknown.back().text, std::string(kobtriage::kStoredSectionMax, 'u'));
+    EXPECT_EQ(back->unknown.back().size(), 400000u);
+    EXPECT_EQ(back->verdicts[0].evidence.back().text, std::string(kobtriage::kStoredLineMax, 'e'));
+    // The logs are counted and placed, not copied.
+    for (const auto &l : back->logs)
+        EXPECT_TRUE(l.text.empty());
+    // Cut again, the sizes stay the whole ones.
+    auto again = kobtriage::fromStored(kobtriage::toStored(*back));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->captures[0].size(), 100001u);
+}
+
+TEST(TriageStored, ADocumentItCannotReadGivesNothing) {
+    std::string good = kobtriage::toStored(parse(reportgen::report(reportgen::healthyRun())));
+    EXPECT_FALSE(kobtriage::fromStored(""));
+    EXPECT_FALSE(kobtriage::fromStored("[]"));
+    EXPECT_FALSE(kobtriage::fromStored(good.substr(0, good.size() / 2)));
+    auto j = nlohmann::json::parse(good);
+    j["verdicts"][0]["level"] = 9;
+    EXPECT_FALSE(kobtriage::fromStored(j.dump()));
+    j = nlohmann::json::parse(good);
+    j.erase("udp");
+    EXPECT_FALSE(kobtriage::fromStored(j.dump()));
+    j = nlohmann::json::parse(good);
+    j["logs"][0]["size"] = "big";
+    EXPECT_FALSE(kobtriage::fromStored(j.dump()));
+}
