@@ -81,6 +81,7 @@ struct Triaged {
     std::string summary;
     std::vector<Outcome> outcomes;
     int rules = 0;
+    std::string findings; // all it found, as kobtriage::toStored writes it
 };
 Triaged triage(std::string_view text);
 

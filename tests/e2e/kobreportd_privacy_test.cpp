@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -209,4 +210,50 @@ TEST_P(Privacy, AHugeReportsPageStaysLightAndItsRawTextIsNumbered) {
                 digits += std::to_string(n).size();
             return digits;
         }());
+}
+
+namespace {
+
+// The server's peak resident memory so far, in bytes, from /proc.
+uint64_t peakMemory(pid_t pid) {
+    std::string status = kobtest::readFile("/proc/" + std::to_string(pid) + "/status");
+    auto at = status.find("VmHWM:");
+    return at == std::string::npos ? 0 : std::stoull(status.substr(at + 6)) * 1024;
+}
+
+} // namespace
+
+TEST_P(Privacy, FourViewersOfAHugeReportRaiseThePeakByAtMost64MiB) {
+    std::string desc = reportgen::reportOfSize(64u << 20, 11);
+    // The form around a 64 MiB report is a little more than the default
+    // bound.
+    reportd::Server s(KOBREPORTD_BIN, db, {"--max-body", std::to_string(65u << 20)});
+    std::string ref = reportd::reference(reportd::upload(s.port(), desc, "joan"));
+    ASSERT_FALSE(ref.empty());
+    desc.clear();
+    desc.shrink_to_fit();
+    std::vector<reportd::Browser> viewers;
+    for (int i = 0; i < 4; i++)
+        viewers.push_back(s.signedIn("viewer"));
+    uint64_t before = peakMemory(s.pid());
+    ASSERT_GT(before, 0u);
+    std::vector<std::thread> views;
+    std::vector<int> statuses(4);
+    std::vector<size_t> sizes(4);
+    for (int i = 0; i < 4; i++)
+        views.emplace_back([&, i] {
+            auto page = viewers[static_cast<size_t>(i)].get("/reports/" + ref);
+            statuses[static_cast<size_t>(i)] = page.status;
+            sizes[static_cast<size_t>(i)] = page.body.size();
+        });
+    for (auto &t : views)
+        t.join();
+    uint64_t after = peakMemory(s.pid());
+    for (int i = 0; i < 4; i++) {
+        EXPECT_EQ(statuses[static_cast<size_t>(i)], 200);
+        EXPECT_LE(sizes[static_cast<size_t>(i)], 2u << 20);
+    }
+    std::printf("peak memory %.1f MiB before the views, %.1f MiB after\n",
+                static_cast<double>(before) / (1 << 20), static_cast<double>(after) / (1 << 20));
+    EXPECT_LE(after - before, uint64_t{64} << 20);
 }

@@ -185,6 +185,7 @@ void Intake::upload(const Request &req, Response &res) {
         nr.summary = std::move(t.summary);
         nr.outcomes = std::move(t.outcomes);
         nr.rules = t.rules;
+        nr.findings = std::move(t.findings);
     }
     nr.peer = req.client_address;
     try {

@@ -200,7 +200,11 @@ Staff::Loaded Staff::load(std::initializer_list<std::string> references) {
 void Staff::keepTargets(const StoredReport &s, Response &res) {
     if (s.raw_expired)
         return; // its kept findings were masked when it expired
-    AddressSet targets = targetAddresses(kobtriage::parse(s.desc));
+    keepTargets(kobtriage::parse(s.desc), res);
+}
+
+void Staff::keepTargets(const kobtriage::Report &r, Response &res) {
+    AddressSet targets = targetAddresses(r);
     res.keep.insert(targets.begin(), targets.end());
 }
 
@@ -229,18 +233,61 @@ void Staff::notFound(Response &res, const Principal &who, const std::string &ref
 }
 
 void Staff::reportPage(const Request &req, Response &res, const Principal &who, bool reveal) {
-    auto loaded = load({req.matches[1]});
-    auto &s = loaded.reports[0];
+    // PostgreSQL hands over a value whole, and keeps a buffer as large on
+    // the connection: there the text is asked for in pieces.  SQLite would
+    // read the whole value for each piece, and gives it without a copy.
+    bool inPieces = store_.db().dialect() == sql::Dialect::Postgres;
+    auto s = inPieces ? store_.head(req.matches[1]) : store_.get(req.matches[1], false);
     if (!s) {
         notFound(res, who, req.matches[1]);
         return;
     }
     audit_.record(who.account, req.client_address, reveal ? "report.revealed" : "report.viewed",
                   s->reference);
-    show(res, 200, s->reference, &who,
-         pages::report(*s, s->desc, reveal, viewer(who), retainDays_));
     res.unmasked = reveal;
-    keepTargets(*s, res);
+    // A large report is shown from the findings stored with it and the
+    // ends of its logs read out of the compressed text: never whole in
+    // memory, nor parsed again.
+    std::optional<kobtriage::Report> stored;
+    if (!s->raw_expired && s->desc_packed &&
+        static_cast<uint64_t>(s->size) > pages::kInlineRawBytes)
+        stored = kobtriage::fromStored(s->findings);
+    if (stored) {
+        pages::ReportBody body{&*stored, nullptr, {}};
+        if (inPieces) {
+            TextReader reader(store_.storedPieces(s->id), true, s->size);
+            body.ends = pages::logEnds(*stored, reader);
+        } else {
+            auto hold = packedBudget_.take(s->desc.size());
+            TextReader reader(std::make_shared<const std::string>(std::move(s->desc)), true,
+                              s->size);
+            body.ends = pages::logEnds(*stored, reader);
+        }
+        show(res, 200, s->reference, &who,
+             pages::report(*s, body, reveal, viewer(who), retainDays_));
+        keepTargets(*stored, res);
+        return;
+    }
+    // Else from the whole text, judged again: a report stored before its
+    // findings were, or one of ordinary size.
+    auto hold = budget_.take(s->raw_expired ? 0 : static_cast<uint64_t>(s->size));
+    if (inPieces && !s->raw_expired)
+        s = store_.get(req.matches[1], false);
+    if (!s) {
+        notFound(res, who, req.matches[1]);
+        return;
+    }
+    std::optional<kobtriage::Report> parsed;
+    if (!s->raw_expired) {
+        if (s->desc_packed)
+            s->desc = unpack(s->desc, true, s->size);
+        s->desc_packed = false;
+        parsed = kobtriage::parse(s->desc);
+    }
+    pages::ReportBody body{parsed ? &*parsed : nullptr, &s->desc, {}};
+    show(res, 200, s->reference, &who, pages::report(*s, body, reveal, viewer(who), retainDays_));
+    if (parsed)
+        keepTargets(*parsed, res);
 }
 
 namespace {

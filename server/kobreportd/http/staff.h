@@ -84,6 +84,7 @@ class Staff {
     // The addresses a report's verdicts are about, which masking leaves:
     // the run's targets.  Added to res.keep.
     static void keepTargets(const StoredReport &s, Response &res);
+    static void keepTargets(const kobtriage::Report &r, Response &res);
     // A side of a comparison.
     pages::CompareSide side(const StoredReport &s);
     // The raw text as plain text, each line after its number when
@@ -130,6 +131,9 @@ class Staff {
     bool tls_;
     int retainDays_;
     TextBudget budget_{uint64_t{64} << 20};
+    // Compressed texts held while a large report's log ends are read out
+    // of them: a few at a time, since each is held whole.
+    TextBudget packedBudget_{uint64_t{32} << 20};
 };
 
 } // namespace kobreportd

@@ -13,6 +13,8 @@
 #include "audit.h"
 #include "fleet.h"
 #include "html.h"
+#include "kobtriage.h"
+#include "pack.h"
 #include "public_url.h"
 #include "store.h"
 
@@ -36,8 +38,29 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
 
 html::Html list(const ListPage &page, const std::string &query, int64_t pageNumber,
                 int64_t pageSize, const Links &links);
-// text is the report as this viewer may see it (masked unless revealed).
-html::Html report(const StoredReport &s, const std::string &text, bool revealed, const Viewer &v,
+// What a page shows of one client log: its first and last bytes within
+// the page's bounds, and how many lie between.
+struct LogEnds {
+    std::string head, tail;
+    std::size_t left_out = 0;
+};
+// A report of up to this many bytes is shown whole on its page.
+constexpr std::size_t kInlineRawBytes = std::size_t{1024} * 1024;
+// Each Present log's ends (in the report's order), from the whole text.
+std::vector<std::optional<LogEnds>> logEnds(const kobtriage::Report &r, std::string_view raw);
+// The same from the stored text read once from its start: what is shown
+// is all that is held.  Throws StoreError as the reader does.
+std::vector<std::optional<LogEnds>> logEnds(const kobtriage::Report &r, TextReader &reader);
+
+// What a report's page is made from: the triage's findings (null when the
+// raw text has expired), and either the whole text or, for a large report
+// whose findings were stored, what is shown of its logs.
+struct ReportBody {
+    const kobtriage::Report *triaged = nullptr;
+    const std::string *raw = nullptr;
+    std::vector<std::optional<LogEnds>> ends;
+};
+html::Html report(const StoredReport &s, const ReportBody &body, bool revealed, const Viewer &v,
                   int retainDays);
 html::Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pageNumber,
                  int64_t pageSize, const Links &links);

@@ -22,11 +22,10 @@ namespace {
 // it shows of the report's own text, in bytes of page.
 constexpr std::size_t kEvidenceLines = 20, kEvidenceLineBytes = 512;
 constexpr std::size_t kKiB = 1024;
-constexpr std::size_t kLogEnds = 64 * kKiB;          // each log's start and end
-constexpr std::size_t kCaptureBytes = 64 * kKiB;     // each capture's start
-constexpr std::size_t kCapturesBytes = 512 * kKiB;   // all captures
-constexpr std::size_t kUnknownBytes = 256 * kKiB;    // all sections not understood
-constexpr std::size_t kInlineRawBytes = 1024 * kKiB; // a whole report shown as it came
+constexpr std::size_t kLogEnds = 64 * kKiB;        // each log's start and end
+constexpr std::size_t kCaptureBytes = 64 * kKiB;   // each capture's start
+constexpr std::size_t kCapturesBytes = 512 * kKiB; // all captures
+constexpr std::size_t kUnknownBytes = 256 * kKiB;  // all sections not understood
 
 std::string ms(double v) {
     char buf[32];
@@ -212,31 +211,56 @@ Html captureTexts(const kobtriage::Report &r, const std::string &rawHref) {
         left -= std::min(left, html::escape(shown).size());
         b << "<h3>" << text(c.command) << "</h3><pre class=\"capture\">" << text(shown)
           << "</pre>\n";
-        if (shown.size() < c.text.size())
-            b << leftOut(c.text.size() - shown.size(), rawHref);
+        if (shown.size() < c.size())
+            b << leftOut(c.size() - shown.size(), rawHref);
     }
     return b;
 }
 
 // Each client log's first and last 64 KiB of page, and how much lies
 // between.
-Html logExcerpts(const kobtriage::Report &r, std::string_view raw, const std::string &rawHref) {
+Html logExcerpts(const kobtriage::Report &r, const std::vector<std::optional<LogEnds>> &ends,
+                 const std::string &rawHref) {
     Html b;
-    for (const auto &l : r.logs) {
-        if (l.state != kobtriage::ClientLog::State::Present || l.offset + l.size > raw.size())
+    for (std::size_t i = 0; i < r.logs.size() && i < ends.size(); i++) {
+        if (!ends[i])
             continue;
-        std::string_view whole = raw.substr(l.offset, l.size);
-        std::string_view head = html::headWithin(whole, kLogEnds);
-        std::string_view tail = html::tailWithin(whole.substr(head.size()), kLogEnds);
+        const auto &l = r.logs[i];
+        const LogEnds &e = *ends[i];
         b << "<h3>" << text(l.file) << ", " << l.size << " bytes, from line " << l.label.number + 1
-          << "</h3><pre class=\"log\">" << text(head) << "</pre>\n";
-        if (head.size() + tail.size() < whole.size())
-            b << leftOut(whole.size() - head.size() - tail.size(), rawHref);
-        if (!tail.empty())
-            b << "<pre class=\"log\">" << text(tail) << "</pre>\n";
+          << "</h3><pre class=\"log\">" << text(e.head) << "</pre>\n";
+        if (e.left_out)
+            b << leftOut(e.left_out, rawHref);
+        if (!e.tail.empty())
+            b << "<pre class=\"log\">" << text(e.tail) << "</pre>\n";
     }
     return b;
 }
+
+// A log's place in the text, when its text is there to show.
+bool shown(const kobtriage::ClientLog &l, std::size_t textSize) {
+    return l.state == kobtriage::ClientLog::State::Present && l.offset + l.size <= textSize;
+}
+
+// The ends of one log from what is at hand of it: the whole log, or (for a
+// log longer than both ends with a byte to spare each) a window of its
+// first and of its last kLogEnds + 1 bytes.  The spare byte keeps a line
+// that the window cuts from being taken as if it were whole: the window
+// then costs more than the bound, so only whole lines inside it are ever
+// taken, as they would be from the whole log.
+LogEnds ends(std::string_view first, std::string_view last, std::size_t size) {
+    LogEnds e;
+    std::string_view head = html::headWithin(first, kLogEnds);
+    std::string_view tail = last.data() == first.data()
+                                ? html::tailWithin(first.substr(head.size()), kLogEnds)
+                                : html::tailWithin(last, kLogEnds);
+    e.head = head;
+    e.tail = tail;
+    e.left_out = size - head.size() - tail.size();
+    return e;
+}
+
+constexpr std::size_t kWindow = kLogEnds + 1;
 
 Html unknownSections(const kobtriage::Report &r, const std::string &rawHref) {
     Html b;
@@ -249,8 +273,8 @@ Html unknownSections(const kobtriage::Report &r, const std::string &rawHref) {
         left -= std::min(left, html::escape(shown).size());
         b << "<h3>" << text(sct.heading.empty() ? "(outside any heading)" : sct.heading)
           << "</h3><pre>" << text(shown) << "</pre>\n";
-        if (shown.size() < sct.text.size())
-            b << leftOut(sct.text.size() - shown.size(), rawHref);
+        if (shown.size() < sct.size())
+            b << leftOut(sct.size() - shown.size(), rawHref);
     }
     return b;
 }
@@ -282,7 +306,58 @@ Html keptVerdicts(const std::string &findings) {
 
 } // namespace
 
-Html report(const StoredReport &s, const std::string &raw, bool revealed, const Viewer &v,
+std::vector<std::optional<LogEnds>> logEnds(const kobtriage::Report &r, std::string_view raw) {
+    std::vector<std::optional<LogEnds>> out;
+    for (const auto &l : r.logs) {
+        out.emplace_back();
+        if (!shown(l, raw.size()))
+            continue;
+        std::string_view whole = raw.substr(l.offset, l.size);
+        out.back() = ends(whole, whole, l.size);
+    }
+    return out;
+}
+
+std::vector<std::optional<LogEnds>> logEnds(const kobtriage::Report &r, TextReader &reader) {
+    // The pieces wanted, by where they start in the text; each log wants
+    // one (all of it) or two (its ends).
+    struct Piece {
+        std::size_t from, to;
+        std::string bytes;
+    };
+    std::vector<std::vector<Piece>> wanted(r.logs.size());
+    for (std::size_t i = 0; i < r.logs.size(); i++) {
+        const auto &l = r.logs[i];
+        if (l.state != kobtriage::ClientLog::State::Present)
+            continue;
+        if (l.size > 2 * kWindow)
+            wanted[i] = {{l.offset, l.offset + kWindow, {}},
+                         {l.offset + l.size - kWindow, l.offset + l.size, {}}};
+        else
+            wanted[i] = {{l.offset, l.offset + l.size, {}}};
+    }
+    std::vector<char> buf(64 * kKiB);
+    std::size_t at = 0;
+    for (std::size_t n; (n = reader.read(buf.data(), buf.size())) > 0; at += n)
+        for (auto &pieces : wanted)
+            for (auto &p : pieces) {
+                std::size_t from = std::max(p.from, at), to = std::min(p.to, at + n);
+                if (from < to)
+                    p.bytes.append(buf.data() + (from - at), to - from);
+            }
+    std::vector<std::optional<LogEnds>> out(r.logs.size());
+    for (std::size_t i = 0; i < r.logs.size(); i++) {
+        const auto &pieces = wanted[i];
+        if (pieces.empty() || !shown(r.logs[i], at))
+            continue;
+        std::string_view first = pieces.front().bytes;
+        out[i] = ends(first, pieces.size() == 2 ? std::string_view(pieces.back().bytes) : first,
+                      r.logs[i].size);
+    }
+    return out;
+}
+
+Html report(const StoredReport &s, const ReportBody &body, bool revealed, const Viewer &v,
             int retainDays) {
     bool admin = v.who && v.who->role == Role::Admin;
     Html b;
@@ -290,9 +365,7 @@ Html report(const StoredReport &s, const std::string &raw, bool revealed, const 
     if (revealed)
         b << "<p class=\"notice\" id=\"revealed\">Unmasked: this view shows the user's own "
              "addresses. It is in the audit log.</p>\n";
-    std::optional<kobtriage::Report> r;
-    if (!s.raw_expired)
-        r = kobtriage::parse(raw);
+    const kobtriage::Report *r = s.raw_expired ? nullptr : body.triaged;
     b << "<dl class=\"facts\">";
     fact(b, "Received (UTC)", shownTime(s.received_at));
     fact(b, "User (form)", s.form_username.value_or(""));
@@ -351,11 +424,12 @@ Html report(const StoredReport &s, const std::string &raw, bool revealed, const 
     b << unknownSections(*r, rawHref);
     // A report of ordinary size is shown whole; of a larger one, what its
     // captures printed and the two ends of each client log.
-    if (html::headWithin(raw, kInlineRawBytes).size() == raw.size()) {
-        b << "<h2>Raw report</h2><pre id=\"raw\">" << text(raw) << "</pre>\n";
+    if (body.raw && html::headWithin(*body.raw, kInlineRawBytes).size() == body.raw->size()) {
+        b << "<h2>Raw report</h2><pre id=\"raw\">" << text(*body.raw) << "</pre>\n";
     } else {
         b << "<h2>Command output</h2>\n" << captureTexts(*r, rawHref);
-        b << "<h2>Client log excerpts</h2>\n" << logExcerpts(*r, raw, rawHref);
+        b << "<h2>Client log excerpts</h2>\n"
+          << logExcerpts(*r, body.raw ? logEnds(*r, *body.raw) : body.ends, rawHref);
         b << "<h2>Raw report</h2>\n";
     }
     b << "<p id=\"whole\"><a href=\"" << text(rawHref) << "\">The whole report as it came</a>, "

@@ -44,7 +44,9 @@ std::string Store::insert(const NewReport &r) {
     // Compressed by the uploading thread, so that the reports of a batch
     // are compressed side by side before their commit, not one by one in it.
     std::string packed = pack(r.desc);
-    Pending mine{&r, &packed, {}, {}, false};
+    Pending mine{&r, &packed, {}, {}, {}, false};
+    if (!r.findings.empty())
+        mine.findings = pack(r.findings);
     std::unique_lock<std::mutex> lock(groupMutex_);
     queue_.push_back(&mine);
     // SQLite writes one transaction at a time anyway; PostgreSQL's server
@@ -82,8 +84,7 @@ std::string Store::insert(const NewReport &r) {
 void Store::commit(const std::vector<Pending *> &batch) {
     auto alone = [this](Pending *p) {
         try {
-            db_.transaction(
-                [&](sql::Conn &c) { p->reference = insertOne(c, *p->report, *p->packed); });
+            db_.transaction([&](sql::Conn &c) { p->reference = insertOne(c, *p); });
             p->error.reset();
         } catch (const std::exception &e) {
             p->error = e.what();
@@ -96,7 +97,7 @@ void Store::commit(const std::vector<Pending *> &batch) {
     try {
         db_.transaction([&](sql::Conn &c) {
             for (Pending *p : batch)
-                p->reference = insertOne(c, *p->report, *p->packed);
+                p->reference = insertOne(c, *p);
         });
         return;
     } catch (const std::exception &) {
@@ -107,7 +108,9 @@ void Store::commit(const std::vector<Pending *> &batch) {
         alone(p);
 }
 
-std::string Store::insertOne(sql::Conn &c, const NewReport &r, const std::string &packed) {
+std::string Store::insertOne(sql::Conn &c, const Pending &p) {
+    const NewReport &r = *p.report;
+    const std::string &packed = *p.packed;
     std::optional<std::string> formUser, reportUser;
     if (r.form_username)
         formUser = cleanText(*r.form_username);
@@ -131,15 +134,15 @@ std::string Store::insertOne(sql::Conn &c, const NewReport &r, const std::string
     // holding a second copy of it.
     bool pieces = !pg && packed.size() > kPieceWiseFrom;
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
-            " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net) VALUES ($1, $2, $3,"
-            " $4, $5,"
-            " $6, $7, $8, " +
-                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12)",
+            " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net, findings_zstd)"
+            " VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
+                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12, $13)",
             {sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
              sql::optText(reportUser), sql::text(summary), sql::text(peer),
              sql::integer(static_cast<int64_t>(r.desc.size())),
              pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
-             sql::optBlob(r.why), sql::integer(r.rules), sql::text(senderNetwork(peer))});
+             sql::optBlob(r.why), sql::integer(r.rules), sql::text(senderNetwork(peer)),
+             sql::optBlob(p.findings)});
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);

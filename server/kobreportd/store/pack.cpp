@@ -42,15 +42,36 @@ std::string unpack(const std::string &stored, bool packed, int64_t size) {
 }
 
 TextReader::TextReader(std::shared_ptr<const std::string> stored, bool packed, int64_t size)
-    : stored_(std::move(stored)), packed_(packed), size_(static_cast<uint64_t>(size)) {
+    : stored_(std::move(stored)), input_(*stored_), packed_(packed),
+      size_(static_cast<uint64_t>(size)) {
+    begin();
+}
+
+TextReader::TextReader(std::function<std::string()> pieces, bool packed, int64_t size)
+    : pieces_(std::move(pieces)), packed_(packed), size_(static_cast<uint64_t>(size)) {
+    refill();
+    begin();
+}
+
+void TextReader::begin() {
     if (!packed_)
         return;
     // A frame that does not say it holds this many bytes is refused before
-    // anything of it is sent.
-    if (ZSTD_getFrameContentSize(stored_->data(), stored_->size()) != size_)
+    // anything of it is sent.  Its header is at most 18 bytes, in the
+    // first piece.
+    if (ZSTD_getFrameContentSize(input_.data(), input_.size()) != size_)
         throw StoreError("a stored report is damaged: its text does not decompress");
     if (!(stream_ = ZSTD_createDStream()))
         throw StoreError("cannot read the report: out of memory");
+}
+
+bool TextReader::refill() {
+    if (!pieces_)
+        return false;
+    piece_ = pieces_();
+    input_ = piece_;
+    in_ = 0;
+    return !piece_.empty();
 }
 
 TextReader::~TextReader() {
@@ -60,20 +81,28 @@ TextReader::~TextReader() {
 std::size_t TextReader::read(char *buf, std::size_t max) {
     const char *damaged = "a stored report is damaged: its text does not decompress";
     if (!packed_) {
-        std::size_t n = std::min(max, stored_->size() - in_);
-        std::copy_n(stored_->data() + in_, n, buf);
+        if (in_ == input_.size() && !refill())
+            return 0;
+        std::size_t n = std::min(max, input_.size() - in_);
+        std::copy_n(input_.data() + in_, n, buf);
         in_ += n;
+        given_ += n;
+        if (given_ > size_)
+            throw StoreError(damaged);
         return n;
     }
     ZSTD_outBuffer out{buf, max, 0};
     while (out.pos == 0) {
-        ZSTD_inBuffer in{stored_->data(), stored_->size(), in_};
+        // Called even with no new input: what it holds back is flushed.
+        ZSTD_inBuffer in{input_.data(), input_.size(), in_};
         size_t rc = ZSTD_decompressStream(static_cast<ZSTD_DStream *>(stream_), &out, &in);
         in_ = in.pos;
         if (ZSTD_isError(rc))
             throw StoreError(damaged);
-        if (out.pos == 0 && (rc == 0 || in_ == stored_->size()))
-            break; // the frame's end, or all of it read
+        if (out.pos > 0 || rc == 0)
+            break; // something to give, or the frame's end
+        if (in_ == input_.size() && !refill())
+            break; // all of it read
     }
     given_ += out.pos;
     if (given_ > size_ || (out.pos == 0 && given_ != size_))

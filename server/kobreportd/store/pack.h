@@ -5,6 +5,7 @@
 #define KOBREPORTD_PACK_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,13 +28,23 @@ class TextReader {
   public:
     // Several readers may share one stored text.
     TextReader(std::shared_ptr<const std::string> stored, bool packed, int64_t size);
+    // The stored bytes from a source that gives them in order, a piece at
+    // a time, and "" after the last.
+    TextReader(std::function<std::string()> pieces, bool packed, int64_t size);
     ~TextReader();
     TextReader(const TextReader &) = delete;
     TextReader &operator=(const TextReader &) = delete;
     std::size_t read(char *buf, std::size_t max);
 
   private:
+    void begin();
+    // The next piece into view; false at the end.
+    bool refill();
+
     std::shared_ptr<const std::string> stored_;
+    std::function<std::string()> pieces_;
+    std::string piece_;
+    std::string_view input_; // what is in view of the stored bytes
     bool packed_;
     uint64_t size_, given_ = 0;
     std::size_t in_ = 0;

@@ -45,7 +45,7 @@ StoredReport storedReport(const sql::Rows &r, size_t i, bool unpackText) {
     s.findings = packed && !packed->empty() ? unpackFrame(*packed, uint64_t{256} << 20)
                                             : r.str(i, "findings");
     s.desc_packed = r.integer(i, "desc_zstd") != 0;
-    s.desc = r.str(i, "desc");
+    s.desc = r.isNull(i, "desc") ? std::string() : r.str(i, "desc");
     if (unpackText && s.desc_packed) {
         s.desc = unpack(s.desc, true, s.size);
         s.desc_packed = false;
@@ -70,6 +70,33 @@ std::optional<StoredReport> Store::get(const std::string &reference, bool unpack
     if (rows.empty())
         return std::nullopt;
     return storedReport(rows, 0, unpackText);
+}
+
+std::optional<StoredReport> Store::head(const std::string &reference) {
+    if (!plausibleReference(reference))
+        return std::nullopt;
+    auto rows = db_.read(std::string("SELECT ") + kListColumns +
+                             ", peer, NULL AS \"desc\", why, findings, findings_zstd, desc_zstd"
+                             " FROM reports WHERE reference = $1",
+                         {sql::text(reference)});
+    if (rows.empty())
+        return std::nullopt;
+    return storedReport(rows, 0, false);
+}
+
+std::function<std::string()> Store::storedPieces(int64_t id) {
+    constexpr int64_t kPiece = int64_t{1} << 20;
+    return [this, id, at = int64_t{0}]() mutable {
+        // substr counts bytes of a blob (bytea) from 1, on both stores.
+        auto rows = db_.read("SELECT substr(\"desc\", CAST($2 AS INTEGER), CAST($3 AS INTEGER))"
+                             " AS piece FROM reports WHERE id = $1",
+                             {sql::integer(id), sql::integer(at + 1), sql::integer(kPiece)});
+        if (rows.empty() || rows.isNull(0, "piece"))
+            return std::string();
+        std::string piece = rows.str(0, "piece");
+        at += static_cast<int64_t>(piece.size());
+        return piece;
+    };
 }
 
 ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {

@@ -31,6 +31,7 @@ struct NewReport {
     std::string peer;
     std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
     int rules = 0;                 // the version of the rules that judged it
+    std::string findings;          // the triage's, as kobtriage::toStored writes them
 };
 
 struct StoredReport {
@@ -44,7 +45,10 @@ struct StoredReport {
     std::string desc;
     std::optional<std::string> why;
     bool raw_expired = false; // desc, why and peer are gone; findings remain
-    std::string findings;     // JSON, kept when the raw text expires
+    // JSON: what the triage found, as kobtriage::toStored writes it (""
+    // for a report stored before findings were); once the raw text has
+    // expired, the masked findings kept in its place.
+    std::string findings;
     int64_t size = 0;
     bool desc_packed = false; // desc is still the stored zstd frame
 };
@@ -77,6 +81,12 @@ class Store {
     // unpackText false leaves desc as stored (see desc_packed), for
     // reading it a piece at a time with a TextReader.
     std::optional<StoredReport> get(const std::string &reference, bool unpackText = true);
+    // The same without the text (desc is left empty; desc_packed says how
+    // it is stored), for reading it in pieces with storedPieces().
+    std::optional<StoredReport> head(const std::string &reference);
+    // A report's text as stored, a megabyte at a time, "" after the last:
+    // a large text is never fetched whole from the database.
+    std::function<std::string()> storedPieces(int64_t id);
     // Newest first.  query matches a reference (whole or its beginning) or
     // part of a user name, without regard to case.
     ListPage list(const std::string &query, int64_t offset, int64_t limit);
@@ -117,13 +127,14 @@ class Store {
   private:
     struct Pending {
         const NewReport *report;
-        const std::string *packed; // its text as stored
+        const std::string *packed;           // its text as stored
+        std::optional<std::string> findings; // compressed, when there are any
         std::string reference;
         std::optional<std::string> error;
         bool done = false;
     };
     void commit(const std::vector<Pending *> &batch);
-    std::string insertOne(sql::Conn &c, const NewReport &r, const std::string &packed);
+    std::string insertOne(sql::Conn &c, const Pending &p);
     sql::Db &db_;
     std::mutex groupMutex_;
     std::condition_variable groupDone_;
