@@ -257,3 +257,36 @@ TEST_P(Privacy, FourViewersOfAHugeReportRaiseThePeakByAtMost64MiB) {
                 static_cast<double>(before) / (1 << 20), static_cast<double>(after) / (1 << 20));
     EXPECT_LE(after - before, uint64_t{64} << 20);
 }
+
+// A large report's page comes from the findings stored with it and the ends
+// of its logs read out of the stored text; it is the very page that the
+// whole text, judged again, gives.
+TEST_P(Privacy, ALargeReportsPageFromItsFindingsIsThePageFromItsText) {
+    auto run = reportgen::healthyRun();
+    run.ifconfig = std::string(70000, 'i') + "\n<en0> & more\n";
+    std::string log, other;
+    for (int i = 0; log.size() < (3u << 20); i++)
+        log += "line " + std::to_string(i) + " <tag a=\"" + std::string(i % 300, 'x') + "\"> & \n";
+    for (int i = 0; other.size() < 100000; i++)
+        other += "err " + std::to_string(i) + " \xc3\xa9\xe2\x82\xac\n";
+    run.logs["kobvane_stdout.txt"] = log;
+    run.logs["kobvane_stderr.txt"] = other;
+    run.logs["kobrun_stdout.txt"] = std::string(200000, 'z'); // one line, no line feed
+    reportd::Server s(KOBREPORTD_BIN, db);
+    std::string ref = reportd::reference(reportd::upload(s.port(), reportgen::report(run), "joan"));
+    ASSERT_FALSE(ref.empty());
+    ASSERT_NE(reportd::databaseValue(db, "SELECT count(*) FROM reports WHERE findings_zstd IS NOT"
+                                         " NULL"),
+              "0");
+    reportd::Browser viewer = s.signedIn("viewer");
+    auto fromFindings = viewer.get("/reports/" + ref);
+    ASSERT_EQ(fromFindings.status, 200);
+    // Without its findings, as a report stored by an earlier version.
+    reportd::databaseValue(db, "UPDATE reports SET findings_zstd = NULL");
+    auto fromText = viewer.get("/reports/" + ref);
+    ASSERT_EQ(fromText.status, 200);
+    EXPECT_EQ(fromFindings.body.size(), fromText.body.size());
+    EXPECT_TRUE(fromFindings.body == fromText.body);
+    EXPECT_NE(fromText.body.find("bytes not shown here"), std::string::npos);
+    EXPECT_NE(fromText.body.find("&lt;tag a="), std::string::npos);
+}
