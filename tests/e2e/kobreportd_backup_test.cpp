@@ -6,6 +6,8 @@
 #include "reportd.h"
 #include "store_fixture.h"
 
+#include <ctime>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -91,3 +93,81 @@ TEST(BackupCommandLine, TheCopyNeedsATarget) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err.rfind("usage: kobreportd", 0), 0u);
 }
+
+namespace {
+
+std::string today() {
+    std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    char buf[16];
+    std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
+    return buf;
+}
+
+// The operator's backup and restore for each store, as the manual page
+// gives them.
+class Restore : public OnEitherStore {
+  protected:
+    bool pg() const { return GetParam() == "postgres"; }
+    std::string name() const { return db.substr(db.rfind('/') + 1); }
+
+    reportd::Command backUp(const std::string &to) {
+        if (!pg())
+            return reportd::command(KOBREPORTD_BIN, {"backup", "--db", db, "--to", to});
+        return reportd::command(reportd::sharedPostgres().program("pg_dump"),
+                                {"-Fc", "-f", to, "-d", db});
+    }
+
+    // With the server stopped.
+    void restore(const std::string &from) {
+        if (!pg()) {
+            for (const char *side : {"", "-wal", "-shm"})
+                std::filesystem::remove(db + side);
+            std::filesystem::copy_file(from, db);
+            std::filesystem::permissions(db, std::filesystem::perms::owner_read |
+                                                 std::filesystem::perms::owner_write);
+            return;
+        }
+        auto &server = reportd::sharedPostgres();
+        server.psql("DROP DATABASE " + name());
+        server.psql("CREATE DATABASE " + name());
+        auto r = reportd::command(server.program("pg_restore"), {"-d", db, from});
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+};
+
+} // namespace
+
+// Users keep the references they were given after the backup was taken;
+// the restored server must never give one of them again.
+TEST_P(Restore, ARestoredOlderCopyNeverGivesAReferenceAgain) {
+    std::string copy = dir.file("copy");
+    std::vector<std::string> given;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        given.push_back(reportd::reference(reportd::upload(s.port(), "before the backup\n")));
+        auto b = backUp(copy);
+        ASSERT_EQ(b.status, 0) << b.err;
+        for (int i = 0; i < 3; i++)
+            given.push_back(reportd::reference(reportd::upload(s.port(), "after the backup\n")));
+        EXPECT_EQ(s.stop(), 0);
+    }
+    restore(copy);
+    EXPECT_EQ(value("SELECT count(*) FROM reports"), "1");
+    reportd::Server s(KOBREPORTD_BIN, db);
+    for (int i = 0; i < 3; i++) {
+        std::string ref = reportd::reference(reportd::upload(s.port(), "after the restore\n"));
+        SCOPED_TRACE(ref);
+        for (const auto &old : given) {
+            EXPECT_NE(ref, old);
+            EXPECT_GT(reportd::referenceNumber(ref, today()),
+                      reportd::referenceNumber(old, today()));
+        }
+        given.push_back(ref);
+    }
+    EXPECT_EQ(value("SELECT count(*) FROM reports"), "4");
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, Restore, ::testing::Values("sqlite", "postgres"),
+                         [](const auto &info) { return info.param; });

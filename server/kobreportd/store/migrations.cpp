@@ -165,6 +165,15 @@ void packedFindings(sql::Dialect d, sql::Conn &c) {
     }
 }
 
+// The last reference number given on each day, so that a number carrying
+// the time of day is never given twice (Store::nextNumber).  References
+// given before it end in their report's id, six digits or more, and stay
+// as they are.
+void referenceDays(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS reference_days ("
+                   " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -191,6 +200,7 @@ constexpr Step kSteps[] = {
     {6, senderNetworks},
     {7, foldedSignIns},
     {8, packedFindings},
+    {9, referenceDays},
 };
 // clang-format on
 
