@@ -1,12 +1,14 @@
 // kobreportd: receives the problem reports kobdiag uploads, keeps them, and
 // shows them to signed-in support staff on a listener of their own.
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sys/resource.h>
 #include <pthread.h>
 #include <string>
@@ -21,6 +23,7 @@
 #include "commands.h"
 #include "fleet.h"
 #include "intake.h"
+#include "log.h"
 #include "metrics.h"
 #include "migrations.h"
 #include "proxies.h"
@@ -233,6 +236,26 @@ ServerOptions staffOptions(const Settings &o, const std::string &host, int port,
     return so;
 }
 
+// Another instance on the same database may move it to a newer layout,
+// whose rows this one cannot read: from then on both listeners answer 503
+// instead of serving them, and the operator is told once.
+std::function<std::optional<std::string>()> layoutGate(sql::Db &db) {
+    auto told = std::make_shared<std::atomic<bool>>(false);
+    return [&db, told]() -> std::optional<std::string> {
+        auto newer = newerLayout(db);
+        if (!newer)
+            return std::nullopt;
+        if (!told->exchange(true))
+            log::error("layout_newer",
+                       {{"layout", *newer},
+                        {"own_layout", currentLayout()},
+                        {"message", newerLayoutMessage(*newer) + "; not serving until upgraded"}});
+        return "Service unavailable: the database was upgraded to layout " +
+               std::to_string(*newer) + " by a newer kobreportd; this one reads layout " +
+               std::to_string(currentLayout()) + "\n";
+    };
+}
+
 // Each request of a listener, counted under its route's pattern.
 std::function<void(const Route *, int, double)> observer(Metrics &metrics, const char *listener) {
     return [&metrics, listener](const Route *route, int status, double seconds) {
@@ -333,6 +356,7 @@ int main(int argc, char *argv[]) {
 
     ServerOptions io = intakeOptions(o, host, port, intake);
     io.observed = observer(metrics, "intake");
+    io.unavailable = layoutGate(*database);
     HttpServer intakeServer(table, nullptr, io);
     std::string error;
     if (!intakeServer.start(error))
@@ -342,6 +366,7 @@ int main(int argc, char *argv[]) {
     if (!staffListen.empty()) {
         ServerOptions so = staffOptions(o, staffHost, staffPort, guard.secure());
         so.observed = observer(metrics, "staff");
+        so.unavailable = io.unavailable;
         so.tls_cert_pem = certPem;
         so.tls_key_pem = keyPem;
         staffServer = std::make_unique<HttpServer>(table, &guard, so);

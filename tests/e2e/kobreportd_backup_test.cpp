@@ -171,3 +171,107 @@ TEST_P(Restore, ARestoredOlderCopyNeverGivesAReferenceAgain) {
 
 INSTANTIATE_TEST_SUITE_P(Stores, Restore, ::testing::Values("sqlite", "postgres"),
                          [](const auto &info) { return info.param; });
+
+// The layout this kobreportd writes (kobreportd --version names it).
+constexpr int kLayout = 9;
+
+// Before a file of an older layout is migrated, a copy of it as it was is
+// left beside it; a new file has nothing to copy.
+TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        reportd::upload(s.port(), "kept\n");
+        EXPECT_EQ(s.stop(), 0);
+        EXPECT_EQ(s.errors().find("migration_backup"), std::string::npos) << s.errors();
+    }
+    std::string copy = db + ".layout8-backup";
+    EXPECT_FALSE(kobtest::fileExists(db + ".layout" + std::to_string(kLayout) + "-backup"));
+    EXPECT_FALSE(kobtest::fileExists(db + ".layout0-backup"));
+    // The layout before: without the day's reference numbers.
+    reportd::sqliteValue(db, "DROP TABLE reference_days");
+    reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
+    // Any use of the database migrates it: here a command's.
+    auto migrated = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
+    EXPECT_EQ(migrated.status, 0);
+    EXPECT_EQ(migrated.err.rfind("{\"time\":\"", 0), 0u) << migrated.err;
+    EXPECT_EQ(migrated.err.substr(migrated.err.find("\"level\"")),
+              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":9,\"path\":\"" +
+                  copy + "\"}\n");
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        EXPECT_FALSE(reportd::reference(reportd::upload(s.port(), "after\n")).empty());
+        EXPECT_EQ(s.stop(), 0);
+    }
+    EXPECT_EQ(modeOf(copy), 0600);
+    EXPECT_EQ(reportd::sqliteValue(copy, "SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
+    EXPECT_EQ(reportd::sqliteValue(copy, "SELECT count(*) FROM reports"), "1");
+    EXPECT_EQ(reportd::sqliteValue(copy, "PRAGMA integrity_check"), "ok");
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT value FROM kob_meta WHERE key = 'schema'"),
+              std::to_string(kLayout));
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT count(*) FROM reports"), "2");
+
+    // Put back, and migrated again: the first copy is not overwritten.
+    reportd::sqliteValue(db, "DROP TABLE reference_days");
+    reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
+    auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "kobreportd: not migrating the database to layout 9: cannot write " + copy +
+                         ": it exists already\n");
+    EXPECT_EQ(reportd::sqliteValue(copy, "SELECT count(*) FROM reports"), "1");
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
+}
+
+namespace {
+
+class Layout : public OnEitherStore {};
+
+} // namespace
+
+// A database a newer kobreportd has migrated is not opened at all.
+TEST_P(Layout, ADatabaseOfANewerLayoutIsRefusedAtStart) {
+    {
+        reportd::Server s(KOBREPORTD_BIN, db);
+        EXPECT_EQ(s.stop(), 0);
+    }
+    value("UPDATE kob_meta SET value = '" + std::to_string(kLayout + 1) + "' WHERE key = 'schema'");
+    auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
+                     "one knows up to 9)\n");
+    r = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
+                     "one knows up to 9)\n");
+}
+
+// Another instance migrated the shared database under a running one: the
+// running one stops serving rows it cannot read, says why, and logs it once.
+TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    EXPECT_EQ(reportd::upload(s.port(), "before\n").status, 200);
+    EXPECT_EQ(s.api("/api/reports").status, 200);
+    value("UPDATE kob_meta SET value = '" + std::to_string(kLayout + 1) + "' WHERE key = 'schema'");
+    const std::string why = "Service unavailable: the database was upgraded to layout 10 by a "
+                            "newer kobreportd; this one reads layout 9\n";
+    auto up = reportd::upload(s.port(), "after\n");
+    EXPECT_EQ(up.status, 503);
+    EXPECT_EQ(up.body, why);
+    auto staff = s.api("/api/reports");
+    EXPECT_EQ(staff.status, 503);
+    EXPECT_EQ(staff.body, why);
+    EXPECT_EQ(reportd::get(s.staffPort(), "/signin").status, 503);
+    EXPECT_EQ(value("SELECT count(*) FROM reports"), "1");
+    EXPECT_EQ(s.stop(), 0);
+    const std::string line =
+        "\"level\":\"error\",\"event\":\"layout_newer\",\"layout\":10,\"own_layout\":9,"
+        "\"message\":\"the database was written by a newer kobreportd (layout 10, this one knows "
+        "up to 9); not serving until upgraded\"}\n";
+    std::string errors = s.errors();
+    auto at = errors.find(line);
+    EXPECT_NE(at, std::string::npos) << errors;
+    EXPECT_EQ(errors.find(line, at + 1), std::string::npos) << errors;
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, Layout, ::testing::Values("sqlite", "postgres"),
+                         [](const auto &info) { return info.param; });

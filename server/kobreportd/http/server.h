@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,9 @@ struct ServerOptions {
     // answer's status (0: none); called on the library's threads.
     std::function<void(const Route *, int status, double seconds)> observed;
     UploadHooks upload;
+    // Asked on a worker before every request's handler: a text means the
+    // listener cannot serve now, and the request is answered 503 with it.
+    std::function<std::optional<std::string>()> unavailable;
 };
 
 class HttpServer {
