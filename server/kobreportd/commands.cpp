@@ -38,6 +38,7 @@ int usage() {
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
         "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n"
+        "       kobreportd backup --db PATH --to FILE\n"
         "       kobreportd --version\n");
     return 1;
 }
@@ -129,18 +130,41 @@ int retriage(Store &store, Audit &audit, const char *who) {
     return 0;
 }
 
+// A copy of a live SQLite database, taken while the server goes on storing
+// uploads.  Nothing is migrated: the copy is the database as it is.
+int backup(const std::string &db, const std::string &to) {
+    if (isDatabaseUrl(db))
+        return fail("backup copies an SQLite file; back up PostgreSQL with pg_dump -Fc and "
+                    "restore it with pg_restore (see kobreportd(8))");
+    if (::access(db.c_str(), F_OK) != 0)
+        return fail("no database at " + db);
+    try {
+        auto database = sql::openSqlite(db);
+        int64_t reports = 0;
+        database->copyTo(to, [&reports](sql::Conn &c) {
+            reports = c.query("SELECT count(*) AS n FROM reports").integer(0, "n");
+        });
+        std::printf("kobreportd: backed up %lld %s to %s\n", static_cast<long long>(reports),
+                    reports == 1 ? "report" : "reports", to.c_str());
+        return 0;
+    } catch (const StoreError &e) {
+        return fail(std::string("backup failed: ") + e.what());
+    }
+}
+
 } // namespace
 
 int command(const std::vector<std::string> &args) {
-    std::string db, role, olderThan, targets;
+    std::string db, role, olderThan, targets, to;
     std::vector<std::string> words;
     for (size_t i = 0; i < args.size(); i++) {
         if ((args[i] == "--db" || args[i] == "--role" || args[i] == "--older-than" ||
-             args[i] == "--targets") &&
+             args[i] == "--targets" || args[i] == "--to") &&
             i + 1 < args.size()) {
             (args[i] == "--db"           ? db
              : args[i] == "--role"       ? role
              : args[i] == "--older-than" ? olderThan
+             : args[i] == "--to"         ? to
                                          : targets) = args[i + 1];
             i++;
         } else if (args[i].rfind("--", 0) == 0) {
@@ -152,6 +176,11 @@ int command(const std::vector<std::string> &args) {
     if (db.empty() || words.empty())
         return usage();
     const std::string &what = words[0];
+    if (what == "backup" || !to.empty())
+        return what == "backup" && words.size() == 1 && !to.empty() && role.empty() &&
+                       olderThan.empty() && targets.empty()
+                   ? backup(db, to)
+                   : usage();
     std::string verb = words.size() > 1 ? words[1] : "";
     std::string name = words.size() > 2 ? words[2] : "";
     bool named = words.size() == 3 && (verb == "add" || verb == "del");

@@ -1,6 +1,6 @@
-// kobreportd's commands beside the server (user, token, purge, retriage):
-// one change to the database, then exit; and the command line's shared
-// helpers.
+// kobreportd's commands beside the server (user, token, purge, retriage,
+// backup): one change to the database, or one copy of it, then exit; and
+// the command line's shared helpers.
 
 #ifndef KOBREPORTD_COMMANDS_H
 #define KOBREPORTD_COMMANDS_H
@@ -18,7 +18,7 @@ int fail(const std::string &what);
 bool number(const char *s, unsigned long long max, unsigned long long &out);
 
 // Runs the command the words name (argv without the program): user ...,
-// token ..., purge ..., retriage.  Returns the exit status.
+// token ..., purge ..., retriage, backup.  Returns the exit status.
 int command(const std::vector<std::string> &args);
 
 } // namespace kobreportd

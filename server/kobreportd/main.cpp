@@ -1,6 +1,9 @@
 // kobreportd: receives the problem reports kobdiag uploads, keeps them, and
 // shows them to signed-in support staff on a listener of their own.
 
+#include <atomic>
+#include <mutex>
+#include <utility>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -8,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sys/resource.h>
 #include <pthread.h>
 #include <string>
@@ -246,6 +250,45 @@ ServerOptions staffOptions(const Settings &o, const std::string &host, int port,
     return so;
 }
 
+// Another instance on the same database may move it to a newer layout,
+// whose rows this one cannot read: from then on both listeners answer 503
+// instead of serving them, and the operator is told once.
+// The layout is read at most once a second, not for every request: a
+// flood of requests must not become a flood of queries.
+std::function<std::optional<std::string>()> layoutGate(sql::Db &db) {
+    struct Seen {
+        std::mutex mutex;
+        std::chrono::steady_clock::time_point next{};
+        std::optional<int> newer;
+        bool told = false;
+    };
+    auto seen = std::make_shared<Seen>();
+    return [&db, seen]() -> std::optional<std::string> {
+        std::optional<int> newer;
+        bool tell = false;
+        {
+            std::lock_guard<std::mutex> hold(seen->mutex);
+            auto t = std::chrono::steady_clock::now();
+            if (!seen->newer && t >= seen->next) {
+                seen->newer = newerLayout(db);
+                seen->next = t + std::chrono::seconds(1);
+            }
+            newer = seen->newer;
+            tell = newer && !std::exchange(seen->told, true);
+        }
+        if (!newer)
+            return std::nullopt;
+        if (tell)
+            log::error("layout_newer",
+                       {{"layout", *newer},
+                        {"own_layout", currentLayout()},
+                        {"message", newerLayoutMessage(*newer) + "; not serving until upgraded"}});
+        return "Service unavailable: the database was upgraded to layout " +
+               std::to_string(*newer) + " by a newer kobreportd; this one reads layout " +
+               std::to_string(currentLayout()) + "\n";
+    };
+}
+
 // Each request of a listener, counted under its route's pattern, and with
 // --access-log written as one line: the route's pattern rather than the
 // path, so that no query and no reference or name from the path is kept.
@@ -406,6 +449,7 @@ int main(int argc, char *argv[]) {
 
     ServerOptions io = intakeOptions(o, host, port, intake);
     io.observed = observer(metrics, "intake", o.accessLog);
+    io.unavailable = layoutGate(*database);
     HttpServer intakeServer(table, nullptr, io);
     std::string error;
     if (!intakeServer.start(error))
@@ -415,6 +459,7 @@ int main(int argc, char *argv[]) {
     if (!staffListen.empty()) {
         ServerOptions so = staffOptions(o, staffHost, staffPort, guard.secure());
         so.observed = observer(metrics, "staff", o.accessLog);
+        so.unavailable = io.unavailable;
         so.certificates = tls ? &certificates : nullptr;
         staffServer = std::make_unique<HttpServer>(table, &guard, so);
         if (!staffServer->start(error))

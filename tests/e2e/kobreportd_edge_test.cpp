@@ -394,5 +394,6 @@ TEST(EdgeCommandLine, TheUsageTextNamesEveryOption) {
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
         "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n"
+        "       kobreportd backup --db PATH --to FILE\n"
         "       kobreportd --version\n");
 }

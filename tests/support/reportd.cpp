@@ -515,6 +515,20 @@ std::string reference(const Response &r) {
     return r.body.substr(prefix.size());
 }
 
+long long referenceNumber(const std::string &ref, const std::string &day) {
+    const std::string prefix = "KOB-" + day + "-";
+    if (ref.rfind(prefix, 0) != 0 || ref.size() < prefix.size() + 9 ||
+        ref.size() > prefix.size() + 18)
+        return -1;
+    long long n = 0;
+    for (size_t i = prefix.size(); i < ref.size(); i++) {
+        if (ref[i] < '0' || ref[i] > '9')
+            return -1;
+        n = n * 10 + (ref[i] - '0');
+    }
+    return n;
+}
+
 Postgres::Postgres() {
     namespace fs = std::filesystem;
     std::error_code ec;

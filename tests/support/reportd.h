@@ -128,6 +128,10 @@ std::string formEncode(const std::vector<std::pair<std::string, std::string>> &f
 // The reference from "Report received: KOB-..." or empty.
 std::string reference(const Response &r);
 
+// The number of a reference given on day ("YYYYMMDD"): "KOB-" day "-" and 9
+// or more digits.  -1 for anything else.
+long long referenceNumber(const std::string &ref, const std::string &day);
+
 // A report text as the database holds it (a zstd frame) and back, with
 // the same library and level as kobreportd; "<not a zstd frame>" when it
 // does not decompress.
@@ -158,6 +162,8 @@ class Postgres {
     std::string url(const std::string &db = "postgres") const;
     // Runs SQL through psql; returns its standard output.
     std::string psql(const std::string &sql, const std::string &db = "postgres") const;
+    // The path of one of the server's client programs (pg_dump, ...).
+    std::string program(const std::string &name) const { return bin_ + "/" + name; }
 
   private:
     bool ok_ = false;

@@ -280,9 +280,15 @@ MHD_Result formField(void *cls, enum MHD_ValueKind, const char *key, const char 
 void work(Impl &s, MHD_Connection *mc, Exchange &ex) {
     try {
         bool ok = false;
+        // Alive is alive, whatever the database holds.
+        std::optional<std::string> down = s.opt.unavailable && ex.route->pattern != "/healthz"
+                                              ? s.opt.unavailable()
+                                              : std::nullopt;
         std::optional<Principal> who =
-            s.guard ? s.guard->check(*ex.route, ex.req, ex.res, ok) : std::nullopt;
-        if (ok || !s.guard)
+            !down && s.guard ? s.guard->check(*ex.route, ex.req, ex.res, ok) : std::nullopt;
+        if (down)
+            answer(ex.res, 503, *down);
+        else if (ok || !s.guard)
             ex.route->handler(ex.req, ex.res, who ? &*who : nullptr);
     } catch (const std::exception &e) {
         // The operator needs to know why; the client does not.

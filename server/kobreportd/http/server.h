@@ -11,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,9 @@ struct ServerOptions {
     std::function<void(const Request &, const Route *, int status, size_t bytes, double seconds)>
         observed;
     UploadHooks upload;
+    // Asked on a worker before every request's handler: a text means the
+    // listener cannot serve now, and the request is answered 503 with it.
+    std::function<std::optional<std::string>()> unavailable;
 };
 
 class HttpServer {

@@ -4,6 +4,7 @@
 #include "store.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <thread>
 
@@ -23,12 +24,79 @@ constexpr size_t kCommitBytes = size_t{8} << 20;
 // Above this size SQLite is handed the report in pieces.
 constexpr size_t kPieceWiseFrom = size_t{256} << 10;
 
+// A reference's number is a time of day in these steps (9 digits in a day).
+constexpr int64_t kStepsPerSecond = 10000;
+constexpr int64_t kStepsPerDay = 86400 * kStepsPerSecond;
+
+int64_t stepsSinceEpoch() {
+    using namespace std::chrono;
+    return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count() /
+           (1000000 / kStepsPerSecond);
+}
+
+int64_t startOfDay(std::time_t t) {
+    int64_t s = static_cast<int64_t>(t);
+    return (s - ((s % 86400) + 86400) % 86400) * kStepsPerSecond;
+}
+
+// The day's numbers, shared by every instance on the database.  A number is
+// one more than the day's last or the time of day, whichever is larger.
+constexpr const char *kNextNumber =
+    "INSERT INTO reference_days (day, issued) VALUES ($1, $2) ON CONFLICT (day) DO UPDATE SET"
+    " issued = CASE WHEN reference_days.issued + 1 > excluded.issued"
+    " THEN reference_days.issued + 1 ELSE excluded.issued END RETURNING issued";
+
 } // namespace
 
-std::string makeReference(std::time_t receivedAt, int64_t id) {
-    char number[24];
-    std::snprintf(number, sizeof number, "-%06lld", static_cast<long long>(id));
-    return "KOB-" + utcTime(receivedAt, "%Y%m%d") + number;
+std::string makeReference(std::time_t receivedAt, int64_t number) {
+    char digits[24];
+    std::snprintf(digits, sizeof digits, "-%09lld", static_cast<long long>(number));
+    return "KOB-" + utcTime(receivedAt, "%Y%m%d") + digits;
+}
+
+// A reference must never be given twice, even by a server started on a
+// restored backup that knows nothing of the references given after the
+// backup was taken.  So the day's number carries the time of day, in steps
+// of 100 microseconds, and is given out only once the clock has reached it:
+// every number the old server gave is below the time it stopped, and every
+// number the restored server gives is at or above the time it started.
+// Numbers asked for faster than the steps run ahead of the clock, and the
+// answer waits for it to catch up, which bounds the intake at 10,000
+// reports a second.  A clock set back cannot hold uploads for long: after a
+// second the number goes out as it is, still unique in this database.
+//
+// Under the test clock the day is the test's and the number is the real
+// time of day, given out at once.
+int64_t Store::nextNumber(sql::Conn &c, std::time_t receivedAt) {
+    std::string day = utcTime(receivedAt, "%Y%m%d");
+    const bool waits = !testClock();
+    auto floor = [&] {
+        int64_t now = stepsSinceEpoch();
+        return waits ? std::max<int64_t>(0, now - startOfDay(receivedAt)) : now % kStepsPerDay;
+    };
+    int64_t number = 0;
+    auto take = [&](sql::Conn &on) {
+        number =
+            on.query(kNextNumber, {sql::text(day), sql::integer(floor())}).integer(0, "issued");
+    };
+    if (db_.dialect() == sql::Dialect::Postgres) {
+        // In a transaction of its own, so that the day's row is locked for
+        // a moment and not for a whole batch's commit.  It need not reach
+        // the disk by itself: the report's commit, later in the same log,
+        // takes it there.
+        db_.transaction([&](sql::Conn &own) {
+            own.query("SET LOCAL synchronous_commit TO OFF");
+            take(own);
+        });
+    } else {
+        // SQLite's writer holds the database alone until its commit.
+        take(c);
+    }
+    auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    for (int64_t ahead;
+         waits && (ahead = number - floor()) > 0 && std::chrono::steady_clock::now() < giveUp;)
+        std::this_thread::sleep_for(std::chrono::microseconds(ahead * (1000000 / kStepsPerSecond)));
+    return number;
 }
 
 bool plausibleReference(const std::string &s) {
@@ -118,7 +186,7 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
         reportUser = cleanText(*r.report_username);
     std::string summary = cleanText(r.summary), peer = cleanText(r.peer);
     bool pg = db_.dialect() == sql::Dialect::Postgres;
-    // The number is known before the row is written, so the row is
+    // The row's id is known before the row is written, so the row is
     // written once, reference and all: rewriting it would write the
     // report a second time.  PostgreSQL takes it from the table's sequence,
     // unique across instances sharing the database; SQLite's writer holds
@@ -129,7 +197,7 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
            : c.query("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name ="
                      " 'reports'), 0), coalesce((SELECT max(id) FROM reports), 0)) + 1 AS id")
                  .integer(0, "id");
-    std::string ref = makeReference(r.received_at, id);
+    std::string ref = makeReference(r.received_at, nextNumber(c, r.received_at));
     // A large report goes into SQLite in pieces, not through one record
     // holding a second copy of it.
     bool pieces = !pg && packed.size() > kPieceWiseFrom;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "log.h"
 #include "pack.h"
 
 namespace kobreportd {
@@ -165,6 +166,15 @@ void packedFindings(sql::Dialect d, sql::Conn &c) {
     }
 }
 
+// The last reference number given on each day, so that a number carrying
+// the time of day is never given twice (Store::nextNumber).  References
+// given before it end in their report's id, six digits or more, and stay
+// as they are.
+void referenceDays(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS reference_days ("
+                   " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -191,13 +201,53 @@ constexpr Step kSteps[] = {
     {6, senderNetworks},
     {7, foldedSignIns},
     {8, packedFindings},
+    {9, referenceDays},
 };
 // clang-format on
+
+int layoutOf(const std::string &value) {
+    return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
+}
+
+// A file about to change its layout is copied first, beside it, so that
+// going back to the version before is a matter of putting the copy back.
+// An older copy of the same name is not overwritten: it may be the only
+// one left of a database an earlier upgrade started from.
+void backUpBeforeMigrating(sql::Db &db, int from) {
+    std::string file = db.file();
+    if (file.empty())
+        return;
+    std::string copy = file + ".layout" + std::to_string(from) + "-backup";
+    try {
+        db.copyTo(copy, [](sql::Conn &) {});
+    } catch (const StoreError &e) {
+        throw StoreError("not migrating the database to layout " + std::to_string(currentLayout()) +
+                         ": " + e.what());
+    }
+    log::info("migration_backup", {{"from", from}, {"to", currentLayout()}, {"path", copy}});
+}
 
 } // namespace
 
 int currentLayout() {
     return std::end(kSteps)[-1].layout;
+}
+
+std::optional<int> newerLayout(sql::Db &db) {
+    try {
+        auto v = db.read("SELECT value FROM kob_meta WHERE key = 'schema'");
+        int layout = v.empty() ? 0 : layoutOf(v.str(0, "value"));
+        if (layout > currentLayout())
+            return layout;
+    } catch (const StoreError &) {
+        // The database cannot be read now; the request finds that out itself.
+    }
+    return std::nullopt;
+}
+
+std::string newerLayoutMessage(int layout) {
+    return "the database was written by a newer kobreportd (layout " + std::to_string(layout) +
+           ", this one knows up to " + std::to_string(currentLayout()) + ")";
 }
 
 void migrate(sql::Db &db) {
@@ -209,17 +259,18 @@ void migrate(sql::Db &db) {
         int layout = 0;
         if (tableExists(d, c, "kob_meta")) {
             auto v = c.query("SELECT value FROM kob_meta WHERE key = 'schema'");
-            layout = v.empty()
-                         ? 0
-                         : static_cast<int>(std::strtol(v.str(0, "value").c_str(), nullptr, 10));
+            layout = v.empty() ? 0 : layoutOf(v.str(0, "value"));
         } else if (tableExists(d, c, "reports")) {
             layout = 1;
         }
         if (layout > currentLayout())
-            throw StoreError("the database was written by a newer kobreportd (layout " +
-                             std::to_string(layout) + ")");
+            throw StoreError(newerLayoutMessage(layout));
         if (layout == currentLayout())
             return;
+        // Readers are not held up by the writer's transaction: the copy is
+        // the database as it stands before the first step.
+        if (layout > 0)
+            backUpBeforeMigrating(db, layout);
         for (const Step &s : kSteps)
             if (s.layout > layout)
                 s.apply(d, c);

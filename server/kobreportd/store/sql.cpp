@@ -26,6 +26,10 @@ void Conn::fillBlob(const char *, const char *, int64_t, std::string_view) {
     throw StoreError("incremental blob writes are SQLite's");
 }
 
+void Db::copyTo(const std::string &, const std::function<void(Conn &)> &) {
+    throw StoreError("a copy of the database is made by SQLite alone");
+}
+
 Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {
     Rows rows;
     transaction([&](Conn &c) { rows = c.query(sql, params); });
@@ -36,8 +40,12 @@ Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {
 
 namespace kobreportd {
 
+bool isDatabaseUrl(const std::string &name) {
+    return name.rfind("postgresql://", 0) == 0 || name.rfind("postgres://", 0) == 0;
+}
+
 std::unique_ptr<sql::Db> openDatabase(const std::string &name) {
-    if (name.rfind("postgresql://", 0) == 0 || name.rfind("postgres://", 0) == 0)
+    if (isDatabaseUrl(name))
         return sql::openPostgres(name);
     return sql::openSqlite(name);
 }

@@ -174,6 +174,14 @@ class Db {
     // After deleting text that must not stay on disk: make the database file
     // itself hold no copy of it (SQLite's log is folded back and emptied).
     virtual void scrub() = 0;
+    // The file the database lives in; empty for PostgreSQL and a database
+    // in memory.
+    virtual std::string file() const { return {}; }
+    // SQLite only: writes a consistent copy of the database as it is now
+    // into file, which must not exist yet; it is made 0600 and synced to
+    // disk, and its integrity checked, before check runs on it (read only).
+    // Writers go on meanwhile.  Throws StoreError, leaving no file behind.
+    virtual void copyTo(const std::string &file, const std::function<void(Conn &)> &check);
 };
 
 std::unique_ptr<Db> openSqlite(const std::string &path);
@@ -184,6 +192,8 @@ std::unique_ptr<Db> openPostgres(const std::string &url);
 // Opens the database named on the command line: a postgresql:// URL or a
 // file.
 std::unique_ptr<sql::Db> openDatabase(const std::string &name);
+// A postgresql:// (or postgres://) URL rather than a file.
+bool isDatabaseUrl(const std::string &name);
 
 } // namespace kobreportd
 

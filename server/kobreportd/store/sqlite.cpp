@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -28,10 +29,9 @@ namespace {
 
 class Handle {
   public:
-    explicit Handle(const std::string &path) {
-        int rc = sqlite3_open_v2(path.c_str(), &db_,
-                                 SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                                 nullptr);
+    explicit Handle(const std::string &path,
+                    int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) {
+        int rc = sqlite3_open_v2(path.c_str(), &db_, flags | SQLITE_OPEN_NOMUTEX, nullptr);
         if (rc != SQLITE_OK) {
             std::string msg = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
             sqlite3_close(db_);
@@ -241,7 +241,72 @@ class SqliteDb : public Db {
         writer_.query("PRAGMA wal_checkpoint(TRUNCATE)", nullptr, 0);
     }
 
+    std::string file() const override { return path_ == ":memory:" ? "" : path_; }
+
+    void copyTo(const std::string &file, const std::function<void(Conn &)> &check) override {
+        createPrivate(file);
+        try {
+            {
+                // VACUUM INTO reads the database in one read transaction,
+                // which in write-ahead-log mode never holds up the writer:
+                // uploads go on while the copy is written.  The backup API
+                // copying a few pages at a time would start over at every
+                // commit of the server's, and so never end under a steady
+                // stream of uploads.
+                Pool<Handle>::Lease h(readers_);
+                Param into = text(file);
+                h->query("VACUUM INTO $1", &into, 1);
+            }
+            // SQLite does not sync what VACUUM INTO writes.
+            syncToDisk(file);
+            Handle copy(file, SQLITE_OPEN_READWRITE);
+            Rows verdict = copy.query("PRAGMA integrity_check", nullptr, 0);
+            if (verdict.size() != 1 || verdict.str(0, "integrity_check") != "ok")
+                throw StoreError("the copy " + file + " failed its integrity check: " +
+                                 (verdict.empty() ? "" : verdict.str(0, "integrity_check")));
+            HandleConn c(copy);
+            check(c);
+        } catch (...) {
+            for (const char *side : {"", "-wal", "-shm", "-journal"})
+                ::unlink((file + side).c_str());
+            throw;
+        }
+    }
+
   private:
+    // The copy's file, made before SQLite writes into it, so that it is
+    // never readable to others and an existing file is never overwritten.
+    static void createPrivate(const std::string &file) {
+        int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0600);
+        if (fd < 0)
+            throw StoreError("cannot write " + file + ": " +
+                             (errno == EEXIST ? std::string("it exists already")
+                                              : std::string(std::strerror(errno))));
+        bool ok = ::fchmod(fd, 0600) == 0;
+        int err = errno;
+        ::close(fd);
+        if (!ok) {
+            ::unlink(file.c_str());
+            throw StoreError("cannot make " + file + " private: " + std::strerror(err));
+        }
+    }
+
+    // The file's bytes and its name in its directory.
+    static void syncToDisk(const std::string &file) {
+        std::string dir = file.find('/') == std::string::npos
+                              ? std::string(".")
+                              : file.substr(0, std::max<size_t>(1, file.rfind('/')));
+        for (const std::string &p : {file, dir}) {
+            int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
+            bool ok = fd >= 0 && ::fsync(fd) == 0;
+            int err = errno;
+            if (fd >= 0)
+                ::close(fd);
+            if (!ok)
+                throw StoreError("cannot sync " + p + " to disk: " + std::strerror(err));
+        }
+    }
+
     // After each commit, with the number of pages in the log.
     static int walGrew(void *self, sqlite3 *db, const char *, int pages) {
         auto *s = static_cast<SqliteDb *>(self);

@@ -135,6 +135,7 @@ class Store {
     };
     void commit(const std::vector<Pending *> &batch);
     std::string insertOne(sql::Conn &c, const Pending &p);
+    int64_t nextNumber(sql::Conn &c, std::time_t receivedAt);
     sql::Db &db_;
     std::mutex groupMutex_;
     std::condition_variable groupDone_;
@@ -142,8 +143,9 @@ class Store {
     int committers_ = 0;
 };
 
-// "KOB-YYYYMMDD-NNNNNN": the day of receipt (UTC) and the report's number.
-std::string makeReference(std::time_t receivedAt, int64_t id);
+// "KOB-YYYYMMDD-NNNNNNNNN": the day of receipt (UTC) and the report's
+// number in that day (at least 9 digits; see Store::nextNumber).
+std::string makeReference(std::time_t receivedAt, int64_t number);
 
 // A reference as written: nothing else is looked up.
 bool plausibleReference(const std::string &s);
