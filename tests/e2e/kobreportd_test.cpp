@@ -68,8 +68,9 @@ TEST_F(Reportd, PrintsOneReadyLineWithItsAddresses) {
                                           std::to_string(intakeOnly.port()) + "/\n");
     EXPECT_TRUE(kobtest::fileExists(db));
     EXPECT_EQ(sqlValue(db, "PRAGMA journal_mode"), "wal");
-    // A new file is made with large pages, for reports of a megabyte.
-    EXPECT_EQ(sqlValue(db, "PRAGMA page_size"), "65536");
+    // A new file is made with small pages: a commit writes each page it
+    // touches whole.
+    EXPECT_EQ(sqlValue(db, "PRAGMA page_size"), "4096");
 }
 
 TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
