@@ -759,6 +759,10 @@ TEST_F(Reportd, MetricsCountUploadsAndPassPromtool) {
              "kobreportd_upload_duration_seconds_bucket{le=\"+Inf\"} 3\n",
              "kobreportd_triage_duration_seconds_count 2\n",
              "# TYPE process_resident_memory_bytes gauge\n",
+             "# TYPE kobreportd_database_query_duration_seconds histogram\n",
+             "kobreportd_database_query_duration_seconds_bucket{le=\"0.0005\"} ",
+             "kobreportd_database_errors_total 0\n",
+             "# TYPE kobreportd_database_wal_bytes gauge\n",
          })
         EXPECT_NE(m.body.find(line), std::string::npos) << line << m.body;
     // The bodies' bytes, as their Content-Length said.

@@ -1,6 +1,8 @@
 #include "sql.h"
 
 #include <charconv>
+#include <chrono>
+#include <type_traits>
 
 namespace kobreportd::sql {
 
@@ -24,6 +26,43 @@ int64_t Rows::integer(size_t r, std::string_view column) const {
 
 void Conn::fillBlob(const char *, const char *, int64_t, std::string_view) {
     throw StoreError("incremental blob writes are SQLite's");
+}
+
+template <typename F> decltype(auto) Db::observed(F &&call) {
+    if (!observer_)
+        return call();
+    auto start = std::chrono::steady_clock::now();
+    auto seconds = [start] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    try {
+        if constexpr (std::is_void_v<decltype(call())>) {
+            call();
+            observer_(seconds(), false);
+        } else {
+            auto result = call();
+            observer_(seconds(), false);
+            return result;
+        }
+    } catch (const StoreError &) {
+        observer_(seconds(), true);
+        throw;
+    } catch (...) {
+        observer_(seconds(), false);
+        throw;
+    }
+}
+
+Rows Db::read(std::string_view sql, std::initializer_list<Param> params) {
+    return observed([&] { return readRows(sql, params); });
+}
+
+void Db::transaction(const std::function<void(Conn &)> &body) {
+    observed([&] { runTransaction(body); });
+}
+
+void Db::scrub() {
+    observed([&] { runScrub(); });
 }
 
 Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {

@@ -217,12 +217,12 @@ class SqliteDb : public Db {
 
     Dialect dialect() const override { return Dialect::Sqlite; }
 
-    Rows read(std::string_view sql, std::initializer_list<Param> params) override {
+    Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
         Pool<Handle>::Lease h(readers_);
         return h->query(sql, params.begin(), params.size());
     }
 
-    void transaction(const std::function<void(Conn &)> &body) override {
+    void runTransaction(const std::function<void(Conn &)> &body) override {
         std::lock_guard<std::mutex> lock(writeMutex_);
         writer_.exec("BEGIN IMMEDIATE");
         try {
@@ -239,7 +239,7 @@ class SqliteDb : public Db {
         }
     }
 
-    void scrub() override {
+    void runScrub() override {
         std::lock_guard<std::mutex> lock(writeMutex_);
         // Readers may hold old pages of the log; only pages no reader needs
         // are folded back, so drop the idle readers first.
