@@ -23,6 +23,14 @@ std::string number(double v) {
     return std::string(buf, r.ptr);
 }
 
+// A bucket's bound in plain decimals: "0.0005", which the shortest form
+// would write "5e-04", a label no one would type in a query.
+std::string bound(double v) {
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed);
+    return std::string(buf, r.ptr);
+}
+
 // A label's value in the text format: backslash, quote and line feed
 // escaped.
 std::string labelValue(const std::string &v) {
@@ -143,7 +151,7 @@ std::string Histogram::lines(const char *name, const std::string &labels) const 
     for (size_t i = 0; i <= bounds_.size(); i++) {
         cumulative += counts_[i];
         out += std::string(name) + "_bucket{" + before + "le=\"" +
-               (i < bounds_.size() ? number(bounds_[i]) : std::string("+Inf")) + "\"} " +
+               (i < bounds_.size() ? bound(bounds_[i]) : std::string("+Inf")) + "\"} " +
                std::to_string(cumulative) + "\n";
     }
     out += std::string(name) + "_sum" + braces + " " + number(static_cast<double>(micros_) / 1e6) +

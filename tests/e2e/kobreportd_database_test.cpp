@@ -89,7 +89,7 @@ TEST_P(Database, OnlySqlitesLogHasItsSizeShown) {
 // Uploads one after another leave the writer no pause for its checkpoints:
 // the log must still be folded back and cut back to its bound while they
 // come, not only at the stop.  100 reports of a MiB that hardly compress
-// put some 75 MiB through the log.
+// put well over the bound through the log.
 TEST(DatabaseLog, StaysWithinItsBoundUnderAStreamOfUploads) {
     kobtest::TempDir dir;
     std::string db = dir.file("reports.db");
