@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <random>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 namespace {
@@ -109,4 +110,32 @@ TEST(DatabaseLog, StaysWithinItsBoundUnderAStreamOfUploads) {
     EXPECT_GT(largest, 0);
     EXPECT_LE(largest, kBound);
     EXPECT_EQ(s.stop(), 0) << s.errors();
+}
+
+// Pages are sized when a file is made; one made with large pages keeps
+// them (a change is a rewrite of the whole file, the operator's to choose),
+// and the log says what they cost and how to change them.
+TEST(DatabaseLog, AFileWithLargePagesKeepsThemAndTheLogSaysSo) {
+    kobtest::TempDir dir;
+    std::string old = dir.file("old.db");
+    sqlite3 *h = nullptr;
+    ASSERT_EQ(sqlite3_open(old.c_str(), &h), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(h, "PRAGMA page_size=65536; PRAGMA journal_mode=WAL", nullptr, nullptr,
+                           nullptr),
+              SQLITE_OK);
+    sqlite3_close(h);
+    reportd::Server s(KOBREPORTD_BIN, old);
+    EXPECT_EQ(reportd::upload(s.port(), "one\n").status, 200);
+    EXPECT_EQ(s.stop(), 0);
+    EXPECT_EQ(reportd::sqliteValue(old, "PRAGMA page_size"), "65536");
+    EXPECT_NE(s.errors().find("\"event\":\"database_large_pages\""), std::string::npos)
+        << s.errors();
+    EXPECT_NE(s.errors().find("\"page_size\":65536,\"page_size_of_new_files\":4096"),
+              std::string::npos)
+        << s.errors();
+
+    reportd::Server made(KOBREPORTD_BIN, dir.file("new.db"));
+    EXPECT_EQ(made.stop(), 0);
+    EXPECT_EQ(reportd::sqliteValue(dir.file("new.db"), "PRAGMA page_size"), "4096");
+    EXPECT_EQ(made.errors().find("database_large_pages"), std::string::npos) << made.errors();
 }

@@ -5,6 +5,8 @@
 
 #include "sql.h"
 
+#include "log.h"
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -181,7 +183,7 @@ class SqliteDb : public Db {
         // so small pages keep what it costs the disk near its own size.  A
         // report of a megabyte is a chain of pages either way, a quarter
         // percent of each page's room lost to its link.
-        writer_.exec("PRAGMA page_size=4096");
+        writer_.exec(("PRAGMA page_size=" + std::to_string(kPageSize)).c_str());
         // Also only for a new file: pages freed by expiry and deletion are
         // given back to the file system by scrub(), not kept for reuse.
         writer_.exec("PRAGMA auto_vacuum=INCREMENTAL");
@@ -190,6 +192,14 @@ class SqliteDb : public Db {
         // the file keeps the size it grew to: cut back to this bound then.
         writer_.exec(("PRAGMA journal_size_limit=" + std::to_string(kWalFileLimit)).c_str());
         walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, "page_size");
+        if (walPage_ > kPageSize)
+            log::warn("database_large_pages",
+                      {{"path", path_},
+                       {"page_size", walPage_},
+                       {"page_size_of_new_files", kPageSize},
+                       {"why", "every commit writes each page it touches whole"},
+                       {"remedy", "with the server stopped: PRAGMA journal_mode=DELETE; PRAGMA "
+                                  "page_size=4096; VACUUM; PRAGMA journal_mode=WAL"}});
         // A batch of reports is committed whole: its pages stay in memory
         // until the commit instead of spilling into the log on the way.
         writer_.exec("PRAGMA cache_size=-16384");
@@ -301,6 +311,7 @@ class SqliteDb : public Db {
     // itself from the last; the file is cut back to kWalFileLimit.  A log
     // left to grow during a long burst was folded back only at the stop,
     // hundreds of MB later, and kept that size on disk.
+    static constexpr int64_t kPageSize = 4096;
     static constexpr int64_t kWalCheckpoint = int64_t{4} << 20;
     static constexpr int64_t kWalBusyLimit = int64_t{16} << 20;
     static constexpr auto kQuiet = std::chrono::milliseconds(200);
