@@ -38,7 +38,10 @@ class Handle {
         }
         sqlite3_busy_timeout(db_, 30000);
         // An answered report must survive a crash of the machine, not only of
-        // the process: every commit reaches the disk.
+        // the process: every commit reaches the disk before its uploads are
+        // answered.  NORMAL would leave the log unsynced until a checkpoint,
+        // to save a few percent of the bytes written (the log's last page,
+        // written again by the next commit after each sync).
         exec("PRAGMA synchronous=FULL");
         // Deleted reports are overwritten in the file, not only unlinked.
         exec("PRAGMA secure_delete=ON");
