@@ -1,7 +1,7 @@
 // kobreportd's own numbers for Prometheus: uploads by answer, refusals by
-// reason, bytes received, how long uploads and their triage took, reports stored, and the
-// process's own figures.  Counting is lock-free; the text is made at each
-// scrape.
+// reason, bytes received, how long uploads and their triage took, reports stored, how long
+// the database took and what it failed, and the process's own figures.  Counting is lock-free; the
+// text is made at each scrape.
 
 #ifndef KOBREPORTD_METRICS_H
 #define KOBREPORTD_METRICS_H
