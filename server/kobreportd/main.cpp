@@ -416,15 +416,18 @@ int main(int argc, char *argv[]) {
     if (tls && !loadCertificates(staff, certificates))
         return fail(badCert);
 
+    // Before everything that counts into it, so that it outlives them.
+    Metrics metrics;
     std::unique_ptr<sql::Db> database;
     std::unique_ptr<Store> store;
     std::unique_ptr<Audit> audit;
     std::unique_ptr<Accounts> accounts;
     std::unique_ptr<RetentionTask> retention;
     std::unique_ptr<Quotas> quotas;
-    Metrics metrics;
     try {
         database = openDatabase(db);
+        database->observe(
+            [&metrics](double seconds, bool failed) { metrics.databaseCall(seconds, failed); });
         store = std::make_unique<Store>(*database);
         audit = std::make_unique<Audit>(*database);
         accounts = std::make_unique<Accounts>(*database, *audit);
@@ -432,6 +435,7 @@ int main(int argc, char *argv[]) {
         quotas = std::make_unique<Quotas>(o.quotas, diskProbe(*database, db));
         metrics.setBuild(KOB_VERSION, currentLayout());
         metrics.setStoreSize([probe = diskProbe(*database, db)] { return probe().db_bytes; });
+        metrics.setWalSize(walProbe(*database, db));
     } catch (const StoreError &e) {
         return fail(e.what());
     }

@@ -23,6 +23,14 @@ std::string number(double v) {
     return std::string(buf, r.ptr);
 }
 
+// A bucket's bound in plain decimals: "0.0005", which the shortest form
+// would write "5e-04", a label no one would type in a query.
+std::string bound(double v) {
+    char buf[64];
+    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::fixed);
+    return std::string(buf, r.ptr);
+}
+
 // A label's value in the text format: backslash, quote and line feed
 // escaped.
 std::string labelValue(const std::string &v) {
@@ -124,7 +132,7 @@ std::string processText() {
 
 void Histogram::observe(double seconds) {
     size_t i = 0;
-    while (i < kBounds.size() && seconds > kBounds[i])
+    while (i < bounds_.size() && seconds > bounds_[i])
         i++;
     counts_[i]++;
     micros_ += static_cast<uint64_t>(std::llround(seconds * 1e6));
@@ -140,10 +148,10 @@ std::string Histogram::lines(const char *name, const std::string &labels) const 
     std::string out, braces = labels.empty() ? "" : "{" + labels + "}";
     std::string before = labels.empty() ? "" : labels + ",";
     uint64_t cumulative = 0;
-    for (size_t i = 0; i <= kBounds.size(); i++) {
+    for (size_t i = 0; i <= bounds_.size(); i++) {
         cumulative += counts_[i];
         out += std::string(name) + "_bucket{" + before + "le=\"" +
-               (i < kBounds.size() ? number(kBounds[i]) : std::string("+Inf")) + "\"} " +
+               (i < bounds_.size() ? bound(bounds_[i]) : std::string("+Inf")) + "\"} " +
                std::to_string(cumulative) + "\n";
     }
     out += std::string(name) + "_sum" + braces + " " + number(static_cast<double>(micros_) / 1e6) +
@@ -159,6 +167,16 @@ void Metrics::setBuild(std::string version, int layout) {
 
 void Metrics::setStoreSize(std::function<std::optional<uint64_t>()> size) {
     storeSize_ = std::move(size);
+}
+
+void Metrics::setWalSize(std::function<std::optional<uint64_t>()> size) {
+    walSize_ = std::move(size);
+}
+
+void Metrics::databaseCall(double seconds, bool failed) {
+    database_.observe(seconds);
+    if (failed)
+        databaseErrors_++;
 }
 
 void Metrics::request(const char *listener, const std::string &route, int code, double seconds) {
@@ -207,6 +225,17 @@ std::string Metrics::serverText() const {
                "The database's size on disk, with its write-ahead log.", "gauge");
         sample(out, "kobreportd_database_size_bytes", static_cast<double>(*size));
     }
+    if (auto size = walSize_ ? walSize_() : std::nullopt) {
+        header(out, "kobreportd_database_wal_bytes",
+               "The size on disk of the database's write-ahead log.", "gauge");
+        sample(out, "kobreportd_database_wal_bytes", static_cast<double>(*size));
+    }
+    out += database_.text("kobreportd_database_query_duration_seconds",
+                          "Time one read or one write transaction (its commit included) took the "
+                          "database, waiting for a connection or the writer's turn included.");
+    header(out, "kobreportd_database_errors_total",
+           "Reads and write transactions the database failed.", "counter");
+    sample(out, "kobreportd_database_errors_total", static_cast<double>(databaseErrors_));
     return out;
 }
 

@@ -1,7 +1,7 @@
 // kobreportd's own numbers for Prometheus: uploads by answer, refusals by
-// reason, bytes received, how long uploads and their triage took, reports stored, and the
-// process's own figures.  Counting is lock-free; the text is made at each
-// scrape.
+// reason, bytes received, how long uploads and their triage took, reports stored, how long
+// the database took and what it failed, and the process's own figures.  Counting is lock-free; the
+// text is made at each scrape.
 
 #ifndef KOBREPORTD_METRICS_H
 #define KOBREPORTD_METRICS_H
@@ -21,9 +21,14 @@ namespace kobreportd {
 
 class Histogram {
   public:
-    // Upper bounds in seconds, ascending; +Inf is implied.
+    // Upper bounds in seconds of an HTTP answer, ascending; +Inf is implied.
     static constexpr std::array<double, 12> kBounds = {0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
                                                        0.1,   0.25,   0.5,   1,    2.5,   10};
+    // A database's answers are one to two decades quicker than a request's.
+    static constexpr std::array<double, 12> kDatabaseBounds = {
+        0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1, 2.5};
+    // Bounds: one of the arrays above, which outlive every histogram.
+    explicit Histogram(const std::array<double, 12> &bounds = kBounds) : bounds_(bounds) {}
     void observe(double seconds);
     // The histogram's lines for name, with HELP and TYPE.
     std::string text(const char *name, const char *help) const;
@@ -31,6 +36,7 @@ class Histogram {
     std::string lines(const char *name, const std::string &labels) const;
 
   private:
+    const std::array<double, 12> &bounds_;
     std::array<std::atomic<uint64_t>, kBounds.size() + 1> counts_{};
     std::atomic<uint64_t> micros_{0};
 };
@@ -42,6 +48,12 @@ class Metrics {
     // The database's bytes on disk (with its log), read at each scrape;
     // nothing when it cannot tell.
     void setStoreSize(std::function<std::optional<uint64_t>()> size);
+    // The write-ahead log's bytes on disk, read at each scrape; nothing for
+    // a database that keeps no such file of ours (PostgreSQL).
+    void setWalSize(std::function<std::optional<uint64_t>()> size);
+    // One read, transaction or clean-up the database ran, and whether the
+    // database failed it.
+    void databaseCall(double seconds, bool failed);
     // One request of either listener that got an answer (or none: code 0),
     // under its route's pattern ("" for no route).
     void request(const char *listener, const std::string &route, int code, double seconds);
@@ -76,10 +88,11 @@ class Metrics {
     std::array<std::atomic<uint64_t>, kRefusals.size()> refusals_{};
     std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0}, expired_{0};
     std::atomic<int64_t> inflight_{0}, retentionAt_{0}, alertsOpen_{0}, alertsAt_{0};
-    Histogram duration_, triage_;
+    Histogram duration_, triage_, database_{Histogram::kDatabaseBounds};
+    std::atomic<uint64_t> databaseErrors_{0};
     std::string version_ = "unknown";
     int layout_ = 0;
-    std::function<std::optional<uint64_t>()> storeSize_;
+    std::function<std::optional<uint64_t>()> storeSize_, walSize_;
     // Requests by listener, route and code; the routes are the table's
     // patterns and the codes a handful, so this stays small.
     mutable std::mutex requestsMutex_;

@@ -71,6 +71,9 @@ class Quotas {
 // an SQLite file's file system and size (with its log); a PostgreSQL
 // database's size, its server's disk being out of sight.
 std::function<DiskState()> diskProbe(sql::Db &db, const std::string &name);
+// The bytes of the SQLite file's write-ahead log (0 while there is none);
+// nothing at all on PostgreSQL, whose log is the server's own.
+std::function<std::optional<uint64_t>()> walProbe(sql::Db &db, const std::string &name);
 
 } // namespace kobreportd
 

@@ -68,8 +68,9 @@ TEST_F(Reportd, PrintsOneReadyLineWithItsAddresses) {
                                           std::to_string(intakeOnly.port()) + "/\n");
     EXPECT_TRUE(kobtest::fileExists(db));
     EXPECT_EQ(sqlValue(db, "PRAGMA journal_mode"), "wal");
-    // A new file is made with large pages, for reports of a megabyte.
-    EXPECT_EQ(sqlValue(db, "PRAGMA page_size"), "65536");
+    // A new file is made with small pages: a commit writes each page it
+    // touches whole.
+    EXPECT_EQ(sqlValue(db, "PRAGMA page_size"), "4096");
 }
 
 TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
@@ -768,6 +769,10 @@ TEST_F(Reportd, MetricsCountUploadsAndPassPromtool) {
              "kobreportd_upload_duration_seconds_bucket{le=\"+Inf\"} 3\n",
              "kobreportd_triage_duration_seconds_count 2\n",
              "# TYPE process_resident_memory_bytes gauge\n",
+             "# TYPE kobreportd_database_query_duration_seconds histogram\n",
+             "kobreportd_database_query_duration_seconds_bucket{le=\"0.0005\"} ",
+             "kobreportd_database_errors_total 0\n",
+             "# TYPE kobreportd_database_wal_bytes gauge\n",
          })
         EXPECT_NE(m.body.find(line), std::string::npos) << line << m.body;
     // The bodies' bytes, as their Content-Length said.

@@ -2,6 +2,7 @@
 
 #include "quotas.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -36,6 +37,19 @@ std::function<DiskState()> diskProbe(sql::Db &db, const std::string &name) {
         }
         d.db_bytes = size;
         return d;
+    };
+}
+
+std::function<std::optional<uint64_t>()> walProbe(sql::Db &db, const std::string &name) {
+    if (db.dialect() == sql::Dialect::Postgres)
+        return [] { return std::nullopt; };
+    return [wal = name + "-wal"]() -> std::optional<uint64_t> {
+        struct stat st {};
+        if (::stat(wal.c_str(), &st) == 0)
+            return static_cast<uint64_t>(st.st_size);
+        if (errno == ENOENT)
+            return 0;
+        return std::nullopt;
     };
 }
 

@@ -133,12 +133,12 @@ class PgDb : public Db {
 
     Dialect dialect() const override { return Dialect::Postgres; }
 
-    Rows read(std::string_view sql, std::initializer_list<Param> params) override {
+    Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
         Pool<Connection>::Lease c(pool_);
         return c->query(sql, params.begin(), params.size());
     }
 
-    void transaction(const std::function<void(Conn &)> &body) override {
+    void runTransaction(const std::function<void(Conn &)> &body) override {
         Pool<Connection>::Lease c(pool_);
         c->query("BEGIN", nullptr, 0);
         try {
@@ -157,7 +157,7 @@ class PgDb : public Db {
 
     // Dead rows are the server's to reclaim; a vacuum makes their space
     // reusable at once.
-    void scrub() override {
+    void runScrub() override {
         Pool<Connection>::Lease c(pool_);
         c->query("VACUUM reports", nullptr, 0);
     }

@@ -1,6 +1,8 @@
 #include "sql.h"
 
 #include <charconv>
+#include <chrono>
+#include <type_traits>
 
 namespace kobreportd::sql {
 
@@ -28,6 +30,43 @@ void Conn::fillBlob(const char *, const char *, int64_t, std::string_view) {
 
 void Db::copyTo(const std::string &, const std::function<void(Conn &)> &) {
     throw StoreError("a copy of the database is made by SQLite alone");
+}
+
+template <typename F> decltype(auto) Db::observed(F &&call) {
+    if (!observer_)
+        return call();
+    auto start = std::chrono::steady_clock::now();
+    auto seconds = [start] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
+    try {
+        if constexpr (std::is_void_v<decltype(call())>) {
+            call();
+            observer_(seconds(), false);
+        } else {
+            auto result = call();
+            observer_(seconds(), false);
+            return result;
+        }
+    } catch (const StoreError &) {
+        observer_(seconds(), true);
+        throw;
+    } catch (...) {
+        observer_(seconds(), false);
+        throw;
+    }
+}
+
+Rows Db::read(std::string_view sql, std::initializer_list<Param> params) {
+    return observed([&] { return readRows(sql, params); });
+}
+
+void Db::transaction(const std::function<void(Conn &)> &body) {
+    observed([&] { runTransaction(body); });
+}
+
+void Db::scrub() {
+    observed([&] { runScrub(); });
 }
 
 Rows Db::write(std::string_view sql, std::initializer_list<Param> params) {

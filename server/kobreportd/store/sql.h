@@ -165,15 +165,15 @@ class Db {
     virtual ~Db() = default;
     virtual Dialect dialect() const = 0;
     // A read on a connection of its own; never waits for a writer.
-    virtual Rows read(std::string_view sql, std::initializer_list<Param> params = {}) = 0;
+    Rows read(std::string_view sql, std::initializer_list<Param> params = {});
     // Runs body in one transaction that is committed when body returns and
     // rolled back when it throws.  Writers take turns.
-    virtual void transaction(const std::function<void(Conn &)> &body) = 0;
+    void transaction(const std::function<void(Conn &)> &body);
     // One statement in a transaction of its own.
     Rows write(std::string_view sql, std::initializer_list<Param> params = {});
     // After deleting text that must not stay on disk: make the database file
     // itself hold no copy of it (SQLite's log is folded back and emptied).
-    virtual void scrub() = 0;
+    void scrub();
     // The file the database lives in; empty for PostgreSQL and a database
     // in memory.
     virtual std::string file() const { return {}; }
@@ -182,6 +182,22 @@ class Db {
     // disk, and its integrity checked, before check runs on it (read only).
     // Writers go on meanwhile.  Throws StoreError, leaving no file behind.
     virtual void copyTo(const std::string &file, const std::function<void(Conn &)> &check);
+
+    // Told of every read, transaction and scrub once it is over: how long
+    // it took and whether the database failed it (a StoreError; anything
+    // else a body throws is the caller's own failure).  Set before the
+    // first call from more than one thread.
+    using Observer = std::function<void(double seconds, bool failed)>;
+    void observe(Observer observer) { observer_ = std::move(observer); }
+
+  protected:
+    virtual Rows readRows(std::string_view sql, std::initializer_list<Param> params) = 0;
+    virtual void runTransaction(const std::function<void(Conn &)> &body) = 0;
+    virtual void runScrub() = 0;
+
+  private:
+    template <typename F> decltype(auto) observed(F &&call);
+    Observer observer_;
 };
 
 std::unique_ptr<Db> openSqlite(const std::string &path);

@@ -6,6 +6,8 @@
 #include "sql.h"
 #include "log.h"
 
+#include "log.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -39,7 +41,10 @@ class Handle {
         }
         sqlite3_busy_timeout(db_, 30000);
         // An answered report must survive a crash of the machine, not only of
-        // the process: every commit reaches the disk.
+        // the process: every commit reaches the disk before its uploads are
+        // answered.  NORMAL would leave the log unsynced until a checkpoint,
+        // to save a few percent of the bytes written (the log's last page,
+        // written again by the next commit after each sync).
         exec("PRAGMA synchronous=FULL");
         // Deleted reports are overwritten in the file, not only unlinked.
         exec("PRAGMA secure_delete=ON");
@@ -175,14 +180,32 @@ class SqliteDb : public Db {
     explicit SqliteDb(std::string path)
         : path_(std::move(path)), writer_(path_),
           readers_(16, [this] { return std::make_unique<Handle>(path_); }) {
-        // Only a new, empty file takes it.  Reports run to a megabyte and
-        // more: in large pages one is a few pieces instead of hundreds.
-        writer_.exec("PRAGMA page_size=65536");
+        // Only a new, empty file takes it; a file made with other pages
+        // keeps them (changing them means a VACUUM out of WAL mode, a
+        // rewrite of the whole file, which is the operator's to choose).
+        // Every commit writes each page it touches whole, into the log and
+        // again into the file at the next checkpoint: a report of a few KB
+        // touches a handful of pages (its row, the indexes, its outcomes),
+        // so small pages keep what it costs the disk near its own size.  A
+        // report of a megabyte is a chain of pages either way, a quarter
+        // percent of each page's room lost to its link.
+        writer_.exec(("PRAGMA page_size=" + std::to_string(kPageSize)).c_str());
         // Also only for a new file: pages freed by expiry and deletion are
         // given back to the file system by scrub(), not kept for reuse.
         writer_.exec("PRAGMA auto_vacuum=INCREMENTAL");
         writer_.exec("PRAGMA journal_mode=WAL");
+        // After a checkpoint the log starts again from its beginning, but
+        // the file keeps the size it grew to: cut back to this bound then.
+        writer_.exec(("PRAGMA journal_size_limit=" + std::to_string(kWalFileLimit)).c_str());
         walPage_ = writer_.query("PRAGMA page_size", nullptr, 0).integer(0, "page_size");
+        if (walPage_ > kPageSize)
+            log::warn("database_large_pages",
+                      {{"path", path_},
+                       {"page_size", walPage_},
+                       {"page_size_of_new_files", kPageSize},
+                       {"why", "every commit writes each page it touches whole"},
+                       {"remedy", "with the server stopped: PRAGMA journal_mode=DELETE; PRAGMA "
+                                  "page_size=4096; VACUUM; PRAGMA journal_mode=WAL"}});
         // A batch of reports is committed whole: its pages stay in memory
         // until the commit instead of spilling into the log on the way.
         writer_.exec("PRAGMA cache_size=-16384");
@@ -210,12 +233,12 @@ class SqliteDb : public Db {
 
     Dialect dialect() const override { return Dialect::Sqlite; }
 
-    Rows read(std::string_view sql, std::initializer_list<Param> params) override {
+    Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
         Pool<Handle>::Lease h(readers_);
         return h->query(sql, params.begin(), params.size());
     }
 
-    void transaction(const std::function<void(Conn &)> &body) override {
+    void runTransaction(const std::function<void(Conn &)> &body) override {
         std::lock_guard<std::mutex> lock(writeMutex_);
         writer_.exec("BEGIN IMMEDIATE");
         try {
@@ -232,7 +255,7 @@ class SqliteDb : public Db {
         }
     }
 
-    void scrub() override {
+    void runScrub() override {
         std::lock_guard<std::mutex> lock(writeMutex_);
         // Readers may hold old pages of the log; only pages no reader needs
         // are folded back, so drop the idle readers first.
@@ -354,10 +377,17 @@ class SqliteDb : public Db {
         }
     }
 
-    static constexpr int64_t kWalCheckpoint = int64_t{16} << 20;
-    static constexpr int64_t kWalBusyLimit = int64_t{256} << 20;
+    // The log is folded back at the next pause once it holds this much,
+    // without waiting for one from the next bound on, and by the writer
+    // itself from the last; the file is cut back to kWalFileLimit.  A log
+    // left to grow during a long burst was folded back only at the stop,
+    // hundreds of MB later, and kept that size on disk.
+    static constexpr int64_t kPageSize = 4096;
+    static constexpr int64_t kWalCheckpoint = int64_t{4} << 20;
+    static constexpr int64_t kWalBusyLimit = int64_t{16} << 20;
     static constexpr auto kQuiet = std::chrono::milliseconds(200);
-    static constexpr int64_t kWalLimit = int64_t{1} << 30;
+    static constexpr int64_t kWalLimit = int64_t{48} << 20;
+    static constexpr int64_t kWalFileLimit = int64_t{64} << 20;
 
     std::string path_;
     Handle writer_;
