@@ -10,6 +10,7 @@
 #include "store_fixture.h"
 
 #include <algorithm>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -214,11 +215,26 @@ TEST_P(Privacy, AHugeReportsPageStaysLightAndItsRawTextIsNumbered) {
 
 namespace {
 
-// The server's peak resident memory so far, in bytes, from /proc.
-uint64_t peakMemory(pid_t pid) {
+// The server's resident memory now ("VmRSS:") or at its peak ("VmHWM:"),
+// in bytes, from /proc.
+uint64_t memory(pid_t pid, const std::string &which) {
     std::string status = kobtest::readFile("/proc/" + std::to_string(pid) + "/status");
-    auto at = status.find("VmHWM:");
-    return at == std::string::npos ? 0 : std::stoull(status.substr(at + 6)) * 1024;
+    auto at = status.find(which);
+    return at == std::string::npos ? 0 : std::stoull(status.substr(at + which.size())) * 1024;
+}
+
+uint64_t peakMemory(pid_t pid) {
+    return memory(pid, "VmHWM:");
+}
+
+// The peak starts again from what is resident now, where the kernel lets
+// this process say so; the peak reached before (the upload's) then hides
+// nothing of what the views take.
+uint64_t restartPeak(pid_t pid) {
+    std::ofstream refs("/proc/" + std::to_string(pid) + "/clear_refs");
+    if (refs << "5" << std::flush)
+        return memory(pid, "VmRSS:");
+    return peakMemory(pid);
 }
 
 } // namespace
@@ -235,7 +251,7 @@ TEST_P(Privacy, FourViewersOfAHugeReportRaiseThePeakByAtMost64MiB) {
     std::vector<reportd::Browser> viewers;
     for (int i = 0; i < 4; i++)
         viewers.push_back(s.signedIn("viewer"));
-    uint64_t before = peakMemory(s.pid());
+    uint64_t before = restartPeak(s.pid());
     ASSERT_GT(before, 0u);
     std::vector<std::thread> views;
     std::vector<int> statuses(4);
@@ -253,7 +269,7 @@ TEST_P(Privacy, FourViewersOfAHugeReportRaiseThePeakByAtMost64MiB) {
         EXPECT_EQ(statuses[static_cast<size_t>(i)], 200);
         EXPECT_LE(sizes[static_cast<size_t>(i)], 2u << 20);
     }
-    std::printf("peak memory %.1f MiB before the views, %.1f MiB after\n",
+    std::printf("memory %.1f MiB before the views, peak %.1f MiB after\n",
                 static_cast<double>(before) / (1 << 20), static_cast<double>(after) / (1 << 20));
     EXPECT_LE(after - before, uint64_t{64} << 20);
 }

@@ -233,11 +233,7 @@ void Staff::notFound(Response &res, const Principal &who, const std::string &ref
 }
 
 void Staff::reportPage(const Request &req, Response &res, const Principal &who, bool reveal) {
-    // PostgreSQL hands over a value whole, and keeps a buffer as large on
-    // the connection: there the text is asked for in pieces.  SQLite would
-    // read the whole value for each piece, and gives it without a copy.
-    bool inPieces = store_.db().dialect() == sql::Dialect::Postgres;
-    auto s = inPieces ? store_.head(req.matches[1]) : store_.get(req.matches[1], false);
+    auto s = store_.head(req.matches[1]);
     if (!s) {
         notFound(res, who, req.matches[1]);
         return;
@@ -254,15 +250,8 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
         stored = kobtriage::fromStored(s->findings);
     if (stored) {
         pages::ReportBody body{&*stored, nullptr, {}};
-        if (inPieces) {
-            TextReader reader(store_.storedPieces(s->id), true, s->size);
-            body.ends = pages::logEnds(*stored, reader);
-        } else {
-            auto hold = packedBudget_.take(s->desc.size());
-            TextReader reader(std::make_shared<const std::string>(std::move(s->desc)), true,
-                              s->size);
-            body.ends = pages::logEnds(*stored, reader);
-        }
+        TextReader reader(store_.storedPieces(s->id), true, s->size);
+        body.ends = pages::logEnds(*stored, reader);
         show(res, 200, s->reference, &who,
              pages::report(*s, body, reveal, viewer(who), retainDays_));
         keepTargets(*stored, res);
@@ -271,7 +260,7 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
     // Else from the whole text, judged again: a report stored before its
     // findings were, or one of ordinary size.
     auto hold = budget_.take(s->raw_expired ? 0 : static_cast<uint64_t>(s->size));
-    if (inPieces && !s->raw_expired)
+    if (!s->raw_expired)
         s = store_.get(req.matches[1], false);
     if (!s) {
         notFound(res, who, req.matches[1]);

@@ -131,9 +131,6 @@ class Staff {
     bool tls_;
     int retainDays_;
     TextBudget budget_{uint64_t{64} << 20};
-    // Compressed texts held while a large report's log ends are read out
-    // of them: a few at a time, since each is held whole.
-    TextBudget packedBudget_{uint64_t{32} << 20};
 };
 
 } // namespace kobreportd

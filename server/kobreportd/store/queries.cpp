@@ -85,18 +85,7 @@ std::optional<StoredReport> Store::head(const std::string &reference) {
 }
 
 std::function<std::string()> Store::storedPieces(int64_t id) {
-    constexpr int64_t kPiece = int64_t{1} << 20;
-    return [this, id, at = int64_t{0}]() mutable {
-        // substr counts bytes of a blob (bytea) from 1, on both stores.
-        auto rows = db_.read("SELECT substr(\"desc\", CAST($2 AS INTEGER), CAST($3 AS INTEGER))"
-                             " AS piece FROM reports WHERE id = $1",
-                             {sql::integer(id), sql::integer(at + 1), sql::integer(kPiece)});
-        if (rows.empty() || rows.isNull(0, "piece"))
-            return std::string();
-        std::string piece = rows.str(0, "piece");
-        at += static_cast<int64_t>(piece.size());
-        return piece;
-    };
+    return db_.pieces("reports", "desc", id);
 }
 
 ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {

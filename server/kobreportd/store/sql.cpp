@@ -32,6 +32,21 @@ void Db::copyTo(const std::string &, const std::function<void(Conn &)> &) {
     throw StoreError("a copy of the database is made by SQLite alone");
 }
 
+std::function<std::string()> Db::pieces(const char *table, const char *column, int64_t id) {
+    std::string query = std::string("SELECT substr(\"") + column +
+                        "\", CAST($2 AS INTEGER), CAST($3 AS INTEGER)) AS piece FROM " + table +
+                        " WHERE id = $1";
+    return [this, query, id, at = int64_t{0}]() mutable {
+        // substr counts a bytea's bytes from 1.
+        auto rows = read(query, {integer(id), integer(at + 1), integer(kPiece)});
+        if (rows.empty() || rows.isNull(0, "piece"))
+            return std::string();
+        std::string piece = rows.str(0, "piece");
+        at += static_cast<int64_t>(piece.size());
+        return piece;
+    };
+}
+
 template <typename F> decltype(auto) Db::observed(F &&call) {
     if (!observer_)
         return call();

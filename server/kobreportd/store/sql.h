@@ -182,6 +182,11 @@ class Db {
     // disk, and its integrity checked, before check runs on it (read only).
     // Writers go on meanwhile.  Throws StoreError, leaving no file behind.
     virtual void copyTo(const std::string &file, const std::function<void(Conn &)> &check);
+    // A blob (bytea) column's value in the row of that id, a megabyte at a
+    // time, and "" after the last: a large value is never fetched whole.
+    virtual std::function<std::string()> pieces(const char *table, const char *column,
+                                                int64_t id);
+    static constexpr int64_t kPiece = int64_t{1} << 20;
 
     // Told of every read, transaction and scrub once it is over: how long
     // it took and whether the database failed it (a StoreError; anything

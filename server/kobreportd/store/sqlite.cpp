@@ -153,6 +153,26 @@ class Handle {
         }
     }
 
+    // Up to max bytes of a blob from offset; "" past its end.
+    std::string readBlob(const char *table, const char *column, int64_t rowid, int64_t offset,
+                         int64_t max) {
+        sqlite3_blob *b = nullptr;
+        if (sqlite3_blob_open(db_, "main", table, column, rowid, 0, &b) != SQLITE_OK) {
+            std::string msg = sqlite3_errmsg(db_);
+            sqlite3_blob_close(b);
+            throw StoreError("blob open: " + msg);
+        }
+        std::unique_ptr<sqlite3_blob, int (*)(sqlite3_blob *)> guard(b, sqlite3_blob_close);
+        int64_t size = sqlite3_blob_bytes(b);
+        if (offset >= size)
+            return {};
+        std::string out(static_cast<size_t>(std::min(max, size - offset)), '\0');
+        if (sqlite3_blob_read(b, out.data(), static_cast<int>(out.size()),
+                              static_cast<int>(offset)) != SQLITE_OK)
+            throw StoreError(std::string("blob read: ") + sqlite3_errmsg(db_));
+        return out;
+    }
+
   private:
     static constexpr size_t kBlobPiece = size_t{1} << 20;
     sqlite3 *db_ = nullptr;
@@ -236,6 +256,18 @@ class SqliteDb : public Db {
     Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
         Pool<Handle>::Lease h(readers_);
         return h->query(sql, params.begin(), params.size());
+    }
+
+    // Straight from the blob's pages: substr() would read the whole value
+    // for every piece.
+    std::function<std::string()> pieces(const char *table, const char *column,
+                                        int64_t id) override {
+        return [this, table, column, id, at = int64_t{0}]() mutable {
+            Pool<Handle>::Lease h(readers_);
+            std::string piece = h->readBlob(table, column, id, at, kPiece);
+            at += static_cast<int64_t>(piece.size());
+            return piece;
+        };
     }
 
     void runTransaction(const std::function<void(Conn &)> &body) override {
