@@ -417,3 +417,32 @@ TEST(ReportdBrowser, BehindNginxUnderAPrefixEveryStepStaysUnderIt) {
     EXPECT_EQ(b.title(), "Sign in");
     stopsCleanly(b, s);
 }
+
+// A 64 MiB report's page in the browser: whole, light, with its logs' ends;
+// how long it took is printed (the figure is for reading, not a bound
+// here).
+TEST(ReportdBrowser, AHugeReportsPageLoadsWholeAndLight) {
+    if (std::string why = webdriver::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    kobtest::TempDir dir;
+    reportd::Server s(KOBREPORTD_BIN, dir.file("reports.db"),
+                      {"--max-body", std::to_string(65u << 20)});
+    std::string desc = reportgen::reportOfSize(64u << 20, 3);
+    std::string ref = reportd::reference(reportd::upload(s.port(), desc, "huge"));
+    ASSERT_FALSE(ref.empty());
+    desc.clear();
+    ASSERT_EQ(s.addUser("hana", "viewer", "hana's long password").status, 0);
+    webdriver::Session b(profile(dir));
+    ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "hana", "hana's long password"));
+    b.navigate(base(s) + "/reports/" + ref);
+    ASSERT_EQ(b.title(), ref);
+    auto timing = b.execute("const t = performance.getEntriesByType('navigation')[0];"
+                            "return [t.responseEnd - t.startTime, t.loadEventEnd - t.startTime,"
+                            " document.documentElement.outerHTML.length];");
+    std::printf("a 64 MiB report's page: answered in %.0f ms, loaded in %.0f ms, %.0f characters\n",
+                timing[0].get<double>(), timing[1].get<double>(), timing[2].get<double>());
+    EXPECT_LE(timing[2].get<double>(), 2.0 * (1 << 20));
+    EXPECT_EQ(b.findAll("pre.log").size(), 2u);
+    EXPECT_EQ(b.text(b.find("#whole a")), "The whole report as it came");
+    stopsCleanly(b, s);
+}
