@@ -70,6 +70,14 @@ TEST_P(Database, QueriesAreTimedAndTheFailedOnesCounted) {
     EXPECT_GT(number(failed, "kobreportd_database_query_duration_seconds_count"),
               number(after, "kobreportd_database_query_duration_seconds_count"));
     value("ALTER TABLE reports_away RENAME TO reports");
+    // Logged as one JSON line each, naming no client.
+    auto notStored = reportd::logEvents(s.errors(), "report_not_stored");
+    ASSERT_EQ(notStored.size(), 1u) << s.errors();
+    EXPECT_EQ(notStored[0]["level"], "error");
+    EXPECT_EQ(notStored[0].dump().find("127.0.0.1"), std::string::npos);
+    auto failedRequest = reportd::logEvents(s.errors(), "request_failed");
+    ASSERT_FALSE(failedRequest.empty());
+    EXPECT_EQ(failedRequest[0]["route"], "/api/reports");
 }
 
 TEST_P(Database, OnlySqlitesLogHasItsSizeShown) {

@@ -292,6 +292,9 @@ TEST_F(Operations, AFirstCommandMakesTheMissingStateDirectoryOrSaysHow) {
         KOBREPORTD_BIN, {"user", "add", "first", "--role", "admin", "--db", state + "/reports.db"},
         "password of first\npassword of first\n");
     EXPECT_EQ(made.status, 0) << made.err;
+    auto said = reportd::logEvents(made.err, "state_directory_made");
+    ASSERT_EQ(said.size(), 1u) << made.err;
+    EXPECT_EQ(said[0]["directory"], state);
     struct stat st {};
     ASSERT_EQ(stat(state.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0700u);
