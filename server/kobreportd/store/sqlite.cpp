@@ -411,14 +411,17 @@ class SqliteDb : public Db {
 
     // The log is folded back at the next pause once it holds this much,
     // without waiting for one from the next bound on, and by the writer
-    // itself from the last; the file is cut back to kWalFileLimit.  A log
+    // itself from the last; the file is cut back to kWalFileLimit.  The
+    // bounds without a pause sit high: a checkpoint in the middle of a
+    // burst of large uploads writes beside their commits (200 uploads of
+    // 1 MiB took 0.69 s with the busy bound at 16 MiB, 0.59 s at 40).  A log
     // left to grow during a long burst was folded back only at the stop,
     // hundreds of MB later, and kept that size on disk.
     static constexpr int64_t kPageSize = 4096;
     static constexpr int64_t kWalCheckpoint = int64_t{4} << 20;
-    static constexpr int64_t kWalBusyLimit = int64_t{16} << 20;
+    static constexpr int64_t kWalBusyLimit = int64_t{40} << 20;
     static constexpr auto kQuiet = std::chrono::milliseconds(200);
-    static constexpr int64_t kWalLimit = int64_t{48} << 20;
+    static constexpr int64_t kWalLimit = int64_t{56} << 20;
     static constexpr int64_t kWalFileLimit = int64_t{64} << 20;
 
     std::string path_;
