@@ -123,7 +123,7 @@ Triaged triage(std::string_view text) {
         if (fleetPolicy().counts(o.area, o.target))
             counted.push_back(std::move(o));
     return {report.username, report.summary(), std::move(counted), report.rules_version,
-            kobtriage::toStored(report)};
+            text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string()};
 }
 
 std::optional<std::time_t> windowSeconds(const std::string &w) {

@@ -81,8 +81,13 @@ struct Triaged {
     std::string summary;
     std::vector<Outcome> outcomes;
     int rules = 0;
-    std::string findings; // all it found, as kobtriage::toStored writes it
+    std::string findings; // all it found, as kobtriage::toStored writes it, or ""
 };
+// Reports larger than this keep all the triage found beside their text, so
+// that their page is made without the text; a smaller one's page reads its
+// text again, which costs less than the bytes written to keep them (a
+// fifth of all a small report writes to disk).
+constexpr std::size_t kStoredFindingsFrom = std::size_t{1024} * 1024;
 Triaged triage(std::string_view text);
 
 constexpr int kBrokenMinReports = 5;

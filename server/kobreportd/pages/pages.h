@@ -45,7 +45,7 @@ struct LogEnds {
     std::size_t left_out = 0;
 };
 // A report of up to this many bytes is shown whole on its page.
-constexpr std::size_t kInlineRawBytes = std::size_t{1024} * 1024;
+constexpr std::size_t kInlineRawBytes = kStoredFindingsFrom;
 // Each Present log's ends (in the report's order), from the whole text.
 std::vector<std::optional<LogEnds>> logEnds(const kobtriage::Report &r, std::string_view raw);
 // The same from the stored text read once from its start: what is shown

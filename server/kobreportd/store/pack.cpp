@@ -12,7 +12,7 @@ namespace kobreportd {
 // Reports are kept as zstd frames: their logs shrink several times over,
 // and with them the database, its log and every sync to disk before an
 // answer.  Level 1 keeps up with the intake.
-std::string pack(std::string_view text) {
+std::string pack(std::string_view text, int level) {
     thread_local std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> cctx(ZSTD_createCCtx(),
                                                                           ZSTD_freeCCtx);
     if (!cctx)
@@ -21,7 +21,7 @@ std::string pack(std::string_view text) {
     // part is ever touched.
     size_t bound = ZSTD_compressBound(text.size());
     std::unique_ptr<char[]> out(new char[bound]);
-    size_t n = ZSTD_compressCCtx(cctx.get(), out.get(), bound, text.data(), text.size(), 1);
+    size_t n = ZSTD_compressCCtx(cctx.get(), out.get(), bound, text.data(), text.size(), level);
     if (ZSTD_isError(n))
         throw StoreError(std::string("cannot compress the report: ") + ZSTD_getErrorName(n));
     return std::string(out.get(), n);

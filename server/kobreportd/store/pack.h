@@ -13,8 +13,9 @@
 
 namespace kobreportd {
 
-// The text as a zstd frame.  Throws StoreError when it cannot compress.
-std::string pack(std::string_view text);
+// The text as a zstd frame, at zstd's level 1 unless another is given.
+// Throws StoreError when it cannot compress.
+std::string pack(std::string_view text, int level = 1);
 
 // The text of a stored report of `size` bytes: `stored` itself when not
 // packed.  Throws StoreError when a frame does not give back exactly that

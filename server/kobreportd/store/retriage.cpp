@@ -82,12 +82,13 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
                 user = cleanText(*t.report_username);
             // A report deleted, expired or re-triaged by another instance
             // meanwhile is left as it now is.
-            auto changed =
-                c.query("UPDATE reports SET summary = $1, report_username = $2,"
-                        " rules = $3, findings_zstd = $5 WHERE id = $4 AND rules < $3"
-                        " AND raw_expired = 0 RETURNING id",
-                        {sql::text(cleanText(t.summary)), sql::optText(user), sql::integer(t.rules),
-                         sql::integer(id), sql::blob(pack(t.findings))});
+            auto changed = c.query(
+                "UPDATE reports SET summary = $1, report_username = $2,"
+                " rules = $3, findings_zstd = $5 WHERE id = $4 AND rules < $3"
+                " AND raw_expired = 0 RETURNING id",
+                {sql::text(cleanText(t.summary)), sql::optText(user), sql::integer(t.rules),
+                 sql::integer(id),
+                 t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings))});
             if (changed.empty())
                 continue;
             step.retriaged++;
