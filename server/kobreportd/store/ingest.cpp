@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <thread>
 
 #include "clock.h"
@@ -39,12 +40,13 @@ int64_t startOfDay(std::time_t t) {
     return (s - ((s % 86400) + 86400) % 86400) * kStepsPerSecond;
 }
 
-// The day's numbers, shared by every instance on the database.  A number is
-// one more than the day's last or the time of day, whichever is larger.
-constexpr const char *kNextNumber =
-    "INSERT INTO reference_days (day, issued) VALUES ($1, $2) ON CONFLICT (day) DO UPDATE SET"
-    " issued = CASE WHEN reference_days.issued + 1 > excluded.issued"
-    " THEN reference_days.issued + 1 ELSE excluded.issued END RETURNING issued";
+// The day's numbers, shared by every instance on the database: $3 more,
+// from one more than the day's last or the time of day ($2), whichever is
+// larger.  Returns the last of them.
+constexpr const char *kReserveNumbers =
+    "INSERT INTO reference_days (day, issued) VALUES ($1, $2 + $3 - 1) ON CONFLICT (day) DO"
+    " UPDATE SET issued = CASE WHEN reference_days.issued + $3 > excluded.issued"
+    " THEN reference_days.issued + $3 ELSE excluded.issued END RETURNING issued";
 
 } // namespace
 
@@ -65,38 +67,39 @@ std::string makeReference(std::time_t receivedAt, int64_t number) {
 // reports a second.  A clock set back cannot hold uploads for long: after a
 // second the number goes out as it is, still unique in this database.
 //
+// A batch takes its numbers in one statement for each day it spans.
+//
 // Under the test clock the day is the test's and the number is the real
 // time of day, given out at once.
-int64_t Store::nextNumber(sql::Conn &c, std::time_t receivedAt) {
-    std::string day = utcTime(receivedAt, "%Y%m%d");
+void Store::number(sql::Conn &c, const std::vector<Pending *> &batch) {
     const bool waits = !testClock();
-    auto floor = [&] {
-        int64_t now = stepsSinceEpoch();
-        return waits ? std::max<int64_t>(0, now - startOfDay(receivedAt)) : now % kStepsPerDay;
-    };
-    int64_t number = 0;
-    auto take = [&](sql::Conn &on) {
-        number =
-            on.query(kNextNumber, {sql::text(day), sql::integer(floor())}).integer(0, "issued");
-    };
-    if (db_.dialect() == sql::Dialect::Postgres) {
-        // In a transaction of its own, so that the day's row is locked for
-        // a moment and not for a whole batch's commit.  It need not reach
-        // the disk by itself: the report's commit, later in the same log,
-        // takes it there.
-        db_.transaction([&](sql::Conn &own) {
-            own.query("SET LOCAL synchronous_commit TO OFF");
-            take(own);
-        });
-    } else {
-        // SQLite's writer holds the database alone until its commit.
-        take(c);
+    std::map<std::string, std::vector<Pending *>> byDay;
+    for (Pending *p : batch)
+        byDay[utcTime(p->report->received_at, "%Y%m%d")].push_back(p);
+    int64_t ahead = 0; // how far the last number runs ahead of the clock
+    for (auto &[day, reports] : byDay) {
+        std::time_t receivedAt = reports.front()->report->received_at;
+        auto floor = [&] {
+            int64_t now = stepsSinceEpoch();
+            return waits ? std::max<int64_t>(0, now - startOfDay(receivedAt)) : now % kStepsPerDay;
+        };
+        auto n = static_cast<int64_t>(reports.size());
+        int64_t last =
+            c.query(kReserveNumbers, {sql::text(day), sql::integer(floor()), sql::integer(n)})
+                .integer(0, "issued");
+        for (int64_t i = 0; i < n; i++)
+            reports[static_cast<size_t>(i)]->number = last - n + 1 + i;
+        ahead = std::max(ahead, last - floor());
     }
     auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    for (int64_t ahead;
-         waits && (ahead = number - floor()) > 0 && std::chrono::steady_clock::now() < giveUp;)
+    while (waits && ahead > 0 && std::chrono::steady_clock::now() < giveUp) {
         std::this_thread::sleep_for(std::chrono::microseconds(ahead * (1000000 / kStepsPerSecond)));
-    return number;
+        ahead = 0;
+        for (auto &[day, reports] : byDay) {
+            int64_t now = stepsSinceEpoch() - startOfDay(reports.front()->report->received_at);
+            ahead = std::max(ahead, reports.back()->number - now);
+        }
+    }
 }
 
 bool plausibleReference(const std::string &s) {
@@ -112,7 +115,7 @@ std::string Store::insert(const NewReport &r) {
     // Compressed by the uploading thread, so that the reports of a batch
     // are compressed side by side before their commit, not one by one in it.
     std::string packed = pack(r.desc);
-    Pending mine{&r, &packed, {}, {}, {}, false};
+    Pending mine{&r, &packed, {}, 0, {}, {}, false};
     if (!r.findings.empty())
         mine.findings = pack(r.findings);
     std::unique_lock<std::mutex> lock(groupMutex_);
@@ -150,9 +153,32 @@ std::string Store::insert(const NewReport &r) {
 }
 
 void Store::commit(const std::vector<Pending *> &batch) {
-    auto alone = [this](Pending *p) {
+    // PostgreSQL: the numbers are taken for the whole batch in a moment's
+    // transaction of its own, so that the day's row is not locked while a
+    // batch commits beside the others; it need not reach the disk by
+    // itself, the reports' commit later in the same log takes it there.
+    // SQLite: in the batch's transaction, its writer holding the database
+    // alone; a batch rolled back gives its numbers back with it.
+    const bool pg = db_.dialect() == sql::Dialect::Postgres;
+    if (pg) {
         try {
-            db_.transaction([&](sql::Conn &c) { p->reference = insertOne(c, *p); });
+            db_.transaction([&](sql::Conn &c) {
+                c.query("SET LOCAL synchronous_commit TO OFF");
+                number(c, batch);
+            });
+        } catch (const std::exception &e) {
+            for (Pending *p : batch)
+                p->error = e.what();
+            return;
+        }
+    }
+    auto alone = [this, pg](Pending *p) {
+        try {
+            db_.transaction([&](sql::Conn &c) {
+                if (!pg)
+                    number(c, {p});
+                p->reference = insertOne(c, *p);
+            });
             p->error.reset();
         } catch (const std::exception &e) {
             p->error = e.what();
@@ -164,6 +190,8 @@ void Store::commit(const std::vector<Pending *> &batch) {
     }
     try {
         db_.transaction([&](sql::Conn &c) {
+            if (!pg)
+                number(c, batch);
             for (Pending *p : batch)
                 p->reference = insertOne(c, *p);
         });
@@ -197,7 +225,7 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
            : c.query("SELECT max(coalesce((SELECT seq FROM sqlite_sequence WHERE name ="
                      " 'reports'), 0), coalesce((SELECT max(id) FROM reports), 0)) + 1 AS id")
                  .integer(0, "id");
-    std::string ref = makeReference(r.received_at, nextNumber(c, r.received_at));
+    std::string ref = makeReference(r.received_at, p.number);
     // A large report goes into SQLite in pieces, not through one record
     // holding a second copy of it.
     bool pieces = !pg && packed.size() > kPieceWiseFrom;

@@ -129,13 +129,15 @@ class Store {
         const NewReport *report;
         const std::string *packed;           // its text as stored
         std::optional<std::string> findings; // compressed, when there are any
+        int64_t number = 0;                  // its reference's, once number() gave it
         std::string reference;
         std::optional<std::string> error;
         bool done = false;
     };
     void commit(const std::vector<Pending *> &batch);
     std::string insertOne(sql::Conn &c, const Pending &p);
-    int64_t nextNumber(sql::Conn &c, std::time_t receivedAt);
+    // Each report of the batch its reference's number (see ingest.cpp).
+    void number(sql::Conn &c, const std::vector<Pending *> &batch);
     sql::Db &db_;
     std::mutex groupMutex_;
     std::condition_variable groupDone_;
