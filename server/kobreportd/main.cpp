@@ -182,10 +182,9 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
         else if (a == "--max-db-size" && number(v, 1ull << 60, n))
             o.quotas.max_db_size = n;
         else if ((a == "--min-free-disk" && percent(v, o.quotas.min_free_disk)) ||
-                 (a == "--trusted-proxy" && o.proxies.add(v)))
+                 (a == "--trusted-proxy" && o.proxies.add(v)) ||
+                 (a == "--log-level" && log::parseLevel(v, o.logLevel)))
             continue; // taken where they are read
-        else if (a == "--log-level" && log::parseLevel(v, o.logLevel))
-            continue;
         else if (a == "--proxy-protocol" && std::string(v) == "intake")
             o.proxyIntake = true;
         else if (a == "--proxy-protocol" && std::string(v) == "staff")

@@ -115,7 +115,7 @@ Traceroute traceroute(const Json &j) {
 }
 
 Json findings(const Report &r) {
-    Json j{{"recognised", r.recognised}, {"timestamp", opt(r.timestamp)},
+    Json j{{"recognised", r.recognised},  {"timestamp", opt(r.timestamp)},
            {"time_iso", opt(r.time_iso)}, {"username", opt(r.username)},
            {"version", opt(r.version)},   {"os", opt(r.os)}};
     Json captures = Json::array();

@@ -100,15 +100,6 @@ TEST(BackupCommandLine, TheCopyNeedsATarget) {
 
 namespace {
 
-std::string today() {
-    std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[16];
-    std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
-    return buf;
-}
-
 // The operator's backup and restore for each store, as the manual page
 // gives them.
 class Restore : public OnEitherStore {
@@ -165,8 +156,8 @@ TEST_P(Restore, ARestoredOlderCopyNeverGivesAReferenceAgain) {
         SCOPED_TRACE(ref);
         for (const auto &old : given) {
             EXPECT_NE(ref, old);
-            EXPECT_GT(reportd::referenceNumber(ref, today()),
-                      reportd::referenceNumber(old, today()));
+            EXPECT_GT(reportd::referenceNumber(ref, reportd::utcToday()),
+                      reportd::referenceNumber(old, reportd::utcToday()));
         }
         given.push_back(ref);
     }

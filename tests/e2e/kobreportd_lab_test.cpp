@@ -18,15 +18,6 @@ class LabIntake : public ::testing::Test {
     kobtest::TempDir reports;
 };
 
-std::string today() {
-    std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[16];
-    std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
-    return buf;
-}
-
 } // namespace
 
 TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
@@ -63,7 +54,7 @@ TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
     auto answer = kobtest::logRecords(r.out, "----", "dia");
     ASSERT_EQ(answer.size(), 1u) << r.out;
     const std::string ref = answer[0].substr(answer[0].rfind("KOB-"));
-    EXPECT_GE(reportd::referenceNumber(ref, today()), 0) << answer[0];
+    EXPECT_GE(reportd::referenceNumber(ref, reportd::utcToday()), 0) << answer[0];
     // The Date line is the one part that changes from run to run.
     std::string shown = answer[0];
     auto date = shown.find("\r\nDate: ");

@@ -1205,8 +1205,9 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
         return false;
     };
     EXPECT_TRUE(scrapedOpen("1"));
-    EXPECT_NE(s.api("/metrics").body.find("\nkobreportd_alerts_checked_timestamp_seconds " +
-                                          std::to_string(t0 + 600) + "\n"),
+    EXPECT_NE(s.api("/metrics")
+                  .body.find("\nkobreportd_alerts_checked_timestamp_seconds " +
+                             std::to_string(t0 + 600) + "\n"),
               std::string::npos);
     // Still broken at the next checks: nothing more is sent.  Two hours on,
     // six healthy reports bring the share back and the alert clears.

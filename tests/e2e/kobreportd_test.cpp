@@ -19,15 +19,6 @@
 
 namespace {
 
-std::string today() {
-    std::time_t t = std::time(nullptr);
-    std::tm tm{};
-    gmtime_r(&t, &tm);
-    char buf[16];
-    std::strftime(buf, sizeof buf, "%Y%m%d", &tm);
-    return buf;
-}
-
 // One column of one row, read straight from the database file.
 std::string sqlValue(const std::string &db, const std::string &sql) {
     sqlite3 *h = nullptr;
@@ -82,7 +73,7 @@ TEST_F(Reportd, StoresTheReportBeforeAnsweringWithItsReference) {
     ASSERT_TRUE(r.ok) << r.raw;
     EXPECT_EQ(r.status, 200);
     std::string ref = reportd::reference(r);
-    EXPECT_GE(reportd::referenceNumber(ref, today()), 0) << r.body;
+    EXPECT_GE(reportd::referenceNumber(ref, reportd::utcToday()), 0) << r.body;
     EXPECT_EQ(r.body, "Report received: " + ref);
     EXPECT_NE(r.raw.find("\r\nConnection: close\r\n"), std::string::npos);
     // On disk byte for byte, under that reference, compressed.
@@ -136,10 +127,10 @@ TEST_F(Reportd, ReferencesAreUniqueAndTheListIsNewestFirstPagedAndSearchable) {
     // Each later than the one before, all of the day.
     for (int i = 0; i < 53; i++) {
         SCOPED_TRACE(refs[i]);
-        EXPECT_GE(reportd::referenceNumber(refs[i], today()), 0);
+        EXPECT_GE(reportd::referenceNumber(refs[i], reportd::utcToday()), 0);
         if (i) {
-            EXPECT_GT(reportd::referenceNumber(refs[i], today()),
-                      reportd::referenceNumber(refs[i - 1], today()));
+            EXPECT_GT(reportd::referenceNumber(refs[i], reportd::utcToday()),
+                      reportd::referenceNumber(refs[i - 1], reportd::utcToday()));
         }
     }
     auto list = s.api("/api/reports");
@@ -180,7 +171,8 @@ TEST_F(Reportd, KeepsItsReportsAcrossARestart) {
     reportd::Server s(KOBREPORTD_BIN, db);
     EXPECT_EQ(s.api("/api/reports/" + ref + "/raw?reveal=1").body, "first\n");
     std::string second = reportd::reference(reportd::upload(s.port(), "second\n"));
-    EXPECT_GT(reportd::referenceNumber(second, today()), reportd::referenceNumber(ref, today()))
+    EXPECT_GT(reportd::referenceNumber(second, reportd::utcToday()),
+              reportd::referenceNumber(ref, reportd::utcToday()))
         << ref << " then " << second;
 }
 
@@ -403,7 +395,7 @@ TEST_F(Reportd, ExpectContinueIsAnsweredBeforeTheBody) {
     std::string raw = reportd::readAll(fd);
     close(fd);
     auto answer = reportd::parse(raw);
-    EXPECT_GE(reportd::referenceNumber(reportd::reference(answer), today()), 0) << raw;
+    EXPECT_GE(reportd::referenceNumber(reportd::reference(answer), reportd::utcToday()), 0) << raw;
 }
 
 // A burst of simultaneous uploads, far more than the workers: every one is
@@ -474,7 +466,7 @@ TEST_F(Reportd, TheNumberOfADeletedReportIsNotGivenAgain) {
         reportd::Server s(KOBREPORTD_BIN, db);
         for (const char *text : {"one\n", "two\n", "three\n"}) {
             std::string ref = reportd::reference(reportd::upload(s.port(), text));
-            numbers.push_back(reportd::referenceNumber(ref, today()));
+            numbers.push_back(reportd::referenceNumber(ref, reportd::utcToday()));
             // The newest is deleted each time.
             if (numbers.size() > 1) {
                 EXPECT_EQ(s.api("/api/reports/" + ref, "DELETE").status, 200);
@@ -483,8 +475,8 @@ TEST_F(Reportd, TheNumberOfADeletedReportIsNotGivenAgain) {
         EXPECT_EQ(s.stop(), 0);
     }
     reportd::Server s(KOBREPORTD_BIN, db);
-    numbers.push_back(
-        reportd::referenceNumber(reportd::reference(reportd::upload(s.port(), "four\n")), today()));
+    numbers.push_back(reportd::referenceNumber(
+        reportd::reference(reportd::upload(s.port(), "four\n")), reportd::utcToday()));
     EXPECT_GE(numbers[0], 0);
     for (size_t i = 1; i < numbers.size(); i++)
         EXPECT_GT(numbers[i], numbers[i - 1]);

@@ -202,6 +202,9 @@ std::vector<nlohmann::json> logEvents(const std::string &text, const std::string
 // sanitizer's finding).  "" for a clean run.
 std::string unusualLines(const std::string &text);
 
+// Today's date in UTC as references carry it, "YYYYMMDD".
+std::string utcToday();
+
 } // namespace reportd
 
 #endif

@@ -184,8 +184,7 @@ class Db {
     virtual void copyTo(const std::string &file, const std::function<void(Conn &)> &check);
     // A blob (bytea) column's value in the row of that id, a megabyte at a
     // time, and "" after the last: a large value is never fetched whole.
-    virtual std::function<std::string()> pieces(const char *table, const char *column,
-                                                int64_t id);
+    virtual std::function<std::string()> pieces(const char *table, const char *column, int64_t id);
     static constexpr int64_t kPiece = int64_t{1} << 20;
 
     // Told of every read, transaction and scrub once it is over: how long

@@ -23,6 +23,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <thread>
+#include <vector>
 #include <unistd.h>
 
 namespace kobreportd::sql {
@@ -453,10 +454,18 @@ void makeDirectory(const std::string &path) {
         return;
     }
     int err = errno;
-    const struct passwd *pw = ::getpwuid(::geteuid());
-    const struct group *gr = ::getgrgid(::getegid());
-    std::string owner = pw ? pw->pw_name : std::to_string(::geteuid());
-    std::string group = gr ? gr->gr_name : std::to_string(::getegid());
+    // The reentrant forms: other threads may be looking names up too.
+    std::vector<char> buf(16384);
+    struct passwd pwd {};
+    struct passwd *pw = nullptr;
+    struct group grp {};
+    struct group *gr = nullptr;
+    std::string owner = ::getpwuid_r(::geteuid(), &pwd, buf.data(), buf.size(), &pw) == 0 && pw
+                            ? pw->pw_name
+                            : std::to_string(::geteuid());
+    std::string group = ::getgrgid_r(::getegid(), &grp, buf.data(), buf.size(), &gr) == 0 && gr
+                            ? gr->gr_name
+                            : std::to_string(::getegid());
     throw StoreError("cannot open " + path + ": the directory " + dir +
                      " does not exist and cannot be made (" + std::strerror(err) +
                      "); make it as root with: install -d -m 0700 -o " + owner + " -g " + group +
