@@ -35,6 +35,21 @@ std::string missing() {
 }
 
 Session::Session(const std::string &profileDir, const std::vector<std::string> &browserArgs) {
+    // chromedriver takes a free port for IPv6 and then the same number for
+    // IPv4, which another test's server may have taken meanwhile: it then
+    // says so and ends, and a second start picks another number.
+    std::string got;
+    for (int attempt = 0; attempt < 3 && port_ <= 0; attempt++) {
+        got = startDriver(profileDir);
+        if (port_ <= 0 && got.find("port not available") == std::string::npos)
+            break;
+    }
+    if (port_ <= 0)
+        throw std::runtime_error("webdriver: chromedriver did not start: " + got);
+    startBrowser(profileDir, browserArgs);
+}
+
+std::string Session::startDriver(const std::string &profileDir) {
     int pfd[2], alive[2];
     if (pipe(pfd) != 0)
         throw std::runtime_error("webdriver: no pipe");
@@ -100,11 +115,13 @@ Session::Session(const std::string &profileDir, const std::vector<std::string> &
             break;
         got.push_back(c);
     }
-    if (port_ <= 0) {
+    if (port_ <= 0)
         stop();
-        throw std::runtime_error("webdriver: chromedriver did not start: " + got);
-    }
+    return got;
+}
 
+void Session::startBrowser(const std::string &profileDir,
+                           const std::vector<std::string> &browserArgs) {
     json args = json::array(
         {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync",

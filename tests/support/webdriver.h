@@ -83,6 +83,10 @@ class Session {
     nlohmann::json command(const std::string &method, const std::string &path,
                            const nlohmann::json &body = nlohmann::json::object());
     void stop();
+    // chromedriver started, and port_ set when it says it is ready; returns
+    // what it printed.
+    std::string startDriver(const std::string &profileDir);
+    void startBrowser(const std::string &profileDir, const std::vector<std::string> &browserArgs);
 
     pid_t keeper_ = -1; // heads the process group of chromedriver and the browser
     int alive_ = -1;    // closing it tells the keeper to end them
