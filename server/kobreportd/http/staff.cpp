@@ -259,22 +259,18 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
     }
     // Else from the whole text, judged again: a report stored before its
     // findings were, or one of ordinary size.
-    auto hold = budget_.take(s->raw_expired ? 0 : static_cast<uint64_t>(s->size));
-    if (!s->raw_expired)
-        s = store_.get(req.matches[1], false);
-    if (!s) {
+    auto loaded = load({req.matches[1]});
+    auto &whole = loaded.reports[0];
+    if (!whole) {
         notFound(res, who, req.matches[1]);
         return;
     }
     std::optional<kobtriage::Report> parsed;
-    if (!s->raw_expired) {
-        if (s->desc_packed)
-            s->desc = unpack(s->desc, true, s->size);
-        s->desc_packed = false;
-        parsed = kobtriage::parse(s->desc);
-    }
-    pages::ReportBody body{parsed ? &*parsed : nullptr, &s->desc, {}};
-    show(res, 200, s->reference, &who, pages::report(*s, body, reveal, viewer(who), retainDays_));
+    if (!whole->raw_expired)
+        parsed = kobtriage::parse(whole->desc);
+    pages::ReportBody body{parsed ? &*parsed : nullptr, &whole->desc, {}};
+    show(res, 200, whole->reference, &who,
+         pages::report(*whole, body, reveal, viewer(who), retainDays_));
     if (parsed)
         keepTargets(*parsed, res);
 }

@@ -60,28 +60,26 @@ Store::Store(sql::Db &db) : db_(db) {
 }
 
 std::optional<StoredReport> Store::get(const std::string &reference, bool unpackText) {
-    if (!plausibleReference(reference))
-        return std::nullopt;
-    auto rows =
-        db_.read(std::string("SELECT ") + kListColumns +
-                     ", peer, \"desc\", why, findings, findings_zstd, desc_zstd FROM reports"
-                     " WHERE reference = $1",
-                 {sql::text(reference)});
-    if (rows.empty())
-        return std::nullopt;
-    return storedReport(rows, 0, unpackText);
+    return fetch(reference, "\"desc\"", unpackText);
 }
 
 std::optional<StoredReport> Store::head(const std::string &reference) {
+    return fetch(reference, "NULL", false);
+}
+
+// One report by reference, with the text column given ("NULL" leaves it
+// in the database).
+std::optional<StoredReport> Store::fetch(const std::string &reference, const char *desc,
+                                         bool unpackText) {
     if (!plausibleReference(reference))
         return std::nullopt;
-    auto rows = db_.read(std::string("SELECT ") + kListColumns +
-                             ", peer, NULL AS \"desc\", why, findings, findings_zstd, desc_zstd"
-                             " FROM reports WHERE reference = $1",
+    auto rows = db_.read(std::string("SELECT ") + kListColumns + ", peer, " + desc +
+                             " AS \"desc\", why, findings, findings_zstd, desc_zstd FROM reports"
+                             " WHERE reference = $1",
                          {sql::text(reference)});
     if (rows.empty())
         return std::nullopt;
-    return storedReport(rows, 0, false);
+    return storedReport(rows, 0, unpackText);
 }
 
 std::function<std::string()> Store::storedPieces(int64_t id) {

@@ -137,17 +137,24 @@ class Handle {
         return rows;
     }
 
-    void fillBlob(const char *table, const char *column, int64_t rowid, std::string_view data) {
+    using Blob = std::unique_ptr<sqlite3_blob, int (*)(sqlite3_blob *)>;
+
+    Blob openBlob(const char *table, const char *column, int64_t rowid, bool writing) {
         sqlite3_blob *b = nullptr;
-        if (sqlite3_blob_open(db_, "main", table, column, rowid, 1, &b) != SQLITE_OK) {
+        if (sqlite3_blob_open(db_, "main", table, column, rowid, writing ? 1 : 0, &b) !=
+            SQLITE_OK) {
             std::string msg = sqlite3_errmsg(db_);
             sqlite3_blob_close(b);
             throw StoreError("blob open: " + msg);
         }
-        std::unique_ptr<sqlite3_blob, int (*)(sqlite3_blob *)> guard(b, sqlite3_blob_close);
+        return Blob(b, sqlite3_blob_close);
+    }
+
+    void fillBlob(const char *table, const char *column, int64_t rowid, std::string_view data) {
+        Blob b = openBlob(table, column, rowid, true);
         for (size_t off = 0; off < data.size();) {
             size_t n = std::min(data.size() - off, kBlobPiece);
-            if (sqlite3_blob_write(b, data.data() + off, static_cast<int>(n),
+            if (sqlite3_blob_write(b.get(), data.data() + off, static_cast<int>(n),
                                    static_cast<int>(off)) != SQLITE_OK)
                 throw StoreError(std::string("blob write: ") + sqlite3_errmsg(db_));
             off += n;
@@ -157,18 +164,12 @@ class Handle {
     // Up to max bytes of a blob from offset; "" past its end.
     std::string readBlob(const char *table, const char *column, int64_t rowid, int64_t offset,
                          int64_t max) {
-        sqlite3_blob *b = nullptr;
-        if (sqlite3_blob_open(db_, "main", table, column, rowid, 0, &b) != SQLITE_OK) {
-            std::string msg = sqlite3_errmsg(db_);
-            sqlite3_blob_close(b);
-            throw StoreError("blob open: " + msg);
-        }
-        std::unique_ptr<sqlite3_blob, int (*)(sqlite3_blob *)> guard(b, sqlite3_blob_close);
-        int64_t size = sqlite3_blob_bytes(b);
+        Blob b = openBlob(table, column, rowid, false);
+        int64_t size = sqlite3_blob_bytes(b.get());
         if (offset >= size)
             return {};
         std::string out(static_cast<size_t>(std::min(max, size - offset)), '\0');
-        if (sqlite3_blob_read(b, out.data(), static_cast<int>(out.size()),
+        if (sqlite3_blob_read(b.get(), out.data(), static_cast<int>(out.size()),
                               static_cast<int>(offset)) != SQLITE_OK)
             throw StoreError(std::string("blob read: ") + sqlite3_errmsg(db_));
         return out;

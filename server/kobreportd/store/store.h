@@ -136,6 +136,8 @@ class Store {
     };
     void commit(const std::vector<Pending *> &batch);
     std::string insertOne(sql::Conn &c, const Pending &p);
+    std::optional<StoredReport> fetch(const std::string &reference, const char *desc,
+                                      bool unpackText);
     // Each report of the batch its reference's number (see ingest.cpp).
     void number(sql::Conn &c, const std::vector<Pending *> &batch);
     sql::Db &db_;
