@@ -54,3 +54,17 @@ if [ ${#missing[@]} -gt 0 ]; then
   "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
   "${sudo_cmd[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q "${missing[@]}"
 fi
+
+# axe-core, for the browser test's accessibility checks, from the lockfile
+# (npm ci checks its integrity hash) into build/axe.  An install from the
+# same lockfile is kept.
+root=$(cd "$(dirname "$0")/.." && pwd)
+axe=$root/build/axe
+if ! cmp -s "$root/tests/axe/package-lock.json" "$axe/package-lock.json" ||
+  [ ! -f "$axe/node_modules/axe-core/axe.min.js" ]; then
+  echo "==> axe-core from the npm registry (npm ci)"
+  rm -rf "$axe"
+  mkdir -p "$axe"
+  cp "$root/tests/axe/package.json" "$root/tests/axe/package-lock.json" "$axe/"
+  (cd "$axe" && npm ci --ignore-scripts --no-audit --no-fund --loglevel=error)
+fi

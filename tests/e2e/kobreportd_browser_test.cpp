@@ -402,8 +402,9 @@ TEST(ReportdBrowser, BehindNginxUnderAPrefixEveryStepStaysUnderIt) {
             EXPECT_EQ(b.text(cells[2]), "127.0.0.1");
         }
     }
-    // Every link and form of the page is under the prefix.
-    auto links = b.findAll("a[href], link[href]"), forms = b.findAll("form");
+    // Every link and form of the page is under the prefix (but the one to
+    // the page's own content).
+    auto links = b.findAll("a[href]:not([href='#content']), link[href]"), forms = b.findAll("form");
     EXPECT_GE(links.size() + forms.size(), 10u);
     for (const auto &e : links)
         EXPECT_TRUE(b.attribute(e, "href").rfind("/kob/", 0) == 0) << b.attribute(e, "href");
@@ -446,5 +447,92 @@ TEST(ReportdBrowser, AHugeReportsPageLoadsWholeAndLight) {
     EXPECT_GE(b.findAll("pre.log").size(), 2u);
     EXPECT_FALSE(b.findAll("p.cut").empty());
     EXPECT_EQ(b.text(b.find("#whole a")), "The whole report as it came");
+    stopsCleanly(b, s);
+}
+
+namespace {
+
+// axe-core's serious and critical findings on the page on show, one line
+// each ("rule (impact): first element"); "" when there are none.
+std::string seriousViolations(webdriver::Session &b) {
+    static const std::string axe = kobtest::readFile(AXE_JS);
+    b.execute(axe + "\nreturn true;");
+    auto found =
+        b.execute("return axe.run(document, {resultTypes: ['violations']}).then(r => r.violations"
+                  ".filter(v => v.impact === 'serious' || v.impact === 'critical')"
+                  ".map(v => v.id + ' (' + v.impact + '): ' + v.nodes.map(n => n.target.join(' '))"
+                  ".slice(0, 3).join(', ')));");
+    std::string out;
+    for (const auto &line : found)
+        out += line.get<std::string>() + "\n";
+    return out;
+}
+
+// How much wider than the window the page on show is, in CSS pixels.
+int sidewaysScroll(webdriver::Session &b) {
+    return b
+        .execute("return document.documentElement.scrollWidth - "
+                 "document.documentElement.clientWidth;")
+        .get<int>();
+}
+
+} // namespace
+
+// Every kind of page passes axe-core without a serious or critical finding,
+// starts with a link past the header to the content, names its landmarks,
+// and fits a phone's width without scrolling sideways.
+TEST(ReportdBrowser, EveryKindOfPageIsAccessibleAndFitsAPhone) {
+    if (std::string why = webdriver::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    ASSERT_TRUE(std::filesystem::exists(AXE_JS)) << AXE_JS << " is missing: run scripts/deps.sh";
+    kobtest::TempDir dir;
+    reportd::Server s(KOBREPORTD_BIN, dir.file("reports.db"));
+    auto failing = reportgen::healthyRun();
+    failing.udp.assign(5, reportgen::udpTimeout());
+    failing.username = "carol";
+    std::string bad = upload(s, failing, "carol", "the tunnel drops every few minutes\n");
+    std::string good = upload(s, homeRun(), "carol", "works again\n");
+    ASSERT_FALSE(bad.empty());
+    ASSERT_FALSE(good.empty());
+    ASSERT_EQ(s.addUser("ada", "admin", "ada's long password").status, 0);
+
+    webdriver::Session b(profile(dir));
+    b.setWindowSize(1366, 900);
+    b.navigate(base(s) + "/signin");
+    ASSERT_EQ(b.title(), "Sign in");
+    // The name field has the focus, so a person can type at once.
+    EXPECT_EQ(b.execute("return document.activeElement.id;"), "name");
+    EXPECT_EQ(seriousViolations(b), "") << "the sign-in page";
+    ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "ada", "ada's long password"));
+
+    const std::vector<std::pair<std::string, std::string>> kinds = {
+        {"the list", "/"},
+        {"a search", "/?q=carol"},
+        {"a report", "/reports/" + bad},
+        {"a comparison", "/compare?a=" + bad + "&b=" + good},
+        {"a user's reports", "/users/carol"},
+        {"the fleet", "/fleet"},
+        {"the fleet's reports",
+         "/fleet/reports?area=tcp&target=Testing%20TCP%20pass-through%20to%20port%20443"},
+        {"the audit log", "/audit"},
+        {"the accounts", "/admin/accounts"},
+        {"a message", "/reports/KOB-20000101-000000"},
+    };
+    for (const auto &[what, path] : kinds) {
+        SCOPED_TRACE(what);
+        b.setWindowSize(1366, 900);
+        b.navigate(base(s) + path);
+        EXPECT_EQ(seriousViolations(b), "") << path;
+        // The first thing a keyboard reaches skips the header.
+        EXPECT_EQ(b.execute("const a = document.querySelector('body a');"
+                            "return a ? a.getAttribute('href') : '';"),
+                  "#content")
+            << path;
+        EXPECT_EQ(b.findAll("main#content").size(), 1u) << path;
+        for (const auto &nav : b.findAll("nav"))
+            EXPECT_NE(b.attribute(nav, "aria-label"), "") << path;
+        b.setWindowSize(390, 844);
+        EXPECT_EQ(sidewaysScroll(b), 0) << path;
+    }
     stopsCleanly(b, s);
 }

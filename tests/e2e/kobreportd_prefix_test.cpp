@@ -29,13 +29,15 @@ std::vector<std::string> setCookies(const reportd::Response &r) {
     return out;
 }
 
-// Every href="..." and action="..." of a page, in order.
+// Every href="..." and action="..." of a page, in order, but for links
+// within the page itself ("#content"), which have no path.
 std::vector<std::string> targets(const std::string &html) {
     std::vector<std::string> out;
     for (const std::string attr : {" href=\"", " action=\""})
         for (size_t at = 0; (at = html.find(attr, at)) != std::string::npos;) {
             at += attr.size();
-            out.push_back(html.substr(at, html.find('"', at) - at));
+            if (html[at] != '#')
+                out.push_back(html.substr(at, html.find('"', at) - at));
         }
     return out;
 }

@@ -66,7 +66,7 @@ Html chart(const FleetTarget &t, std::time_t bucketSeconds) {
 
 Html fleet(const Fleet &f, const Links &links) {
     Html b;
-    b << "<h2>The fleet</h2><nav class=\"windows\">";
+    b << "<h2>The fleet</h2><nav class=\"windows\" aria-label=\"Time window\">";
     for (const char *w : {"6h", "24h", "7d", "30d"}) {
         b << "<a href=\"" << links.href("/fleet") << "?window=" << text(w) << "\"";
         if (f.window == w)

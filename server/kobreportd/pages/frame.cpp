@@ -20,7 +20,7 @@ header h1 { font-size: 19px; margin: 0; }
 header a { color: #fff; text-decoration: none; }
 header form { margin-left: auto; display: flex; gap: 6px; }
 header input { padding: 5px 8px; border: 0; border-radius: 4px; min-width: 260px; }
-header button { padding: 5px 12px; border: 0; border-radius: 4px; background: #4c7bd9;
+header button { padding: 5px 12px; border: 0; border-radius: 4px; background: #2f5fb3;
                 color: #fff; cursor: pointer; }
 main { padding: 16px 24px 40px; max-width: 1200px; }
 h2 { font-size: 17px; margin: 28px 0 8px; }
@@ -52,15 +52,33 @@ form.signin { background: #fff; padding: 20px 24px; max-width: 360px; display: g
 form.signin input, form.admin input, form.admin select { padding: 6px 8px; border: 1px solid #c4cad3;
   border-radius: 4px; }
 button.danger { background: #b3261e; color: #fff; border: 0; border-radius: 4px; padding: 5px 12px; }
-button.plain { background: #4c7bd9; color: #fff; border: 0; border-radius: 4px; padding: 5px 12px; }
+button.plain { background: #2f5fb3; color: #fff; border: 0; border-radius: 4px; padding: 5px 12px; }
 p.notice { background: #fff8c5; border: 1px solid #d4a72c; padding: 8px 12px; }
 p.error { background: #ffebe9; border: 1px solid #cf222e; padding: 8px 12px; }
 code.token { background: #fff; padding: 4px 8px; border: 1px solid #e3e6eb; }
 .actions { display: flex; gap: 12px; margin: 8px 0; }
 nav.windows { display: flex; gap: 12px; margin: 8px 0 16px; }
 nav.windows a.current { font-weight: 600; text-decoration: none; color: #1d2430; }
-table.fleet svg { display: block; }
+table.fleet svg { display: block; max-width: 100%; height: auto; }
 ul.broken li { margin: 4px 0; }
+a.skip { position: absolute; left: 8px; top: -40px; background: #fff; color: #1d2b45;
+         padding: 6px 10px; border-radius: 4px; z-index: 1; }
+a.skip:focus { top: 8px; }
+td, dd { overflow-wrap: anywhere; }
+/* A phone: the header stacks, and each table row becomes a block of its
+   cells, so no page is wider than the screen. */
+@media (max-width: 640px) {
+  header { padding: 10px 12px; gap: 8px 16px; }
+  header form { margin-left: 0; flex: 1 1 100%; }
+  header input { min-width: 0; flex: 1; }
+  main { padding: 12px 12px 32px; }
+  table, tbody, tr, td { display: block; }
+  thead { display: none; }
+  tr { border-bottom: 1px solid #e3e6eb; padding: 4px 0; }
+  td, th { border-bottom: 0; padding: 2px 10px; }
+  dl.facts { grid-template-columns: 1fr; gap: 0 16px; }
+  dl.facts dd { margin-bottom: 6px; }
+}
 )css";
 
 Html csrfField(const Viewer &v) {
@@ -72,7 +90,7 @@ Html csrfField(const Viewer &v) {
 Html pager(const std::string &base, const std::string &query, int64_t pageNumber, int64_t pageSize,
            int64_t total) {
     Html h;
-    h << "<nav class=\"pages\">";
+    h << "<nav class=\"pages\" aria-label=\"Pages\">";
     auto link = [&](const char *rel, const char *label, int64_t n) {
         h << "<a rel=\"" << text(rel) << "\" href=\"" << text(base) << "?";
         if (!query.empty())
@@ -98,11 +116,13 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
          "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
          "<title>"
       << text(title) << "</title><link rel=\"stylesheet\" href=\""
-      << v.links.href("/static/style.css") << "\"></head>\n<body><header><h1><a href=\""
+      << v.links.href("/static/style.css")
+      << "\"></head>\n<body><a class=\"skip\" href=\"#content\">Skip to the content</a>"
+         "<header><h1><a href=\""
       << v.links.href("/") << "\">Kobvane problem reports</a></h1>";
     if (v.who) {
-        h << "<nav><a href=\"" << v.links.href("/") << "\">Reports</a><a href=\""
-          << v.links.href("/fleet") << "\">Fleet</a>";
+        h << "<nav aria-label=\"Sections\"><a href=\"" << v.links.href("/")
+          << "\">Reports</a><a href=\"" << v.links.href("/fleet") << "\">Fleet</a>";
         if (v.who->role == Role::Admin)
             h << "<a href=\"" << v.links.href("/audit") << "\">Audit log</a><a href=\""
               << v.links.href("/admin/accounts") << "\">Accounts</a>";
@@ -116,7 +136,7 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
           << "\">" << csrfField(v)
           << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
     }
-    h << "</header>\n<main>" << body << "</main></body></html>\n";
+    h << "</header>\n<main id=\"content\">" << body << "</main></body></html>\n";
     return h.str();
 }
 
@@ -129,7 +149,8 @@ Html signIn(const std::string &csrf, const std::string &next, const std::string 
     b << "<form class=\"signin\" method=\"post\" action=\"" << links.href("/signin")
       << "\"><input type=\"hidden\" name=\"csrf\" value=\"" << text(csrf)
       << "\"><input type=\"hidden\" name=\"next\" value=\"" << text(next)
-      << "\"><label>Name <input name=\"name\" id=\"name\" autocomplete=\"username\" required>"
+      << "\"><label>Name <input name=\"name\" id=\"name\" autocomplete=\"username\" required "
+         "autofocus>"
          "</label><label>Password <input name=\"password\" id=\"password\" type=\"password\" "
          "autocomplete=\"current-password\" required></label>"
          "<button class=\"plain\" type=\"submit\" id=\"signin\">Sign in</button></form>\n";
