@@ -518,7 +518,8 @@ TEST(ReportdBrowser, EveryKindOfPageIsAccessibleAndFitsAPhone) {
         {"the accounts", "/admin/accounts"},
         {"a message", "/reports/KOB-20000101-000000"},
     };
-    for (const auto &[what, path] : kinds) {
+    for (size_t i = 0; i < kinds.size(); ++i) {
+        const auto &[what, path] = kinds[i];
         SCOPED_TRACE(what);
         b.setWindowSize(1366, 900);
         b.navigate(base(s) + path);
@@ -533,6 +534,9 @@ TEST(ReportdBrowser, EveryKindOfPageIsAccessibleAndFitsAPhone) {
             EXPECT_NE(b.attribute(nav, "aria-label"), "") << path;
         b.setWindowSize(390, 844);
         EXPECT_EQ(sidewaysScroll(b), 0) << path;
+        // Kept for people to look at, as kobreportd-phone-N.png.
+        b.screenshot(std::string(SCREENSHOT_DIR) + "/kobreportd-phone-" + std::to_string(i) +
+                     ".png");
     }
     stopsCleanly(b, s);
 }
