@@ -540,3 +540,40 @@ TEST(ReportdBrowser, EveryKindOfPageIsAccessibleAndFitsAPhone) {
     }
     stopsCleanly(b, s);
 }
+
+// A person whose upload form and kobdiag -u give different names has one
+// timeline under either name, and any two of its reports compare through
+// the timeline's form, without script.
+TEST(ReportdBrowser, BothNamesOfAUserLeadToOneTimelineWhereAnyTwoCompare) {
+    if (std::string why = webdriver::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    kobtest::TempDir dir;
+    reportd::Server s(KOBREPORTD_BIN, dir.file("reports.db"));
+    auto run = reportgen::healthyRun();
+    run.username = "cs";
+    std::string both = upload(s, run, "carol"); // form "carol", -u "cs"
+    std::string onlyU = upload(s, run, "");     // -u "cs" alone
+    run.username.reset();
+    std::string onlyForm = upload(s, run, "carol");                   // the form's name alone
+    ASSERT_FALSE(upload(s, reportgen::healthyRun(), "dave").empty()); // someone else
+    ASSERT_EQ(s.addUser("vera", "viewer", "vera's long password").status, 0);
+
+    webdriver::Session b(profile(dir));
+    ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "vera", "vera's long password"));
+    const std::vector<std::string> all = {onlyForm, onlyU, both};
+    for (const std::string name : {"carol", "cs"}) {
+        b.navigate(base(s) + "/users/" + name);
+        EXPECT_EQ(texts(b, "#timeline tbody td:nth-child(4)"), all) << name;
+        EXPECT_EQ(b.text(b.find("#aliases")), std::string("Also named ") +
+                                                  (name == std::string("carol") ? "cs" : "carol") +
+                                                  " in the same reports.");
+    }
+    // The oldest as A, the newest as B.
+    b.click(b.find("input[name='a'][value='" + both + "']"));
+    b.click(b.find("input[name='b'][value='" + onlyForm + "']"));
+    b.clickToLoad(b.find("#compare"));
+    // (The form sends its fields in the page's order: the newest row first.)
+    EXPECT_EQ(b.url(), base(s) + "/compare?b=" + onlyForm + "&a=" + both);
+    EXPECT_EQ(b.title(), "Compare");
+    stopsCleanly(b, s);
+}

@@ -585,7 +585,8 @@ void Staff::addFleetPages(RouteTable &table) {
     page(table, Method::Get, "/users/{name}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
-             show(res, 200, name, &who, pages::user(name, store_.byUser(name, 200), links()));
+             show(res, 200, name, &who,
+                  pages::user(store_.sameUser(name), store_.byUser(name, 200), links()));
          });
 }
 

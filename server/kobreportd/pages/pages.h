@@ -86,8 +86,8 @@ struct Changes {
     std::vector<std::string> failing, recovered;
 };
 Changes changes(const std::vector<Outcome> &older, const std::vector<Outcome> &newer);
-html::Html user(const std::string &name, const std::vector<Store::UserReport> &reports,
-                const Links &links);
+html::Html user(const std::vector<std::string> &names,
+                const std::vector<Store::UserReport> &reports, const Links &links);
 html::Html failing(const std::string &area, const std::string &target,
                    const std::vector<std::string> &references, const Links &links);
 

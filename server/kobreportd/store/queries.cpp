@@ -3,6 +3,8 @@
 
 #include "store.h"
 
+#include <algorithm>
+
 #include "migrations.h"
 #include "outcomes.h"
 #include "pack.h"
@@ -118,13 +120,36 @@ std::vector<Outcome> Store::outcomes(int64_t id) {
     return out;
 }
 
-std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t limit) {
+std::vector<std::string> Store::sameUser(const std::string &name) {
     std::string n = cleanText(name);
+    std::vector<std::string> names{n};
+    auto rows = db_.read("SELECT DISTINCT form_username, report_username FROM reports"
+                         " WHERE reference IS NOT NULL AND (form_username = $1 OR"
+                         " report_username = $1) LIMIT 64",
+                         {sql::text(n)});
+    for (size_t i = 0; i < rows.size() && names.size() < kSameUserNames; i++)
+        for (const char *column : {"form_username", "report_username"}) {
+            std::string other = rows.str(i, column);
+            if (!other.empty() && names.size() < kSameUserNames &&
+                std::find(names.begin(), names.end(), other) == names.end())
+                names.push_back(other);
+        }
+    return names;
+}
+
+std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t limit) {
+    // Always eight names, the first repeated where there are fewer.
+    auto n = sameUser(name);
+    static_assert(kSameUserNames == 8);
+    n.resize(kSameUserNames, n[0]);
     auto rows = db_.read(std::string("SELECT ") + kListColumns +
                              " FROM reports WHERE reference IS NOT NULL AND"
-                             " (form_username = $1 OR report_username = $1)"
-                             " ORDER BY id DESC LIMIT $2",
-                         {sql::text(n), sql::integer(limit)});
+                             " (form_username IN ($1, $2, $3, $4, $5, $6, $7, $8) OR"
+                             " report_username IN ($1, $2, $3, $4, $5, $6, $7, $8))"
+                             " ORDER BY id DESC LIMIT $9",
+                         {sql::text(n[0]), sql::text(n[1]), sql::text(n[2]), sql::text(n[3]),
+                          sql::text(n[4]), sql::text(n[5]), sql::text(n[6]), sql::text(n[7]),
+                          sql::integer(limit)});
     std::vector<UserReport> out;
     for (size_t i = 0; i < rows.size(); i++) {
         UserReport u;

@@ -96,7 +96,14 @@ class Store {
         ListItem item;
         std::vector<Outcome> outcomes;
     };
+    // A person's reports carry the form's name, kobdiag's -u name, or both:
+    // those under either of the names that a report of name pairs with it
+    // are that person's too.
     std::vector<UserReport> byUser(const std::string &name, int64_t limit);
+    // name first, then the names its reports pair it with (at most
+    // kSameUserNames in all, so a name many people share stays bounded).
+    std::vector<std::string> sameUser(const std::string &name);
+    static constexpr size_t kSameUserNames = 8;
     // The outcomes kept for a report at intake.
     std::vector<Outcome> outcomes(int64_t id);
     // Removes the report whole and leaves no copy of its text in the
