@@ -522,6 +522,50 @@ TEST_P(Staff, ViewersSeeTheUsersAddressesMaskedAndAnAdminMayRevealThem) {
     EXPECT_NE(revealed.body.find("<p class=\"notice\" id=\"revealed\">"), std::string::npos);
 }
 
+// The level of each row of a page's verdicts table, in order.
+std::vector<std::string> verdictLevels(const std::string &page) {
+    std::vector<std::string> out;
+    size_t from = page.find("<table id=\"verdicts\">"), to = page.find("</table>", from);
+    const std::string row = "<tr class=\"";
+    for (size_t at = page.find(row, from); at < to; at = page.find(row, at)) {
+        at += row.size();
+        out.push_back(page.substr(at, page.find('"', at) - at));
+    }
+    return out;
+}
+
+// A failure that the rules find after good news still heads the table,
+// and so it does among the verdicts kept when the raw text has expired.
+TEST_P(Staff, AReportsVerdictsComeWorstFirst) {
+    std::time_t t0 = 1800000000;
+    setClock(t0);
+    auto run = reportgen::healthyRun();
+    run.tcp.assign(7, reportgen::tcpTimeout());
+    std::vector<std::string> worstFirst(7, "fail");
+    worstFirst.insert(worstFirst.end(), 3, "ok");
+    std::string ref;
+    {
+        reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        ref = reportd::reference(reportd::upload(s.port(), reportgen::report(run), "kim"));
+        ASSERT_FALSE(ref.empty());
+        auto page = s.signedIn().get("/reports/" + ref);
+        EXPECT_EQ(verdictLevels(page.body), worstFirst) << page.body;
+        // The rules themselves go UDP first.
+        EXPECT_LT(page.body.find("<tr class=\"fail\">"),
+                  page.body.find("<td>UDP pass-through works"));
+        EXPECT_EQ(s.stop(), 0);
+    }
+    setClock(t0 + 10 * 86400);
+    auto purge = reportd::command(KOBREPORTD_BIN, {"purge", "--older-than", "5", "--db", db}, "",
+                                  clockEnv());
+    ASSERT_EQ(purge.out, "1 report expired\n") << purge.err;
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    auto page = s.signedIn().get("/reports/" + ref);
+    ASSERT_NE(page.body.find("id=\"expired\""), std::string::npos) << page.body;
+    EXPECT_EQ(verdictLevels(page.body), worstFirst) << page.body;
+    EXPECT_EQ(s.stop(), 0);
+}
+
 TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
     std::time_t t0 = 1800000000;
     setClock(t0);

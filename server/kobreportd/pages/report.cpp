@@ -3,6 +3,7 @@
 
 #include "pages.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
@@ -111,9 +112,24 @@ Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> 
     return b;
 }
 
+// Verdicts are shown worst first (fail, warn, info, ok), each level in rule
+// order.
+int severity(const std::string &level) {
+    for (int i = 0; const char *l : {"fail", "warn", "info", "ok"}) {
+        if (level == l)
+            return i;
+        i++;
+    }
+    return 4;
+}
+
 Html verdictRows(const kobtriage::Report &r) {
     Html b;
-    for (const auto &v : r.verdicts) {
+    auto verdicts = r.verdicts;
+    std::stable_sort(verdicts.begin(), verdicts.end(), [](const auto &x, const auto &y) {
+        return severity(kobtriage::levelName(x.level)) < severity(kobtriage::levelName(y.level));
+    });
+    for (const auto &v : verdicts) {
         std::string lv = kobtriage::levelName(v.level);
         b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
           << text(v.area) << "</td><td>" << text(v.text) << evidence(v.rule, v.evidence)
@@ -285,7 +301,18 @@ Html keptVerdicts(const std::string &findings) {
     auto j = nlohmann::json::parse(findings, nullptr, false);
     if (j.is_discarded() || !j.contains("verdict_levels") || !j["verdict_levels"].is_array())
         return b;
-    for (const auto &v : j["verdict_levels"]) {
+    std::vector<nlohmann::json> kept;
+    for (const auto &v : j["verdict_levels"])
+        if (v.is_object())
+            kept.push_back(v);
+    auto level = [](const nlohmann::json &v) {
+        return v.contains("level") && v["level"].is_string() ? v["level"].get<std::string>()
+                                                             : std::string();
+    };
+    std::stable_sort(kept.begin(), kept.end(), [&](const auto &x, const auto &y) {
+        return severity(level(x)) < severity(level(y));
+    });
+    for (const auto &v : kept) {
         auto str = [&v](const char *k) {
             return v.contains(k) && v[k].is_string() ? v[k].get<std::string>() : std::string();
         };
