@@ -17,7 +17,7 @@ jobs=$(nproc)
 # What the operator's side builds with; the client needs none of it.
 hidden_packages=(libpq-dev libsodium-dev libzstd-dev nlohmann-json3-dev libcpp-httplib-dev
   libsqlite3-dev libssl-dev libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev
-  libcurl4-openssl-dev)
+  libcurl4-openssl-dev libhowardhinnant-date-dev)
 
 fail() {
   echo "client-only: $*" >&2

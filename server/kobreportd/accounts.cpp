@@ -204,7 +204,8 @@ std::optional<Principal> Accounts::session(const std::string &id) {
     if (id.size() != 64)
         return std::nullopt;
     std::string h = digest(id);
-    auto rows = db_.read("SELECT s.account, u.role, s.created_at, s.last_seen FROM sessions s"
+    auto rows = db_.read("SELECT s.account, u.role, u.zone, s.created_at, s.last_seen"
+                         " FROM sessions s"
                          " JOIN users u ON u.name = s.account WHERE s.id_hash = $1",
                          {sql::text(h)});
     if (rows.empty())
@@ -220,7 +221,14 @@ std::optional<Principal> Accounts::session(const std::string &id) {
         db_.write("UPDATE sessions SET last_seen = $1 WHERE id_hash = $2",
                   {sql::integer(t), sql::text(h)});
     return Principal{rows.str(0, "account"), parseRole(rows.str(0, "role")).value_or(Role::Viewer),
-                     id};
+                     id, rows.str(0, "zone")};
+}
+
+bool Accounts::setZone(const std::string &name, const std::string &zone) {
+    if (!knownZone(zone))
+        return false;
+    db_.write("UPDATE users SET zone = $1 WHERE name = $2", {sql::text(zone), sql::text(name)});
+    return true;
 }
 
 void Accounts::signOut(const std::string &id) {

@@ -29,7 +29,8 @@ std::optional<Role> parseRole(const std::string &s);
 struct Principal {
     std::string account; // user name, or "token:NAME"
     Role role = Role::Viewer;
-    std::string session; // the session id (signed-in people only)
+    std::string session;      // the session id (signed-in people only)
+    std::string zone = "UTC"; // the time zone the person reads times in
 };
 
 struct AccountInfo {
@@ -60,6 +61,9 @@ class Accounts {
     std::string addToken(const std::string &name, Role role);
     bool deleteToken(const std::string &name);
     std::vector<AccountInfo> tokens();
+    // The time zone a person reads times in (a name the system's zone files
+    // know, or "UTC").
+    bool setZone(const std::string &name, const std::string &zone);
 
     struct SignIn {
         enum class Result { Ok, Wrong, Locked } result = Result::Wrong;

@@ -1,6 +1,8 @@
 #include "clock.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <date/tz.h>
 #include <cstdlib>
 
 namespace kobreportd {
@@ -20,6 +22,39 @@ std::string utcTime(std::time_t t, const char *format) {
     char buf[64];
     size_t n = std::strftime(buf, sizeof buf, format, &tm);
     return std::string(buf, n);
+}
+
+namespace {
+
+const date::time_zone *zoneOrNull(const std::string &zone) {
+    if (zone.empty() || zone == "UTC")
+        return nullptr;
+    try {
+        return date::locate_zone(zone);
+    } catch (const std::runtime_error &) {
+        return nullptr;
+    }
+}
+
+} // namespace
+
+std::string zonedTime(std::time_t t, const std::string &zone, const char *format) {
+    auto at = std::chrono::sys_seconds{std::chrono::seconds{t}};
+    if (const date::time_zone *z = zoneOrNull(zone))
+        return date::format(format, date::make_zoned(z, at));
+    return date::format(format, date::make_zoned("UTC", at));
+}
+
+bool knownZone(const std::string &zone) {
+    return zone == "UTC" || zoneOrNull(zone) != nullptr;
+}
+
+std::vector<std::string> zoneNames() {
+    std::vector<std::string> out;
+    for (const auto &z : date::get_tzdb().zones)
+        out.emplace_back(z.name());
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
 bool testClock() {

@@ -7,6 +7,7 @@
 
 #include <ctime>
 #include <string>
+#include <vector>
 
 namespace kobreportd {
 
@@ -18,6 +19,14 @@ bool testClock();
 // The time in UTC, formatted by strftime's format (at most 63 bytes out).
 // Every time kobreportd writes goes through here.
 std::string utcTime(std::time_t t, const char *format);
+
+// The time in a zone of the system's zone files ("Europe/Berlin"), by the
+// date library's format (strftime's, with %Z the zone's abbreviation).
+// An unknown zone is taken as UTC.
+std::string zonedTime(std::time_t t, const std::string &zone, const char *format);
+bool knownZone(const std::string &zone);
+// Every zone name the system knows, sorted.
+std::vector<std::string> zoneNames();
 
 // "YYYY-MM-DDThh:mm:ssZ", UTC.
 inline std::string isoTime(std::time_t t) {

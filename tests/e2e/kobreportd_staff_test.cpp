@@ -122,6 +122,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"GET /api/compare", {{"/api/compare?a=" + ref + "&b=" + ref, false, 200}}},
         {"GET /api/users/{name}", {{"/api/users/nobody", false, 200}}},
         {"DELETE /api/reports/{ref}", {{"/api/reports/" + doomedToo, false, 200}}},
+        {"GET /settings", {{"/settings", false, 200}}},
+        {"POST /settings/zone", {{"/settings/zone", false, 200}}},
         {"POST /signout", {{"/signout", false, 303}}},
     };
     auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
@@ -129,6 +131,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
             return {{"name", "newcomer"}, {"role", "viewer"}, {"password", "a long password"}};
         if (path == "/admin/tokens")
             return {{"name", "newtoken"}, {"role", "viewer"}};
+        if (path == "/settings/zone")
+            return {{"zone", "Europe/Berlin"}};
         return {};
     };
 
@@ -566,6 +570,53 @@ TEST_P(Staff, AReportsVerdictsComeWorstFirst) {
     EXPECT_EQ(s.stop(), 0);
 }
 
+// Each person reads times in a zone of their own, named beside each time;
+// the run's own time, which kobdiag writes without a zone, says whose it is.
+TEST_P(Staff, EachPersonReadsTimesInTheirOwnZone) {
+    setClock(1800000000); // 2027-01-15 08:00:00 UTC
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    std::string ref = reportd::reference(
+        reportd::upload(s.port(), reportgen::report(reportgen::healthyRun()), "zoe"));
+    ASSERT_FALSE(ref.empty());
+    std::string viewer;
+    auto b = s.signedIn("viewer", &viewer);
+    auto admin = s.signedIn("admin");
+    EXPECT_NE(b.get("/").body.find("<td>2027-01-15 08:00:00 UTC</td>"), std::string::npos);
+    b.get("/settings");
+    auto bad = b.post("/settings/zone", {{"zone", "Mars/Olympus"}});
+    EXPECT_EQ(bad.status, 400);
+    EXPECT_NE(bad.body.find("<p class=\"notice\" id=\"message\">Not changed: no time zone is "
+                            "called \u201cMars/Olympus\u201d. Pick one of the list, such as "
+                            "Europe/Berlin, or UTC.</p>"),
+              std::string::npos)
+        << bad.body;
+    auto good = b.post("/settings/zone", {{"zone", "America/New_York"}});
+    EXPECT_EQ(good.status, 200);
+    EXPECT_NE(good.body.find("<p class=\"notice\" id=\"message\">Times are now shown in "
+                             "America/New_York.</p>"),
+              std::string::npos)
+        << good.body;
+    EXPECT_NE(good.body.find("Times are shown in America/New_York: it is now 2027-01-15 "
+                             "03:00:00 EST."),
+              std::string::npos)
+        << good.body;
+    EXPECT_NE(b.get("/").body.find("<td>2027-01-15 03:00:00 EST</td>"), std::string::npos);
+    auto page = b.get("/reports/" + ref);
+    EXPECT_NE(page.body.find("<dt>Received</dt><dd>2027-01-15 03:00:00 EST</dd>"),
+              std::string::npos)
+        << page.body;
+    EXPECT_NE(page.body.find("<dt>Run started</dt><dd>Sat Nov 21 10:00:00 2026 (the user&#39;s local "
+                             "time)</dd>"),
+              std::string::npos)
+        << page.body;
+    // Someone else still reads UTC.
+    EXPECT_NE(admin.get("/reports/" + ref).body.find("<dd>2027-01-15 08:00:00 UTC</dd>"),
+              std::string::npos);
+    EXPECT_EQ(value("SELECT zone FROM users WHERE name = '" + viewer + "'"), "America/New_York");
+    EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'account.zone'"), "America/New_York");
+    EXPECT_EQ(s.stop(), 0);
+}
+
 TEST_P(Staff, OldRawTextExpiresAndTheFindingsRemain) {
     std::time_t t0 = 1800000000;
     setClock(t0);
@@ -636,7 +687,8 @@ TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
           ", findings = '{\"header\":{\"user\":\"kim\"}}'");
     value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"),
+              std::to_string(reportd::kLayout));
     EXPECT_EQ(value("SELECT length(findings) FROM reports"), "0");
     EXPECT_NE(value("SELECT findings_zstd FROM reports"), "<none>");
     auto json = s.api("/api/reports/" + ref);
@@ -737,7 +789,8 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.size(), 22u) << ref;
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"),
+              std::to_string(reportd::kLayout));
     // The old text stays as it was; the new one is compressed.
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -777,7 +830,8 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"),
+              std::to_string(reportd::kLayout));
     EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
     std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
     EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");
@@ -1468,7 +1522,7 @@ TEST_P(Staff, AFloodOfFailedSignInsIsFoldedAndStrangersNamesAreNotKept) {
     auto page = s.signedIn("admin").get("/audit");
     std::string at = iso(t0 + 5);
     EXPECT_NE(page.body.find("<td>31 times, the last at " + at.substr(0, 10) + " " +
-                             at.substr(11, 8) + "</td>"),
+                             at.substr(11, 8) + " UTC</td>"),
               std::string::npos)
         << page.body;
     // Rows stay append-only but for a folded row's count.

@@ -12,6 +12,9 @@
 
 namespace reportd {
 
+// The database layout this kobreportd writes.
+constexpr int kLayout = 10;
+
 struct Response {
     bool ok = false; // a response arrived
     int status = 0;

@@ -138,6 +138,7 @@ void maskOnTheWayOut(Response &res) {
 void Staff::page(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h) {
     table.add({m, pattern, Listener::Staff, Access::Page, need,
                [h = std::move(h)](const Request &req, Response &res, const Principal *who) {
+                   pages::ShownZone zone(who->zone);
                    h(req, res, *who);
                    maskOnTheWayOut(res);
                }});
@@ -347,6 +348,7 @@ void Staff::addPageRoutes(RouteTable &table) {
     addReportPages(table);
     addAdminPages(table);
     addFleetPages(table);
+    addSettingsPages(table);
 }
 
 void Staff::addSignInRoutes(RouteTable &table) {
@@ -547,6 +549,31 @@ void Staff::addAdminPages(RouteTable &table) {
              }
              audit_.record(who.account, req.client_address, "token.deleted", "", name);
              accountsPage(res, who, "Deleted the token " + name + ".");
+         });
+}
+
+void Staff::addSettingsPages(RouteTable &table) {
+    page(table, Method::Get, "/settings", Role::Viewer,
+         [this](const Request &, Response &res, const Principal &who) {
+             show(res, 200, "Settings", &who,
+                  pages::settings(who.zone, zoneNames(), now(), viewer(who), ""));
+         });
+    page(table, Method::Post, "/settings/zone", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string zone = req.param("zone");
+             if (!accounts_.setZone(who.account, zone)) {
+                 show(res, 400, "Settings", &who,
+                      pages::settings(who.zone, zoneNames(), now(), viewer(who),
+                                      "Not changed: no time zone is called \u201c" + zone +
+                                          "\u201d. Pick one of the list, such as "
+                                          "Europe/Berlin, or UTC."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "account.zone", "", zone);
+             pages::ShownZone shown(zone);
+             show(res, 200, "Settings", &who,
+                  pages::settings(zone, zoneNames(), now(), viewer(who),
+                                  "Times are now shown in " + zone + "."));
          });
 }
 

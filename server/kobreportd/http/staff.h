@@ -97,6 +97,7 @@ class Staff {
     void addReportPages(RouteTable &table);
     void addAdminPages(RouteTable &table);
     void addFleetPages(RouteTable &table);
+    void addSettingsPages(RouteTable &table);
     void addReportApi(RouteTable &table);
     void addFleetApi(RouteTable &table);
 

@@ -14,7 +14,7 @@ Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t pg, in
            const Links &links) {
     Html b;
     b << "<h2>Audit log</h2><p class=\"count\">" << total << " entries, newest first</p>\n"
-      << "<table id=\"audit\"><thead><tr><th>Time (UTC)</th><th>Account</th><th>Address</th>"
+      << "<table id=\"audit\"><thead><tr><th>Time</th><th>Account</th><th>Address</th>"
          "<th>Action</th><th>Report</th><th>Detail</th></tr></thead><tbody>\n";
     for (const auto &e : entries) {
         b << "<tr><td>" << text(shownTime(e.at)) << "</td><td>" << text(e.account) << "</td><td>"
@@ -45,7 +45,7 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
     auto table = [&](const char *id, const char *what, const std::vector<AccountInfo> &list,
                      const char *path) {
         b << "<table id=\"" << text(id) << "\"><thead><tr><th>" << text(what)
-          << "</th><th>Role</th><th>Created (UTC)</th><th></th></tr></thead><tbody>\n";
+          << "</th><th>Role</th><th>Created</th><th></th></tr></thead><tbody>\n";
         for (const auto &a : list)
             b << "<tr><td>" << text(a.name) << "</td><td>" << text(roleName(a.role)) << "</td><td>"
               << text(shownTime(a.created_at)) << "</td><td><form class=\"inline\" method=\"post\" "

@@ -3,6 +3,8 @@
 
 #include "pages.h"
 
+#include <algorithm>
+
 #include "clock.h"
 #include "parts.h"
 
@@ -105,8 +107,36 @@ Html pager(const std::string &base, const std::string &query, int64_t pageNumber
     return h;
 }
 
+namespace {
+
+thread_local std::string shownZone = "UTC";
+
+} // namespace
+
+ShownZone::ShownZone(const std::string &zone) : before_(shownZone) {
+    shownZone = zone;
+}
+
+ShownZone::~ShownZone() {
+    shownZone = before_;
+}
+
 std::string shownTime(std::time_t t) {
-    return utcTime(t, "%Y-%m-%d %H:%M:%S");
+    return zonedTime(t, shownZone, "%Y-%m-%d %H:%M:%S %Z");
+}
+
+std::string runTime(const std::string &stated) {
+    // An offset or a zone's letters at the end say where the time is.
+    auto end = stated.find_last_not_of(' ');
+    if (stated.empty() || end == std::string::npos)
+        return stated;
+    size_t word = stated.rfind(' ', end);
+    std::string last = stated.substr(word == std::string::npos ? 0 : word + 1, end - word);
+    bool offset = last.size() >= 5 && (last[0] == '+' || last[0] == '-');
+    bool letters =
+        last.size() >= 3 && last.size() <= 5 &&
+        std::all_of(last.begin(), last.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+    return offset || letters ? stated : stated + " (the user's local time)";
 }
 
 std::string frame(const std::string &title, const Viewer &v, const std::string &query,
@@ -130,10 +160,10 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
           << "\"><input type=\"search\" name=\"q\" value=\"" << text(query)
           << "\" placeholder=\"user name or reference\" aria-label=\"Search\">"
              "<button type=\"submit\">Search</button></form>"
-             "<span class=\"who\" id=\"who\">"
-          << text(v.who->account) << " (" << text(roleName(v.who->role))
-          << ")</span><form class=\"inline\" method=\"post\" action=\"" << v.links.href("/signout")
-          << "\">" << csrfField(v)
+             "<a class=\"who\" id=\"who\" href=\""
+          << v.links.href("/settings") << "\" title=\"Settings\">" << text(v.who->account) << " ("
+          << text(roleName(v.who->role)) << ")</a><form class=\"inline\" method=\"post\" action=\""
+          << v.links.href("/signout") << "\">" << csrfField(v)
           << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
     }
     h << "</header>\n<main id=\"content\">" << body << "</main></body></html>\n";

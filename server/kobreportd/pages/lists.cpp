@@ -27,7 +27,7 @@ Html list(const ListPage &list, const std::string &q, int64_t pg, int64_t pageSi
     b << "<p class=\"count\">" << list.total << text(list.total == 1 ? " report" : " reports");
     if (!q.empty())
         b << " matching \u201c" << text(q) << "\u201d";
-    b << "</p>\n<table id=\"reports\"><thead><tr><th>Received (UTC)</th><th>User</th>"
+    b << "</p>\n<table id=\"reports\"><thead><tr><th>Received</th><th>User</th>"
          "<th>Reference</th><th>Verdicts</th></tr></thead><tbody>\n";
     for (const auto &it : list.items) {
         bool good = it.summary == "no problem found";
@@ -59,7 +59,7 @@ Html user(const std::vector<std::string> &names, const std::vector<Store::UserRe
     // two to begin with).
     b << "<form method=\"get\" action=\"" << links.href("/compare")
       << "\" id=\"pick\"><table id=\"timeline\"><thead><tr>"
-         "<th>A</th><th>B</th><th>Received (UTC)</th><th>Reference</th><th>Verdicts</th>"
+         "<th>A</th><th>B</th><th>Received</th><th>Reference</th><th>Verdicts</th>"
          "<th>Since the one before</th></tr></thead><tbody>\n";
     for (size_t i = 0; i < reports.size(); i++) {
         const auto &r = reports[i];

@@ -67,6 +67,9 @@ html::Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t 
 html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountInfo> &tokens,
                     const Viewer &v, const std::string &message,
                     const std::optional<std::string> &newToken);
+// A person's own settings page.
+html::Html settings(const std::string &zone, const std::vector<std::string> &zones, std::time_t now,
+                    const Viewer &v, const std::string &message);
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
                   const Links &links);
 html::Html message(const std::string &text);
@@ -91,7 +94,24 @@ html::Html user(const std::vector<std::string> &names,
 html::Html failing(const std::string &area, const std::string &target,
                    const std::vector<std::string> &references, const Links &links);
 
+// A time as pages show it, "YYYY-MM-DD hh:mm:ss ZONE", in the zone of the
+// person the page on this thread is being made for.
 std::string shownTime(std::time_t t);
+// Sets that zone for as long as it lives (a request's handling on one
+// thread); outside one, times are shown in UTC.
+class ShownZone {
+  public:
+    explicit ShownZone(const std::string &zone);
+    ~ShownZone();
+    ShownZone(const ShownZone &) = delete;
+    ShownZone &operator=(const ShownZone &) = delete;
+
+  private:
+    std::string before_;
+};
+// The run's own time as the report states it: kobdiag writes the user's
+// local time without a zone, which the page says, rather than guess one.
+std::string runTime(const std::string &stated);
 
 } // namespace kobreportd::pages
 

@@ -394,11 +394,11 @@ Html report(const StoredReport &s, const ReportBody &body, bool revealed, const 
              "addresses. It is in the audit log.</p>\n";
     const kobtriage::Report *r = s.raw_expired ? nullptr : body.triaged;
     b << "<dl class=\"facts\">";
-    fact(b, "Received (UTC)", shownTime(s.received_at));
+    fact(b, "Received", shownTime(s.received_at));
     fact(b, "User (form)", s.form_username.value_or(""));
     fact(b, "User (report)", r ? r->username.value_or("") : s.report_username.value_or(""));
     if (r) {
-        fact(b, "Run started", r->timestamp.value_or(""));
+        fact(b, "Run started", runTime(r->timestamp.value_or("")));
         fact(b, "Version", r->version.value_or(""));
         fact(b, "OS", r->os.value_or(""));
         fact(b, "From", revealed ? s.peer : std::string("(masked)"));

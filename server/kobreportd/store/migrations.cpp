@@ -184,6 +184,24 @@ bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     return c.query(q, {sql::text(name)}).integer(0, "n") > 0;
 }
 
+// A database brought back to an older layout's number keeps the columns
+// the newer one added: a step adds a column only where it is missing.
+void addColumn(sql::Dialect d, sql::Conn &c, const char *table, const char *column,
+               const char *type) {
+    const char *q = d == sql::Dialect::Postgres
+                        ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
+                          " table_schema = current_schema() AND table_name = $1 AND"
+                          " column_name = $2"
+                        : "SELECT count(*) AS n FROM pragma_table_info($1) WHERE name = $2";
+    if (c.query(q, {sql::text(table), sql::text(column)}).integer(0, "n") == 0)
+        c.query(ddl(d, std::string("ALTER TABLE ") + table + " ADD COLUMN " + column + " " + type));
+}
+
+// The time zone each person reads times in.
+void staffZones(sql::Dialect d, sql::Conn &c) {
+    addColumn(d, c, "users", "zone", "TEXT NOT NULL DEFAULT 'UTC'");
+}
+
 struct Step {
     int layout;
     void (*apply)(sql::Dialect, sql::Conn &);
@@ -202,6 +220,7 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
+    {10, staffZones},
 };
 // clang-format on
 
