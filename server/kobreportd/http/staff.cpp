@@ -337,15 +337,19 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
 }
 
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
-                         const std::optional<std::string> &token, int status) {
+                         const std::optional<std::string> &token, int status,
+                         const std::optional<std::string> &resetLink) {
     show(res, status, "Accounts", &who,
-         pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token));
+         pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token,
+                         resetLink));
 }
 
 void Staff::addPageRoutes(RouteTable &table) {
     addSignInRoutes(table);
     addReportPages(table);
     addAdminPages(table);
+    addAccountPages(table);
+    addPasswordPages(table);
     addFleetPages(table);
 }
 
@@ -389,6 +393,14 @@ void Staff::addSignInRoutes(RouteTable &table) {
              auto r =
                  accounts_.signIn(req.param("name"), req.param("password"), req.client_address);
              using R = Accounts::SignIn::Result;
+             if (r.result == R::Busy) {
+                 res.setHeader("Retry-After", "1");
+                 show(res, 429, "Sign in", nullptr,
+                      pages::signIn(Accounts::csrfToken(pre), next,
+                                    "Many people are signing in at once. Try again in a moment.",
+                                    links()));
+                 return;
+             }
              if (r.result == R::Locked) {
                  res.setHeader("Retry-After", std::to_string(r.retry_after));
                  show(res, 429, "Sign in", nullptr,
@@ -457,12 +469,15 @@ void Staff::addReportPages(RouteTable &table) {
     page(table, Method::Post, "/reports/{ref}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string ref = req.matches[1];
+             if (!confirmed(req, res, who, "Delete the report " + ref + "? This cannot be undone.",
+                            "Delete the report", "/reports/" + ref))
+                 return;
              if (!store_.remove(ref)) {
                  notFound(res, who, ref);
                  return;
              }
              audit_.record(who.account, req.client_address, "report.deleted", ref);
-             seeOther(res, links().path("/"));
+             show(res, 200, "Deleted", &who, pages::done("Deleted the report " + ref + ".", links()));
          });
     page(table, Method::Get, "/audit", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -484,12 +499,15 @@ void Staff::addAdminPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.param("name"), password = req.param("password");
              auto role = parseRole(req.param("role"));
-             if (!Accounts::validName(name) || !role || *role == Role::Metrics ||
-                 password.size() < 12) {
+             if (!Accounts::validName(name) || !role || *role == Role::Metrics) {
                  accountsPage(res, who,
-                              "Not added: a name of letters, digits and . _ - @, a role, and a "
-                              "password of 12 or more characters are needed.",
+                              "Not added: a name of letters, digits and . _ - @ and a role are "
+                              "needed.",
                               std::nullopt, 400);
+                 return;
+             }
+             if (std::string why = passwordRules_.problem(password, name); !why.empty()) {
+                 accountsPage(res, who, why, std::nullopt, 400);
                  return;
              }
              try {
@@ -506,8 +524,15 @@ void Staff::addAdminPages(RouteTable &table) {
     page(table, Method::Post, "/admin/users/{name}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
-             if (!accounts_.deleteUser(name)) {
-                 accountsPage(res, who, "No such user.", std::nullopt, 404);
+             if (!confirmed(req, res, who,
+                            "Delete the account " + name +
+                                "? Its audit history stays; the account cannot be had back.",
+                            "Delete the account", "/admin/accounts"))
+                 return;
+             Change c = accounts_.deleteUser(name);
+             if (c != Change::Done) {
+                 accountsPage(res, who, c == Change::LastAdmin ? kLastAdmin : "No such user.",
+                              std::nullopt, c == Change::LastAdmin ? 409 : 404);
                  return;
              }
              audit_.record(who.account, req.client_address, "user.deleted", "", name);
@@ -541,12 +566,16 @@ void Staff::addAdminPages(RouteTable &table) {
     page(table, Method::Post, "/admin/tokens/{name}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
+             if (!confirmed(req, res, who,
+                            "Revoke the token " + name + "? Whatever uses it stops at once.",
+                            "Revoke the token", "/admin/accounts"))
+                 return;
              if (!accounts_.deleteToken(name)) {
                  accountsPage(res, who, "No such token.", std::nullopt, 404);
                  return;
              }
              audit_.record(who.account, req.client_address, "token.deleted", "", name);
-             accountsPage(res, who, "Deleted the token " + name + ".");
+             accountsPage(res, who, "Revoked the token " + name + ".");
          });
 }
 
