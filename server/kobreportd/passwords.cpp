@@ -91,7 +91,7 @@ std::string PasswordRules::problem(const std::string &password, const std::strin
         return "A password is not all white space.";
     std::string folded = lower(password);
     if (folded == lower(account))
-        return "A password is not the account's name.";
+        return "A password is not the name of its account.";
     if (common_.count(folded))
         return "That password is one of the 10,000 most common; choose another.";
     return "";

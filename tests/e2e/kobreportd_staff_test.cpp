@@ -84,6 +84,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     ASSERT_EQ(s.addUser("victim", "viewer", "password of victim").status, 0);
     ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "victimtoken", "--db", db}).status,
               0);
+    ASSERT_EQ(s.addUser("bystander", "viewer", "password of bystander").status, 0);
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "bystoken", "--db", db}).status, 0);
 
     // How to exercise each row of the table; a row without an entry here
     // fails the test, so a new route cannot go untried.
@@ -102,6 +104,22 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"POST /reports/{ref}/reveal", {{"/reports/" + ref + "/reveal", false, 200}}},
         {"POST /reports/{ref}/raw", {{"/reports/" + ref + "/raw", false, 200}}},
         {"POST /reports/{ref}/delete", {{"/reports/" + doomed + "/delete", false, 303}}},
+        {"POST /admin/users/{name}/role", {{"/admin/users/bystander/role", false, 200}}},
+        {"POST /admin/users/{name}/disable", {{"/admin/users/bystander/disable", false, 200}}},
+        {"POST /admin/users/{name}/enable", {{"/admin/users/bystander/enable", false, 200}}},
+        {"POST /admin/users/{name}/reset", {{"/admin/users/bystander/reset", false, 200}}},
+        {"POST /admin/tokens/{name}/disable", {{"/admin/tokens/bystoken/disable", false, 200}}},
+        {"POST /admin/tokens/{name}/enable", {{"/admin/tokens/bystoken/enable", false, 200}}},
+        {"GET /account/password", {{"/account/password", false, 200}}},
+        {"POST /account/password", {{"/account/password", false, 400}}},
+        {"GET /reset/{secret}", {{"/reset/" + std::string(64, 'a'), false, 404}}},
+        {"POST /reset/{secret}", {{"/reset/" + std::string(64, 'a'), false, 403}}},
+        {"GET /api/accounts", {{"/api/accounts", false, 200}}},
+        {"POST /api/accounts", {{"/api/accounts", false, 400}}},
+        {"POST /api/accounts/{name}/role", {{"/api/accounts/bystander/role", false, 400}}},
+        {"POST /api/accounts/{name}/disable", {{"/api/accounts/nobody/disable", false, 404}}},
+        {"POST /api/accounts/{name}/enable", {{"/api/accounts/nobody/enable", false, 404}}},
+        {"DELETE /api/accounts/{name}", {{"/api/accounts/nobody", false, 404}}},
         {"POST /admin/users", {{"/admin/users", false, 200}}},
         {"POST /admin/users/{name}/delete", {{"/admin/users/victim/delete", false, 200}}},
         {"POST /admin/tokens", {{"/admin/tokens", false, 200}}},
@@ -129,7 +147,9 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
             return {{"name", "newcomer"}, {"role", "viewer"}, {"password", "a long password"}};
         if (path == "/admin/tokens")
             return {{"name", "newtoken"}, {"role", "viewer"}};
-        return {};
+        if (path == "/admin/users/bystander/role")
+            return {{"role", "admin"}};
+        return {{"confirm", "yes"}};
     };
 
     auto viewerToken = reportd::command(KOBREPORTD_BIN, {"token", "add", "reader", "--db", db});
@@ -239,6 +259,9 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'victim'"), "0");
     EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'newcomer'"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM tokens WHERE name = 'victimtoken'"), "0");
+    EXPECT_EQ(value("SELECT role FROM users WHERE name = 'bystander'"), "admin");
+    EXPECT_EQ(value("SELECT disabled FROM users WHERE name = 'bystander'"), "0");
+    EXPECT_EQ(value("SELECT count(*) FROM password_resets WHERE account = 'bystander'"), "1");
     // Signed out: the session cookie opens nothing any more.
     EXPECT_EQ(admin.get("/").status, 303);
 }
@@ -382,7 +405,7 @@ TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::string body = "csrf=" + c.csrf;
+        std::string body = "confirm=yes&csrf=" + c.csrf;
         auto r = reportd::request(s.staffPort(), "POST", "/reports/" + ref + "/delete",
                                   "Content-Type: application/x-www-form-urlencoded\r\nCookie: "
                                   "kob_session=" +
@@ -397,7 +420,7 @@ TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
                                  "name=x&password=y");
     EXPECT_EQ(bare.status, 403);
     // With the token and from its own page, it goes through.
-    auto ok = admin.post("/reports/" + ref + "/delete", {},
+    auto ok = admin.post("/reports/" + ref + "/delete", {{"confirm", "yes"}},
                          "Origin: http://127.0.0.1:" + std::to_string(s.staffPort()) + "\r\n");
     EXPECT_EQ(ok.status, 303) << ok.raw;
     EXPECT_EQ(s.api("/api/reports/" + ref).status, 404);
@@ -460,7 +483,7 @@ TEST_P(Staff, TheAuditLogListsEachStepAndRefusesChanges) {
     admin.get("/reports/" + ref);
     admin.post("/reports/" + ref + "/reveal", {});
     admin.get("/reports/" + ref + "/raw");
-    admin.post("/reports/" + ref + "/delete", {});
+    admin.post("/reports/" + ref + "/delete", {{"confirm", "yes"}});
     auto page = admin.get("/audit");
     ASSERT_EQ(page.status, 200);
     // Newest first.

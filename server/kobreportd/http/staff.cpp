@@ -443,8 +443,12 @@ void Staff::addReportPages(RouteTable &table) {
              std::string q = req.hasParam("q") ? req.param("q") : "";
              int64_t pg = pageNumber(req);
              auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
-             show(res, 200, "Problem reports", &who, pages::list(list, q, pg, kPageSize, links()),
-                  q);
+             html::Html body;
+             // After a deletion: said only of a report that is gone indeed.
+             if (std::string gone = req.param("deleted"); !gone.empty() && !store_.head(gone))
+                 body << pages::message("Deleted the report " + gone + ".");
+             body << pages::list(list, q, pg, kPageSize, links());
+             show(res, 200, "Problem reports", &who, body, q);
          });
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -477,7 +481,7 @@ void Staff::addReportPages(RouteTable &table) {
                  return;
              }
              audit_.record(who.account, req.client_address, "report.deleted", ref);
-             show(res, 200, "Deleted", &who, pages::done("Deleted the report " + ref + ".", links()));
+             seeOther(res, links().path("/") + "?deleted=" + html::percentEncode(ref));
          });
     page(table, Method::Get, "/audit", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
