@@ -221,8 +221,8 @@ bool Accounts::setPassword(const std::string &name, const std::string &password,
 }
 
 Accounts::Check Accounts::checkPassword(const std::string &name, const std::string &password) {
-    auto rows = db_.read("SELECT pw_hash FROM users WHERE name = $1 AND disabled = 0",
-                         {sql::text(name)});
+    auto rows =
+        db_.read("SELECT pw_hash FROM users WHERE name = $1 AND disabled = 0", {sql::text(name)});
     HashSlots::Hold hold(slots_, kHashWaitMs);
     if (!hold)
         return Check::Busy;
@@ -383,9 +383,10 @@ std::optional<Principal> Accounts::session(const std::string &id) {
     if (id.size() != 64)
         return std::nullopt;
     std::string h = digest(id);
-    auto rows = db_.read("SELECT s.account, u.role, s.created_at, s.last_seen FROM sessions s"
-                         " JOIN users u ON u.name = s.account WHERE s.id_hash = $1 AND u.disabled = 0",
-                         {sql::text(h)});
+    auto rows =
+        db_.read("SELECT s.account, u.role, s.created_at, s.last_seen FROM sessions s"
+                 " JOIN users u ON u.name = s.account WHERE s.id_hash = $1 AND u.disabled = 0",
+                 {sql::text(h)});
     if (rows.empty())
         return std::nullopt;
     std::time_t t = now(), created = rows.integer(0, "created_at"),
@@ -413,9 +414,8 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
     // Looked up on every request, so a deleted token stops working at once.
     sql::Rows rows;
     try {
-        rows =
-            db_.read("SELECT name, role, hash, disabled FROM tokens WHERE token_id = $1",
-                     {sql::text(*id)});
+        rows = db_.read("SELECT name, role, hash, disabled FROM tokens WHERE token_id = $1",
+                        {sql::text(*id)});
     } catch (const StoreError &) {
         // A scrape must still answer while the database is down, and the
         // metrics figures are all it reads: a metrics token verified

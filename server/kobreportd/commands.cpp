@@ -213,8 +213,8 @@ int command(const std::vector<std::string> &args) {
     std::string password;
     if (setsPassword) {
         std::string error;
-        auto rules = PasswordRules::fromFile(common.empty() ? PasswordRules::defaultPath() : common,
-                                             error);
+        auto rules =
+            PasswordRules::fromFile(common.empty() ? PasswordRules::defaultPath() : common, error);
         if (!rules)
             return fail(error + "; name one with --common-passwords FILE");
         if (!readPassword(password))

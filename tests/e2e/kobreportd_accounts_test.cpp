@@ -98,10 +98,12 @@ TEST_P(Accounts, EveryPasswordRuleGivesTheSameMessageOnTheCommandLineTheFormsAnd
         {"tabs and no-break spaces", "\t\t\t\t\xc2\xa0\xc2\xa0\xe3\x80\x80   ",
          "A password is not all white space."},
         {"the name", "Maximilian.Ruiz", "A password is not the name of its account."},
-        {"common", "Password2024", "That password is one of the 10,000 most common; choose "
-                                   "another."},
-        {"common too", "1q2w3e4r5t6y", "That password is one of the 10,000 most common; choose "
-                                       "another."},
+        {"common", "Password2024",
+         "That password is one of the 10,000 most common; choose "
+         "another."},
+        {"common too", "1q2w3e4r5t6y",
+         "That password is one of the 10,000 most common; choose "
+         "another."},
     };
     ASSERT_EQ(s.addUser("maximilian.ruiz", "viewer", "password of maximilian").status, 0);
     reportd::Browser own(s.staffPort());
@@ -115,13 +117,15 @@ TEST_P(Accounts, EveryPasswordRuleGivesTheSameMessageOnTheCommandLineTheFormsAnd
         auto passwd = cli({"user", "passwd", name}, c.password + "\n");
         EXPECT_EQ(passwd.status, 1);
         EXPECT_EQ(passwd.err, "kobreportd: " + c.message + "\n");
-        auto form = admin.post("/admin/users",
-                               {{"name", "Maximilian.Ruiz"}, {"role", "viewer"}, {"password", c.password}});
+        auto form =
+            admin.post("/admin/users",
+                       {{"name", "Maximilian.Ruiz"}, {"role", "viewer"}, {"password", c.password}});
         EXPECT_EQ(form.status, 400);
         EXPECT_TRUE(has(form, "<p class=\"notice\" id=\"message\">" + c.message + "</p>"))
             << form.body.substr(0, 2000);
-        auto api = apiForm(s, "POST", "/api/accounts",
-                           {{"name", "Maximilian.Ruiz"}, {"role", "viewer"}, {"password", c.password}});
+        auto api =
+            apiForm(s, "POST", "/api/accounts",
+                    {{"name", "Maximilian.Ruiz"}, {"role", "viewer"}, {"password", c.password}});
         EXPECT_EQ(api.status, 400);
         EXPECT_EQ(api.body, jsonError(c.message));
         auto change = own.post("/account/password", {{"current", "password of maximilian"},
@@ -183,14 +187,15 @@ TEST_P(Accounts, ChangingOnesOwnPasswordNeedsTheCurrentOneAndEndsTheOtherSession
                            {{"current", "not my password"}, {"password", fresh}, {"again", fresh}});
     EXPECT_EQ(wrong.status, 403);
     EXPECT_TRUE(has(wrong, "id=\"message\">The current password is wrong.</p>"));
-    auto differ = here.post("/account/password", {{"current", "password of " + name},
-                                                  {"password", fresh},
-                                                  {"again", fresh + "!"}});
+    auto differ = here.post(
+        "/account/password",
+        {{"current", "password of " + name}, {"password", fresh}, {"again", fresh + "!"}});
     EXPECT_EQ(differ.status, 400);
     EXPECT_TRUE(has(differ, "id=\"message\">The two new passwords differ.</p>"));
     EXPECT_EQ(there.get("/").status, 200);
-    auto ok = here.post("/account/password",
-                        {{"current", "password of " + name}, {"password", fresh}, {"again", fresh}});
+    auto ok =
+        here.post("/account/password",
+                  {{"current", "password of " + name}, {"password", fresh}, {"again", fresh}});
     EXPECT_EQ(ok.status, 200);
     EXPECT_TRUE(has(ok, "id=\"message\">Your password is changed; your other sessions have "
                         "ended.</p>"));
@@ -199,7 +204,8 @@ TEST_P(Accounts, ChangingOnesOwnPasswordNeedsTheCurrentOneAndEndsTheOtherSession
     EXPECT_EQ(reportd::Browser(s.staffPort()).signIn(name, "password of " + name).status, 401);
     EXPECT_EQ(reportd::Browser(s.staffPort()).signIn(name, fresh).status, 303);
     EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'user.password.changed' AND "
-                    "account = '" + name + "'"),
+                    "account = '" +
+                    name + "'"),
               "1");
 }
 
@@ -256,7 +262,8 @@ TEST_P(Accounts, AResetLinkSetsAPasswordOnceAndNotAfter24Hours) {
     ASSERT_EQ(c.get(latePath).status, 200);
     setClock(t0 + 24 * 3600);
     EXPECT_EQ(c.get(latePath).status, 404);
-    auto expired = c.post(latePath, {{"password", "too late by now"}, {"again", "too late by now"}});
+    auto expired =
+        c.post(latePath, {{"password", "too late by now"}, {"again", "too late by now"}});
     EXPECT_EQ(expired.status, 404);
     EXPECT_EQ(reportd::Browser(s.staffPort()).signIn("forgetful", "too late by now").status, 401);
     // The form needs its own token.
@@ -295,9 +302,10 @@ TEST_P(Accounts, TheLastEnabledAdminIsNeitherDeletedDisabledNorDemoted) {
         EXPECT_EQ(r.body, jsonError(kLastAdmin));
     }
     // The command line.
-    for (const auto &args : std::vector<std::vector<std::string>>{
-             {"user", "del", root}, {"user", "disable", root}, {"user", "role", root, "--role",
-                                                                 "viewer"}}) {
+    for (const auto &args :
+         std::vector<std::vector<std::string>>{{"user", "del", root},
+                                               {"user", "disable", root},
+                                               {"user", "role", root, "--role", "viewer"}}) {
         SCOPED_TRACE(args[1]);
         auto r = cli(args);
         EXPECT_EQ(r.status, 1);
@@ -402,8 +410,8 @@ TEST_P(Accounts, DisablingStopsALiveSessionAndATokenMidUseAndKeepsTheAuditHistor
     EXPECT_EQ(
         value("SELECT count(*) FROM audit WHERE account = '" + name + "' AND action = 'signin'"),
         before);
-    for (const char *action : {"user.disabled", "user.enabled", "user.deleted", "token.disabled",
-                               "token.enabled"})
+    for (const char *action :
+         {"user.disabled", "user.enabled", "user.deleted", "token.disabled", "token.enabled"})
         EXPECT_NE(value(std::string("SELECT count(*) FROM audit WHERE action = '") + action + "'"),
                   "0")
             << action;
@@ -419,8 +427,8 @@ TEST_P(Accounts, DeletingAndRevokingAskFirstAndEveryChangeSaysWhatWasDone) {
 
     auto asked = admin.post("/reports/" + ref + "/delete", {});
     EXPECT_EQ(asked.status, 200);
-    EXPECT_TRUE(has(asked, "<p id=\"question\">Delete the report " + ref +
-                               "? This cannot be undone.</p>"));
+    EXPECT_TRUE(
+        has(asked, "<p id=\"question\">Delete the report " + ref + "? This cannot be undone.</p>"));
     EXPECT_TRUE(has(asked, "<form method=\"post\" action=\"/reports/" + ref + "/delete\">"));
     EXPECT_EQ(s.api("/api/reports/" + ref).status, 200);
     auto deleted = admin.post("/reports/" + ref + "/delete", {{"confirm", "yes"}});
@@ -482,8 +490,8 @@ TEST_P(Accounts, ThePagesAndTheApiSayWhenEachPersonLastSignedIn) {
         SCOPED_TRACE(u.dump());
         EXPECT_EQ(u["role"], u["name"] == name ? "admin" : "viewer");
         EXPECT_EQ(u["disabled"], false);
-        EXPECT_EQ(u["last_signin"], u["name"] == name ? nlohmann::json(isoTime(t0))
-                                                      : nlohmann::json(nullptr));
+        EXPECT_EQ(u["last_signin"],
+                  u["name"] == name ? nlohmann::json(isoTime(t0)) : nlohmann::json(nullptr));
     }
     EXPECT_EQ(list["tokens"][0]["role"], "admin");
     auto page = admin.get("/admin/accounts");
@@ -527,8 +535,8 @@ TEST_P(Accounts, AnOperatorsListOfCommonPasswordsReplacesTheShippedOne) {
     EXPECT_EQ(noList.status, 1);
     EXPECT_EQ(noList.err, "kobreportd: cannot read the list of common passwords " + missing +
                               "; name one with --common-passwords FILE\n");
-    auto server = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db,
-                                                    "--common-passwords", missing});
+    auto server = reportd::command(
+        KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db, "--common-passwords", missing});
     EXPECT_EQ(server.status, 1);
     EXPECT_EQ(server.err, "kobreportd: cannot read the list of common passwords " + missing +
                               "; name one with --common-passwords FILE\n");

@@ -613,6 +613,11 @@ TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
     value("UPDATE reports SET raw_expired = 1, desc_zstd = 0, \"desc\" = " +
           std::string(GetParam() == "postgres" ? "''::bytea" : "X''") +
           ", findings = '{\"header\":{\"user\":\"kim\"}}'");
+    // As layouts before 10 kept accounts.
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        value(sql);
     value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
     reportd::Server s(KOBREPORTD_BIN, db);
     EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "10");
@@ -753,6 +758,11 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value(GetParam() == "postgres"
               ? "UPDATE reports SET \"desc\" = convert_to('old report' || chr(10), 'UTF8')"
               : "UPDATE reports SET \"desc\" = CAST('old report' || char(10) AS BLOB)");
+    // As layouts before 10 kept accounts.
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        value(sql);
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);

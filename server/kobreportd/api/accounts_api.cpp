@@ -31,12 +31,12 @@ void Staff::addAccountApi(RouteTable &table) {
         [this](const Request &, Response &res, const Principal &) {
             Json users = Json::array(), tokens = Json::array();
             for (const auto &a : accounts_.users())
-                users.push_back(Json{{"name", a.name},
-                                     {"role", roleName(a.role)},
-                                     {"disabled", a.disabled},
-                                     {"created_at", isoTime(a.created_at)},
-                                     {"last_signin", a.last_signin ? Json(isoTime(a.last_signin))
-                                                                   : Json(nullptr)}});
+                users.push_back(Json{
+                    {"name", a.name},
+                    {"role", roleName(a.role)},
+                    {"disabled", a.disabled},
+                    {"created_at", isoTime(a.created_at)},
+                    {"last_signin", a.last_signin ? Json(isoTime(a.last_signin)) : Json(nullptr)}});
             for (const auto &a : accounts_.tokens())
                 tokens.push_back(Json{{"name", a.name},
                                       {"role", roleName(a.role)},
@@ -50,8 +50,9 @@ void Staff::addAccountApi(RouteTable &table) {
             std::string name = req.param("name"), password = req.param("password");
             auto role = parseRole(req.param("role"));
             if (!Accounts::validName(name) || !role || *role == Role::Metrics) {
-                json(res, 400, Json{{"error", "a name of letters, digits and . _ - @ and a role "
-                                              "(viewer or admin) are needed"}});
+                json(res, 400,
+                     Json{{"error", "a name of letters, digits and . _ - @ and a role "
+                                    "(viewer or admin) are needed"}});
                 return;
             }
             if (std::string why = passwordRules_.problem(password, name); !why.empty()) {
@@ -84,8 +85,9 @@ void Staff::addAccountApi(RouteTable &table) {
             json(res, 200, Json{{"name", name}, {"role", roleName(*role)}});
         });
     for (bool off : {true, false})
-        api(table, Method::Post, off ? "/api/accounts/{name}/disable" : "/api/accounts/{name}/enable",
-            Role::Admin, [this, off](const Request &req, Response &res, const Principal &who) {
+        api(table, Method::Post,
+            off ? "/api/accounts/{name}/disable" : "/api/accounts/{name}/enable", Role::Admin,
+            [this, off](const Request &req, Response &res, const Principal &who) {
                 std::string name = req.matches[1];
                 Change c = accounts_.setDisabled(name, off);
                 if (c != Change::Done)

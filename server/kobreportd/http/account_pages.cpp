@@ -45,9 +45,9 @@ void Staff::addAccountPages(RouteTable &table) {
                  accountsPage(res, who, msg);
          });
     for (bool off : {true, false}) {
-        page(table, Method::Post, off ? "/admin/users/{name}/disable" : "/admin/users/{name}/enable",
-             Role::Admin, [this, refused, off](const Request &req, Response &res,
-                                               const Principal &who) {
+        page(table, Method::Post,
+             off ? "/admin/users/{name}/disable" : "/admin/users/{name}/enable", Role::Admin,
+             [this, refused, off](const Request &req, Response &res, const Principal &who) {
                  std::string name = req.matches[1];
                  if (off && !confirmed(req, res, who,
                                        "Disable the account " + name +
@@ -79,8 +79,8 @@ void Staff::addAccountPages(RouteTable &table) {
                  }
                  audit_.record(who.account, req.client_address,
                                off ? "token.disabled" : "token.enabled", "", name);
-                 accountsPage(res, who, (off ? "Disabled the token " : "Enabled the token ") + name +
-                                            ".");
+                 accountsPage(res, who,
+                              (off ? "Disabled the token " : "Enabled the token ") + name + ".");
              });
     }
     page(table, Method::Post, "/admin/users/{name}/reset", Role::Admin,
@@ -127,9 +127,9 @@ void Staff::addPasswordPages(RouteTable &table) {
              }
              accounts_.setPassword(who.account, password, who.session);
              audit_.record(who.account, req.client_address, "user.password.changed");
-             show(res, 200, "Your password", &who,
-                  pages::done("Your password is changed; your other sessions have ended.",
-                              links()));
+             show(
+                 res, 200, "Your password", &who,
+                 pages::done("Your password is changed; your other sessions have ended.", links()));
          });
     // A reset link is opened by someone not signed in: its form's token is
     // tied to a cookie of its own, as the sign-in form's is.
@@ -156,40 +156,40 @@ void Staff::addPasswordPages(RouteTable &table) {
                         pages::passwordForm("/reset/" + req.matches[1], Accounts::csrfToken(pre),
                                             false, "", links()));
                }});
-    table.add({Method::Post, "/reset/{secret}", Listener::Staff, Access::Open, Role::Viewer,
-               [this, gone](const Request &req, Response &res, const Principal *) {
-                   std::string pre = cookie(req, kSignInCookie), secret = req.matches[1];
-                   if (pre.size() != 64 || !guard_.sameOrigin(req) ||
-                       !sameSecret(req.param("csrf"), Accounts::csrfToken(pre))) {
-                       show(res, 403, "Set a password", nullptr,
-                            pages::message("This form has expired or did not come from this "
-                                           "server. Open the link again."));
-                       return;
-                   }
-                   auto name = accounts_.resetAccount(secret);
-                   if (!name) {
-                       show(res, 404, "Set a password", nullptr, pages::message(gone));
-                       return;
-                   }
-                   auto again = [&](const std::string &msg) {
-                       show(res, 400, "Set a password", nullptr,
-                            pages::passwordForm("/reset/" + secret, Accounts::csrfToken(pre),
-                                                false, msg, links()));
-                   };
-                   std::string password = req.param("password");
-                   if (std::string why = passwordRules_.problem(password, *name); !why.empty())
-                       return again(why);
-                   if (password != req.param("again"))
-                       return again("The two new passwords differ.");
-                   if (!accounts_.resetPassword(secret, password)) {
-                       show(res, 404, "Set a password", nullptr, pages::message(gone));
-                       return;
-                   }
-                   audit_.record(*name, req.client_address, "user.password.reset");
-                   show(res, 200, "Set a password", nullptr,
-                        pages::done("The password of " + *name + " is set; sign in with it.",
-                                    links()));
-               }});
+    table.add(
+        {Method::Post, "/reset/{secret}", Listener::Staff, Access::Open, Role::Viewer,
+         [this, gone](const Request &req, Response &res, const Principal *) {
+             std::string pre = cookie(req, kSignInCookie), secret = req.matches[1];
+             if (pre.size() != 64 || !guard_.sameOrigin(req) ||
+                 !sameSecret(req.param("csrf"), Accounts::csrfToken(pre))) {
+                 show(res, 403, "Set a password", nullptr,
+                      pages::message("This form has expired or did not come from this "
+                                     "server. Open the link again."));
+                 return;
+             }
+             auto name = accounts_.resetAccount(secret);
+             if (!name) {
+                 show(res, 404, "Set a password", nullptr, pages::message(gone));
+                 return;
+             }
+             auto again = [&](const std::string &msg) {
+                 show(res, 400, "Set a password", nullptr,
+                      pages::passwordForm("/reset/" + secret, Accounts::csrfToken(pre), false, msg,
+                                          links()));
+             };
+             std::string password = req.param("password");
+             if (std::string why = passwordRules_.problem(password, *name); !why.empty())
+                 return again(why);
+             if (password != req.param("again"))
+                 return again("The two new passwords differ.");
+             if (!accounts_.resetPassword(secret, password)) {
+                 show(res, 404, "Set a password", nullptr, pages::message(gone));
+                 return;
+             }
+             audit_.record(*name, req.client_address, "user.password.reset");
+             show(res, 200, "Set a password", nullptr,
+                  pages::done("The password of " + *name + " is set; sign in with it.", links()));
+         }});
 }
 
 } // namespace kobreportd

@@ -339,9 +339,9 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
                          const std::optional<std::string> &token, int status,
                          const std::optional<std::string> &resetLink) {
-    show(res, status, "Accounts", &who,
-         pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token,
-                         resetLink));
+    show(
+        res, status, "Accounts", &who,
+        pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token, resetLink));
 }
 
 void Staff::addPageRoutes(RouteTable &table) {

@@ -108,8 +108,7 @@ class Staff {
     // The confirmation page of a form that asked for none yet; true when
     // the form was confirmed and the action may go ahead.
     bool confirmed(const Request &req, Response &res, const Principal &who,
-                   const std::string &question, const std::string &button,
-                   const std::string &back);
+                   const std::string &question, const std::string &button, const std::string &back);
 
     // A handler of a route behind credentials: the guard has found who.
     using Signed = std::function<void(const Request &, Response &, const Principal &)>;
