@@ -148,6 +148,11 @@ TEST_P(Accounts, EveryPasswordRuleGivesTheSameMessageOnTheCommandLineTheFormsAnd
                          {{"name", "euro"}, {"role", "viewer"}, {"password", longest}});
     EXPECT_EQ(added.status, 201);
     EXPECT_EQ(added.body, "{\"added\":\"euro\",\"role\":\"viewer\"}");
+    auto twice = apiForm(s, "POST", "/api/accounts",
+                         {{"name", "euro"}, {"role", "admin"}, {"password", "another long one"}});
+    EXPECT_EQ(twice.status, 409);
+    EXPECT_EQ(twice.body, jsonError("euro exists already"));
+    EXPECT_EQ(value("SELECT role FROM users WHERE name = 'euro'"), "viewer");
     EXPECT_EQ(reportd::Browser(s.staffPort()).signIn("euro", longest).status, 303);
     EXPECT_EQ(reportd::Browser(s.staffPort()).signIn("twelve", "twelve bytes").status, 303);
 }

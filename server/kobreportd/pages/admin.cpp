@@ -128,8 +128,8 @@ Html confirm(const std::string &question, const std::string &action, const std::
     for (const auto &[name, value] : fields)
         b << "<input type=\"hidden\" name=\"" << text(name) << "\" value=\"" << text(value)
           << "\">";
-    b << "<button class=\"danger\" type=\"submit\">" << text(button) << "</button> <a href=\""
-      << v.links.href(back) << "\">Cancel</a></form>\n";
+    b << "<button class=\"danger\" type=\"submit\" id=\"confirm\">" << text(button)
+      << "</button> <a href=\"" << v.links.href(back) << "\">Cancel</a></form>\n";
     return b;
 }
 
