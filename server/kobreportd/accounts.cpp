@@ -269,7 +269,7 @@ bool Accounts::resetPassword(const std::string &secret, const std::string &passw
                             {sql::text(digest(secret)), sql::integer(now())});
         if (rows.empty())
             return;
-        std::string name = rows.str(0, "account");
+        const std::string &name = rows.str(0, "account");
         done = !c.query("UPDATE users SET pw_hash = $1 WHERE name = $2 RETURNING name",
                         {sql::text(h), sql::text(name)})
                     .empty();
