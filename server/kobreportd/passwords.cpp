@@ -71,7 +71,7 @@ std::string PasswordRules::defaultPath() {
     char exe[4096];
     ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
     std::string dir = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string();
-    dir = dir.substr(0, dir.rfind('/') + 1);
+    dir.resize(dir.rfind('/') + 1);
     std::string beside = dir + "common-passwords.txt";
     if (access(beside.c_str(), R_OK) == 0)
         return beside;
