@@ -186,7 +186,11 @@ TEST_P(Accounts, ChangingOnesOwnPasswordNeedsTheCurrentOneAndEndsTheOtherSession
     reportd::Browser here = s.signedIn("viewer", &name);
     reportd::Browser there(s.staffPort());
     ASSERT_EQ(there.signIn(name, "password of " + name).status, 303);
-    EXPECT_EQ(here.get("/account/password").status, 200);
+    auto home = here.get("/");
+    EXPECT_TRUE(has(home, "<a href=\"/account/password\" id=\"own-password\">Password</a>"));
+    auto form = here.get("/account/password");
+    EXPECT_EQ(form.status, 200);
+    EXPECT_TRUE(has(form, "<input name=\"current\" type=\"password\""));
     const std::string fresh = "correct horse battery";
     auto wrong = here.post("/account/password",
                            {{"current", "not my password"}, {"password", fresh}, {"again", fresh}});

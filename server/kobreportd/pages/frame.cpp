@@ -111,9 +111,11 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
           << "\" placeholder=\"user name or reference\" aria-label=\"Search\">"
              "<button type=\"submit\">Search</button></form>"
              "<span class=\"who\" id=\"who\">"
-          << text(v.who->account) << " (" << text(roleName(v.who->role))
-          << ")</span><form class=\"inline\" method=\"post\" action=\"" << v.links.href("/signout")
-          << "\">" << csrfField(v)
+          << text(v.who->account) << " (" << text(roleName(v.who->role)) << ")</span><a href=\""
+          << v.links.href("/account/password")
+          << "\" id=\"own-password\">Password</a><form class=\"inline\" method=\"post\" "
+             "action=\""
+          << v.links.href("/signout") << "\">" << csrfField(v)
           << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
     }
     h << "</header>\n<main>" << body << "</main></body></html>\n";
