@@ -406,6 +406,15 @@ TEST_P(Accounts, DisablingStopsALiveSessionAndATokenMidUseAndKeepsTheAuditHistor
     EXPECT_EQ(use(), 401);
     EXPECT_EQ(admin.post("/admin/tokens/dashboard/enable", {}).status, 200);
     EXPECT_EQ(use(), 200);
+    auto apiOff = apiForm(s, "POST", "/api/tokens/dashboard/disable");
+    EXPECT_EQ(apiOff.status, 200);
+    EXPECT_EQ(apiOff.body, "{\"disabled\":\"dashboard\"}");
+    EXPECT_EQ(use(), 401);
+    EXPECT_EQ(apiForm(s, "POST", "/api/tokens/dashboard/enable").body,
+              "{\"enabled\":\"dashboard\"}");
+    EXPECT_EQ(use(), 200);
+    EXPECT_EQ(apiForm(s, "POST", "/api/tokens/nothing/enable").body,
+              "{\"error\":\"no such token\"}");
     ASSERT_EQ(cli({"token", "disable", "dashboard"}).status, 0);
     EXPECT_EQ(use(), 401);
     EXPECT_EQ(cli({"token", "list"}).out.find("dashboard\tviewer\tdisabled\n") != std::string::npos,

@@ -120,6 +120,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"POST /api/accounts/{name}/disable", {{"/api/accounts/nobody/disable", false, 404}}},
         {"POST /api/accounts/{name}/enable", {{"/api/accounts/nobody/enable", false, 404}}},
         {"DELETE /api/accounts/{name}", {{"/api/accounts/nobody", false, 404}}},
+        {"POST /api/tokens/{name}/disable", {{"/api/tokens/nothing/disable", false, 404}}},
+        {"POST /api/tokens/{name}/enable", {{"/api/tokens/nothing/enable", false, 404}}},
         {"POST /admin/users", {{"/admin/users", false, 200}}},
         {"POST /admin/users/{name}/delete", {{"/admin/users/victim/delete", false, 200}}},
         {"POST /admin/tokens", {{"/admin/tokens", false, 200}}},

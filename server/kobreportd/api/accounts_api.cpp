@@ -1,6 +1,6 @@
 // The accounts through /api/, for an admin token: the list, adding a
 // person (with the same password rules as the pages), roles, disabling
-// and deleting.  Bodies are form fields, as the pages send them.
+// people and tokens, and deleting people.  Bodies are form fields, as the pages send them.
 
 #include <nlohmann/json.hpp>
 
@@ -94,6 +94,18 @@ void Staff::addAccountApi(RouteTable &table) {
                     return refused(res, c);
                 audit_.record(who.account, req.client_address,
                               off ? "user.disabled" : "user.enabled", "", name);
+                json(res, 200, Json{{off ? "disabled" : "enabled", name}});
+            });
+    for (bool off : {true, false})
+        api(table, Method::Post, off ? "/api/tokens/{name}/disable" : "/api/tokens/{name}/enable",
+            Role::Admin, [this, off](const Request &req, Response &res, const Principal &who) {
+                std::string name = req.matches[1];
+                if (!accounts_.setTokenDisabled(name, off)) {
+                    json(res, 404, Json{{"error", "no such token"}});
+                    return;
+                }
+                audit_.record(who.account, req.client_address,
+                              off ? "token.disabled" : "token.enabled", "", name);
                 json(res, 200, Json{{off ? "disabled" : "enabled", name}});
             });
     api(table, Method::Delete, "/api/accounts/{name}", Role::Admin,
