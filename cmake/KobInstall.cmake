@@ -33,6 +33,10 @@ foreach(entry kobdiag:1 koblog:1 kobstat:1 kobreport:1 kobreportd:8)
   endif()
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/man/libkob.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+if(TARGET kobreportd)
+  install(FILES ${PROJECT_SOURCE_DIR}/server/kobreportd/data/common-passwords.txt
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/kobreportd)
+endif()
 
 # Libraries.  libkob.h includes its siblings with quotes, so one directory of
 # its own keeps them together and away from the system's headers.

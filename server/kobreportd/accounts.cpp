@@ -1,5 +1,6 @@
 #include "accounts.h"
 
+#include <chrono>
 #include <sodium.h>
 
 #include "clock.h"
@@ -72,6 +73,25 @@ std::optional<Role> parseRole(const std::string &s) {
     return std::nullopt;
 }
 
+bool HashSlots::take(int waitMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto ready = [this] { return free_ > 0; };
+    if (waitMs < 0)
+        freed_.wait(lock, ready);
+    else if (!freed_.wait_for(lock, std::chrono::milliseconds(waitMs), ready))
+        return false;
+    free_--;
+    return true;
+}
+
+void HashSlots::give() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        free_++;
+    }
+    freed_.notify_one();
+}
+
 Accounts::Accounts(sql::Db &db, Audit &audit) : db_(db), audit_(audit) {
     if (sodium_init() < 0)
         throw StoreError("libsodium cannot start");
@@ -98,8 +118,13 @@ bool Accounts::validName(const std::string &name) {
     return true;
 }
 
+std::string Accounts::hash(const std::string &password) {
+    HashSlots::Hold hold(slots_, -1);
+    return hashPassword(password);
+}
+
 void Accounts::addUser(const std::string &name, Role role, const std::string &password) {
-    std::string h = hashPassword(password);
+    std::string h = hash(password);
     db_.transaction([&](sql::Conn &c) {
         if (!c.query("SELECT 1 FROM users WHERE name = $1", {sql::text(name)}).empty())
             throw StoreError("user " + name + " exists already");
@@ -108,24 +133,159 @@ void Accounts::addUser(const std::string &name, Role role, const std::string &pa
     });
 }
 
-bool Accounts::deleteUser(const std::string &name) {
+bool Accounts::lastAdmin(sql::Conn &c, const std::string &name) {
+    // Two instances demoting two admins at once must not both succeed.
+    if (db_.dialect() == sql::Dialect::Postgres)
+        c.query("SELECT pg_advisory_xact_lock(7246010)");
+    auto admins = c.query("SELECT name FROM users WHERE role = 'admin' AND disabled = 0");
+    for (size_t i = 0; i < admins.size(); i++)
+        if (admins.str(i, "name") != name)
+            return false;
+    return !admins.empty();
+}
+
+Change Accounts::deleteUser(const std::string &name) {
+    Change out = Change::NoSuchAccount;
+    db_.transaction([&](sql::Conn &c) {
+        if (c.query("SELECT 1 FROM users WHERE name = $1", {sql::text(name)}).empty())
+            return;
+        if (lastAdmin(c, name)) {
+            out = Change::LastAdmin;
+            return;
+        }
+        c.query("DELETE FROM users WHERE name = $1", {sql::text(name)});
+        c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
+        c.query("DELETE FROM password_resets WHERE account = $1", {sql::text(name)});
+        out = Change::Done;
+    });
+    return out;
+}
+
+Change Accounts::setRole(const std::string &name, Role role) {
+    Change out = Change::NoSuchAccount;
+    db_.transaction([&](sql::Conn &c) {
+        if (c.query("SELECT 1 FROM users WHERE name = $1", {sql::text(name)}).empty())
+            return;
+        if (role != Role::Admin && lastAdmin(c, name)) {
+            out = Change::LastAdmin;
+            return;
+        }
+        c.query("UPDATE users SET role = $1 WHERE name = $2",
+                {sql::text(roleName(role)), sql::text(name)});
+        out = Change::Done;
+    });
+    return out;
+}
+
+Change Accounts::setDisabled(const std::string &name, bool disabled) {
+    Change out = Change::NoSuchAccount;
+    db_.transaction([&](sql::Conn &c) {
+        if (c.query("SELECT 1 FROM users WHERE name = $1", {sql::text(name)}).empty())
+            return;
+        if (disabled && lastAdmin(c, name)) {
+            out = Change::LastAdmin;
+            return;
+        }
+        c.query("UPDATE users SET disabled = $1 WHERE name = $2",
+                {sql::integer(disabled ? 1 : 0), sql::text(name)});
+        if (disabled)
+            c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
+        out = Change::Done;
+    });
+    return out;
+}
+
+bool Accounts::setTokenDisabled(const std::string &name, bool disabled) {
+    {
+        std::lock_guard<std::mutex> lock(cacheMutex_);
+        metricsCache_.clear();
+    }
+    return !db_.write("UPDATE tokens SET disabled = $1 WHERE name = $2 RETURNING name",
+                      {sql::integer(disabled ? 1 : 0), sql::text(name)})
+                .empty();
+}
+
+bool Accounts::setPassword(const std::string &name, const std::string &password,
+                           const std::string &keep) {
+    std::string h = hash(password);
     bool found = false;
     db_.transaction([&](sql::Conn &c) {
-        found =
-            !c.query("DELETE FROM users WHERE name = $1 RETURNING name", {sql::text(name)}).empty();
-        c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
+        found = !c.query("UPDATE users SET pw_hash = $1 WHERE name = $2 RETURNING name",
+                         {sql::text(h), sql::text(name)})
+                     .empty();
+        c.query("DELETE FROM sessions WHERE account = $1 AND id_hash <> $2",
+                {sql::text(name), sql::text(keep.empty() ? "" : digest(keep))});
+        c.query("DELETE FROM password_resets WHERE account = $1", {sql::text(name)});
     });
     return found;
 }
 
+Accounts::Check Accounts::checkPassword(const std::string &name, const std::string &password) {
+    auto rows =
+        db_.read("SELECT pw_hash FROM users WHERE name = $1 AND disabled = 0", {sql::text(name)});
+    HashSlots::Hold hold(slots_, kHashWaitMs);
+    if (!hold)
+        return Check::Busy;
+    bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password);
+    return ok && !rows.empty() ? Check::Ok : Check::Wrong;
+}
+
+std::string Accounts::makeResetLink(const std::string &name) {
+    std::string secret = randomId();
+    bool found = false;
+    std::time_t t = now();
+    db_.transaction([&](sql::Conn &c) {
+        c.query("DELETE FROM password_resets WHERE account = $1 OR expires_at <= $2",
+                {sql::text(name), sql::integer(t)});
+        found = !c.query("SELECT 1 FROM users WHERE name = $1", {sql::text(name)}).empty();
+        if (found)
+            c.query("INSERT INTO password_resets (id_hash, account, expires_at)"
+                    " VALUES ($1, $2, $3)",
+                    {sql::text(digest(secret)), sql::text(name), sql::integer(t + kResetLinkLife)});
+    });
+    return found ? secret : "";
+}
+
+std::optional<std::string> Accounts::resetAccount(const std::string &secret) {
+    if (secret.size() != 64)
+        return std::nullopt;
+    auto rows = db_.read("SELECT r.account FROM password_resets r"
+                         " JOIN users u ON u.name = r.account"
+                         " WHERE r.id_hash = $1 AND r.expires_at > $2",
+                         {sql::text(digest(secret)), sql::integer(now())});
+    if (rows.empty())
+        return std::nullopt;
+    return rows.str(0, "account");
+}
+
+bool Accounts::resetPassword(const std::string &secret, const std::string &password) {
+    if (secret.size() != 64)
+        return false;
+    std::string h = hash(password);
+    bool done = false;
+    db_.transaction([&](sql::Conn &c) {
+        auto rows = c.query("DELETE FROM password_resets WHERE id_hash = $1 AND expires_at > $2"
+                            " RETURNING account",
+                            {sql::text(digest(secret)), sql::integer(now())});
+        if (rows.empty())
+            return;
+        const std::string &name = rows.str(0, "account");
+        done = !c.query("UPDATE users SET pw_hash = $1 WHERE name = $2 RETURNING name",
+                        {sql::text(h), sql::text(name)})
+                    .empty();
+        c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
+    });
+    return done;
+}
+
 std::vector<AccountInfo> Accounts::users() {
-    return list("SELECT name, role, created_at FROM users ORDER BY name");
+    return list("SELECT name, role, created_at, disabled, last_signin FROM users ORDER BY name");
 }
 
 std::string Accounts::addToken(const std::string &name, Role role) {
     std::string id = randomId().substr(0, kTokenIdLen);
     std::string token = "kob_" + id + "_" + randomId();
-    std::string h = hashPassword(token);
+    std::string h = hash(token);
     db_.transaction([&](sql::Conn &c) {
         if (!c.query("SELECT 1 FROM tokens WHERE name = $1", {sql::text(name)}).empty())
             throw StoreError("token " + name + " exists already");
@@ -147,15 +307,20 @@ bool Accounts::deleteToken(const std::string &name) {
 }
 
 std::vector<AccountInfo> Accounts::tokens() {
-    return list("SELECT name, role, created_at FROM tokens ORDER BY name");
+    return list("SELECT name, role, created_at, disabled FROM tokens ORDER BY name");
 }
 
 std::vector<AccountInfo> Accounts::list(const char *query) {
     auto rows = db_.read(query);
     std::vector<AccountInfo> out;
+    bool people = std::string(query).find("last_signin") != std::string::npos;
     for (size_t i = 0; i < rows.size(); i++)
         out.push_back({rows.str(i, "name"), parseRole(rows.str(i, "role")).value_or(Role::Viewer),
-                       static_cast<std::time_t>(rows.integer(i, "created_at"))});
+                       static_cast<std::time_t>(rows.integer(i, "created_at")),
+                       rows.integer(i, "disabled") != 0,
+                       people && !rows.isNull(i, "last_signin")
+                           ? static_cast<std::time_t>(rows.integer(i, "last_signin"))
+                           : 0});
     return out;
 }
 
@@ -164,7 +329,7 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
     SignIn out;
     std::time_t t = now();
     std::string who = cleanText(name);
-    auto rows = db_.read("SELECT pw_hash FROM users WHERE name = $1", {sql::text(who)});
+    auto rows = db_.read("SELECT pw_hash, disabled FROM users WHERE name = $1", {sql::text(who)});
     // What a stranger types into the name field is not kept: the log names
     // an account only when there is one.  Failures under other names count
     // against their address alone.
@@ -184,11 +349,23 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
         audit_.fold(logged, address, "signin.locked");
         return out;
     }
-    // An unknown name costs the same hash as a known one.
+    // An unknown name costs the same hash as a known one.  Each costs
+    // 64 MiB while it is worked out, so only a few are at once.
+    HashSlots::Hold hold(slots_, kHashWaitMs);
+    if (!hold) {
+        out.result = SignIn::Result::Busy;
+        audit_.fold(logged, address, "signin.busy");
+        return out;
+    }
     bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password) &&
               !rows.empty();
     if (!ok) {
         audit_.fold(logged, address, "signin.failed");
+        return out;
+    }
+    // A disabled account is told no more than a wrong password is.
+    if (rows.integer(0, "disabled") != 0) {
+        audit_.fold(logged, address, "signin.disabled");
         return out;
     }
     out.result = SignIn::Result::Ok;
@@ -196,6 +373,8 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
     db_.write("INSERT INTO sessions (id_hash, account, created_at, last_seen)"
               " VALUES ($1, $2, $3, $3)",
               {sql::text(digest(out.session)), sql::text(who), sql::integer(t)});
+    db_.write("UPDATE users SET last_signin = $1 WHERE name = $2",
+              {sql::integer(t), sql::text(who)});
     audit_.record(who, address, "signin");
     return out;
 }
@@ -205,8 +384,8 @@ std::optional<Principal> Accounts::session(const std::string &id) {
         return std::nullopt;
     std::string h = digest(id);
     auto rows = db_.read("SELECT s.account, u.role, u.zone, s.created_at, s.last_seen"
-                         " FROM sessions s"
-                         " JOIN users u ON u.name = s.account WHERE s.id_hash = $1",
+                         " FROM sessions s JOIN users u ON u.name = s.account"
+                         " WHERE s.id_hash = $1 AND u.disabled = 0",
                          {sql::text(h)});
     if (rows.empty())
         return std::nullopt;
@@ -242,8 +421,8 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
     // Looked up on every request, so a deleted token stops working at once.
     sql::Rows rows;
     try {
-        rows =
-            db_.read("SELECT name, role, hash FROM tokens WHERE token_id = $1", {sql::text(*id)});
+        rows = db_.read("SELECT name, role, hash, disabled FROM tokens WHERE token_id = $1",
+                        {sql::text(*id)});
     } catch (const StoreError &) {
         // A scrape must still answer while the database is down, and the
         // metrics figures are all it reads: a metrics token verified
@@ -256,7 +435,7 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
             return it->second.who;
         throw;
     }
-    if (rows.empty())
+    if (rows.empty() || rows.integer(0, "disabled") != 0)
         return std::nullopt;
     Principal p{"token:" + rows.str(0, "name"),
                 parseRole(rows.str(0, "role")).value_or(Role::Viewer), ""};
@@ -270,8 +449,11 @@ std::optional<Principal> Accounts::bearer(const std::string &token) {
             sodium_memcmp(it->second.first.data(), d.data(), d.size()) == 0)
             return p;
     }
-    if (!verifyPassword(rows.str(0, "hash"), token))
-        return std::nullopt;
+    {
+        HashSlots::Hold hold(slots_, -1);
+        if (!verifyPassword(rows.str(0, "hash"), token))
+            return std::nullopt;
+    }
     std::lock_guard<std::mutex> lock(cacheMutex_);
     if (tokenCache_.size() > 10000)
         tokenCache_.clear();

@@ -6,6 +6,7 @@
 #ifndef KOBREPORTD_ACCOUNTS_H
 #define KOBREPORTD_ACCOUNTS_H
 
+#include <condition_variable>
 #include <ctime>
 #include <map>
 #include <mutex>
@@ -37,6 +38,51 @@ struct AccountInfo {
     std::string name;
     Role role = Role::Viewer;
     std::time_t created_at = 0;
+    bool disabled = false;
+    std::time_t last_signin = 0; // 0: never (people only)
+};
+
+// What became of a change to an account.  The last enabled admin is never
+// deleted, disabled or made a viewer: nobody could manage accounts after.
+enum class Change { Done, NoSuchAccount, LastAdmin };
+constexpr const char *kLastAdmin =
+    "This is the last enabled admin account; make another admin first.";
+
+// A one-time link that sets a new password is good for this long.
+constexpr std::time_t kResetLinkLife = std::time_t{24} * 60 * 60;
+
+// At most this many password hashes (64 MiB of memory each) are worked out
+// at once; a sign-in waits up to kHashWait for its turn, then is turned away.
+constexpr int kHashSlots = 4;
+constexpr int kHashWaitMs = 3000;
+
+// Counts the hashes being worked out.
+class HashSlots {
+  public:
+    explicit HashSlots(int slots) : free_(slots) {}
+    // Whether a slot was had within waitMs (for ever when negative).
+    bool take(int waitMs);
+    void give();
+    class Hold {
+      public:
+        Hold(HashSlots &s, int waitMs) : slots_(s), held_(s.take(waitMs)) {}
+        ~Hold() {
+            if (held_)
+                slots_.give();
+        }
+        Hold(const Hold &) = delete;
+        Hold &operator=(const Hold &) = delete;
+        explicit operator bool() const { return held_; }
+
+      private:
+        HashSlots &slots_;
+        bool held_;
+    };
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable freed_;
+    int free_;
 };
 
 // The limits of a session and of failed sign-ins.
@@ -55,7 +101,23 @@ class Accounts {
     // 64 letters, digits, '.', '_', '-' or '@'.
     static bool validName(const std::string &name);
     void addUser(const std::string &name, Role role, const std::string &password);
-    bool deleteUser(const std::string &name); // also ends the user's sessions
+    Change deleteUser(const std::string &name); // also ends the user's sessions
+    Change setRole(const std::string &name, Role role);
+    // Disabling ends the account's sessions; it cannot sign in until enabled.
+    Change setDisabled(const std::string &name, bool disabled);
+    bool setTokenDisabled(const std::string &name, bool disabled);
+    // Ends every session of the account but keep (a session id, or "").
+    bool setPassword(const std::string &name, const std::string &password,
+                     const std::string &keep = "");
+    enum class Check { Ok, Wrong, Busy };
+    Check checkPassword(const std::string &name, const std::string &password);
+    // A one-time secret for the account's reset link, replacing any earlier
+    // one; "" when there is no such person.
+    std::string makeResetLink(const std::string &name);
+    // The account a reset secret is for while it is good.
+    std::optional<std::string> resetAccount(const std::string &secret);
+    // Uses the secret up and sets the password; false when it was no good.
+    bool resetPassword(const std::string &secret, const std::string &password);
     std::vector<AccountInfo> users();
     // Returns the token, which is shown once and kept nowhere.
     std::string addToken(const std::string &name, Role role);
@@ -66,7 +128,7 @@ class Accounts {
     bool setZone(const std::string &name, const std::string &zone);
 
     struct SignIn {
-        enum class Result { Ok, Wrong, Locked } result = Result::Wrong;
+        enum class Result { Ok, Wrong, Locked, Busy } result = Result::Wrong;
         std::string session;         // Ok: the new session id, for the cookie
         std::time_t retry_after = 0; // Locked: seconds
     };
@@ -84,8 +146,12 @@ class Accounts {
     static std::string randomId();
 
   private:
-    // name, role, created_at rows as accounts.
+    // name, role, created_at, disabled (and last_signin) rows as accounts.
     std::vector<AccountInfo> list(const char *query);
+    // Whether the change leaves no enabled admin (within c's transaction).
+    bool lastAdmin(sql::Conn &c, const std::string &name);
+    std::string hash(const std::string &password);
+    HashSlots slots_{kHashSlots};
     sql::Db &db_;
     Audit &audit_;
     std::string dummyHash_; // verified against for unknown names

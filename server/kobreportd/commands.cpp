@@ -11,6 +11,7 @@
 #include "audit.h"
 #include "fleet.h"
 #include "kobrules.h"
+#include "passwords.h"
 #include "retention.h"
 #include "store.h"
 
@@ -30,11 +31,14 @@ int usage() {
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "                  [--log-level debug|info|warn|error] [--access-log]\n"
+        "                  [--common-passwords FILE]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"
-        "       kobreportd user del NAME --db PATH_OR_URL\n"
+        "       kobreportd user passwd NAME --db PATH_OR_URL\n"
+        "       kobreportd user role NAME --role viewer|admin --db PATH_OR_URL\n"
+        "       kobreportd user disable|enable|del NAME --db PATH_OR_URL\n"
         "       kobreportd user list --db PATH_OR_URL\n"
         "       kobreportd token add NAME [--role viewer|admin|metrics] --db PATH_OR_URL\n"
-        "       kobreportd token del NAME --db PATH_OR_URL\n"
+        "       kobreportd token disable|enable|del NAME --db PATH_OR_URL\n"
         "       kobreportd token list --db PATH_OR_URL\n"
         "       kobreportd purge --older-than DAYS --db PATH_OR_URL\n"
         "       kobreportd retriage [--targets FILE] --db PATH_OR_URL\n"
@@ -155,17 +159,18 @@ int backup(const std::string &db, const std::string &to) {
 } // namespace
 
 int command(const std::vector<std::string> &args) {
-    std::string db, role, olderThan, targets, to;
+    std::string db, role, olderThan, targets, to, common;
     std::vector<std::string> words;
     for (size_t i = 0; i < args.size(); i++) {
         if ((args[i] == "--db" || args[i] == "--role" || args[i] == "--older-than" ||
-             args[i] == "--targets" || args[i] == "--to") &&
+             args[i] == "--targets" || args[i] == "--to" || args[i] == "--common-passwords") &&
             i + 1 < args.size()) {
             (args[i] == "--db"           ? db
              : args[i] == "--role"       ? role
              : args[i] == "--older-than" ? olderThan
              : args[i] == "--to"         ? to
-                                         : targets) = args[i + 1];
+             : args[i] == "--targets"    ? targets
+                                         : common) = args[i + 1];
             i++;
         } else if (args[i].rfind("--", 0) == 0) {
             return usage();
@@ -183,16 +188,21 @@ int command(const std::vector<std::string> &args) {
                    : usage();
     std::string verb = words.size() > 1 ? words[1] : "";
     std::string name = words.size() > 2 ? words[2] : "";
-    bool named = words.size() == 3 && (verb == "add" || verb == "del");
+    bool changesUser = verb == "passwd" || verb == "role";
+    bool named = words.size() == 3 && (verb == "add" || verb == "del" || verb == "disable" ||
+                                       verb == "enable" || (what == "user" && changesUser));
     bool listing = words.size() == 2 && verb == "list";
+    bool setsPassword = what == "user" && (verb == "add" || verb == "passwd");
     if (what == "retriage" ? words.size() != 1 || !olderThan.empty()
         : what == "purge"  ? words.size() != 1 || olderThan.empty()
                            : (what != "user" && what != "token") || !(named || listing))
         return usage();
-    if ((!role.empty() && !(named && verb == "add")) || (!targets.empty() && what != "retriage"))
+    if ((!role.empty() && !(named && (verb == "add" || verb == "role"))) ||
+        (!targets.empty() && what != "retriage") || (!common.empty() && !setsPassword))
         return usage();
     std::optional<Role> r = parseRole(role.empty() ? "viewer" : role);
-    if (!r || (what == "user" && verb == "add" && (role.empty() || *r == Role::Metrics)))
+    if (!r || (what == "user" && (verb == "add" || verb == "role") &&
+               (role.empty() || *r == Role::Metrics)))
         return usage();
     if (named && !Accounts::validName(name))
         return fail("a name is 1 to 64 letters, digits, '.', '_', '-' or '@'");
@@ -201,11 +211,17 @@ int command(const std::vector<std::string> &args) {
         return usage();
 
     std::string password;
-    if (what == "user" && verb == "add") {
+    if (setsPassword) {
+        std::string error;
+        auto rules =
+            PasswordRules::fromFile(common.empty() ? PasswordRules::defaultPath() : common, error);
+        if (!rules)
+            return fail(error + "; name one with --common-passwords FILE");
         if (!readPassword(password))
             return fail("no password on standard input");
-        if (password.size() < 12)
-            return fail("a password needs 12 or more characters");
+        std::string problem = rules->problem(password, name);
+        if (!problem.empty())
+            return fail(problem);
     }
     try {
         auto database = openDatabase(db);
@@ -232,7 +248,32 @@ int command(const std::vector<std::string> &args) {
         }
         if (listing) {
             for (const auto &a : what == "user" ? accounts.users() : accounts.tokens())
-                std::printf("%s\t%s\n", a.name.c_str(), roleName(a.role));
+                std::printf("%s\t%s%s\n", a.name.c_str(), roleName(a.role),
+                            a.disabled ? "\tdisabled" : "");
+            return 0;
+        }
+        if (what == "user" && verb != "add") {
+            Change c = Change::NoSuchAccount;
+            std::string action = "user." + verb, detail = name;
+            if (verb == "passwd") {
+                c = accounts.setPassword(name, password) ? Change::Done : Change::NoSuchAccount;
+                action = "user.password.set";
+            } else if (verb == "role") {
+                c = accounts.setRole(name, *r);
+                action = "user.role.changed";
+                detail = name + " (" + roleName(*r) + ")";
+            } else if (verb == "del") {
+                c = accounts.deleteUser(name);
+                action = "user.deleted";
+            } else {
+                c = accounts.setDisabled(name, verb == "disable");
+                action += "d";
+            }
+            if (c == Change::NoSuchAccount)
+                return fail("no user " + name);
+            if (c == Change::LastAdmin)
+                return fail(name + " is the last enabled admin account; make another admin first");
+            audit.record(who, "", action, "", detail);
             return 0;
         }
         if (verb == "add" && what == "user") {
@@ -243,10 +284,12 @@ int command(const std::vector<std::string> &args) {
             audit.record(who, "", "token.added", "", name + " (" + roleName(*r) + ")");
             std::printf("%s\n", token.c_str());
         } else {
-            bool found = what == "user" ? accounts.deleteUser(name) : accounts.deleteToken(name);
+            bool found = verb == "del" ? accounts.deleteToken(name)
+                                       : accounts.setTokenDisabled(name, verb == "disable");
             if (!found)
-                return fail("no " + what + " " + name);
-            audit.record(who, "", what + ".deleted", "", name);
+                return fail("no token " + name);
+            audit.record(who, "", verb == "del" ? "token.deleted" : "token." + verb + "d", "",
+                         name);
         }
         return 0;
     } catch (const StoreError &e) {

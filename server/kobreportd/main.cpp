@@ -24,6 +24,7 @@
 #include "audit.h"
 #include "clock.h"
 #include "commands.h"
+#include "passwords.h"
 #include "fleet.h"
 #include "health.h"
 #include "intake.h"
@@ -104,7 +105,7 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets, publicUrl;
+    std::string listen, staffListen, db, webhook, targets, publicUrl, commonPasswords;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -153,6 +154,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.minSenders = static_cast<int>(n);
         else if (a == "--targets")
             o.targets = v;
+        else if (a == "--common-passwords")
+            o.commonPasswords = v;
         else if (a == "--public-url")
             o.publicUrl = v;
         else if (a == "--tls-cert")
@@ -407,6 +410,11 @@ int main(int argc, char *argv[]) {
 
     if (std::string error; !setFleet(o, error))
         return fail(error);
+    std::string listError;
+    auto passwordRules = PasswordRules::fromFile(
+        o.commonPasswords.empty() ? PasswordRules::defaultPath() : o.commonPasswords, listError);
+    if (!passwordRules)
+        return fail(listError + "; name one with --common-passwords FILE");
 
     bool tls = !staff.tls_cert.empty();
     std::string badCert =
@@ -444,6 +452,7 @@ int main(int argc, char *argv[]) {
     Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
+    staffSide.setPasswordRules(std::move(*passwordRules));
     RouteTable table;
     intake.addRoutes(table);
     health.addRoutes(table);

@@ -184,6 +184,10 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     EXPECT_FALSE(kobtest::fileExists(db + ".layout0-backup"));
     // The layout before: without the day's reference numbers.
     reportd::sqliteValue(db, "DROP TABLE reference_days");
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        reportd::sqliteValue(db, sql);
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     // Any use of the database migrates it: here a command's.
     auto migrated = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
@@ -207,6 +211,10 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
 
     // Put back, and migrated again: the first copy is not overwritten.
     reportd::sqliteValue(db, "DROP TABLE reference_days");
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        reportd::sqliteValue(db, sql);
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
     EXPECT_EQ(r.status, 1);

@@ -191,8 +191,13 @@ TEST(ReportdBrowser, AdminRevealsAndDeletesAndTheAuditLogHasEachStep) {
     EXPECT_TRUE(has(b.source(), "<dt>From</dt><dd>127.0.0.1</dd>"));
     keepScreenshot(b, "admin-revealed");
 
+    // Asked first, on a page of its own.
     b.clickToLoad(b.find("#delete"));
-    EXPECT_EQ(b.url(), base(s) + "/");
+    ASSERT_EQ(b.title(), "Are you sure?");
+    EXPECT_EQ(b.text(b.find("#question")), "Delete the report " + ref + "? This cannot be undone.");
+    b.clickToLoad(b.find("#confirm"));
+    EXPECT_EQ(b.url(), base(s) + "/?deleted=" + ref);
+    EXPECT_EQ(b.text(b.find("#message")), "Deleted the report " + ref + ".");
     EXPECT_EQ(b.text(b.find("p.count")), "1 report");
     EXPECT_TRUE(b.findAll("tr[data-reference='" + ref + "']").empty());
     EXPECT_FALSE(b.findAll("tr[data-reference='" + other + "']").empty());
@@ -391,7 +396,8 @@ TEST(ReportdBrowser, BehindNginxUnderAPrefixEveryStepStaysUnderIt) {
     // The sender is the user's address, which nginx named.
     EXPECT_TRUE(has(b.source(), "<dt>From</dt><dd>127.0.0.2</dd>"));
     b.clickToLoad(b.find("#delete"));
-    EXPECT_EQ(b.url(), site + "/");
+    b.clickToLoad(b.find("#confirm"));
+    EXPECT_EQ(b.url(), site + "/?deleted=" + ref);
     EXPECT_EQ(b.text(b.find("p.count")), "1 report");
     b.clickToLoad(b.find("a[href='/kob/audit']"));
     ASSERT_EQ(b.title(), "Audit log");

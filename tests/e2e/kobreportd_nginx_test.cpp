@@ -316,9 +316,9 @@ TEST_F(BehindNginx, TheStaffSideWorksUnderThePrefix) {
                         "http://127.0.0.1:" + std::to_string(ports.staff));
     EXPECT_EQ(plain->status, 403);
     EXPECT_EQ(server->api("/api/reports/" + other).status, 200);
-    auto deleted = b.post("/kob/reports/" + other + "/delete", {});
+    auto deleted = b.post("/kob/reports/" + other + "/delete", {{"confirm", "yes"}});
     EXPECT_EQ(deleted->status, 303);
-    EXPECT_EQ(deleted->get_header_value("Location"), "/kob/");
+    EXPECT_EQ(deleted->get_header_value("Location"), "/kob/?deleted=" + other);
     EXPECT_EQ(server->api("/api/reports/" + other).status, 404);
 
     auto out = b.post("/kob/signout", {});

@@ -163,10 +163,11 @@ TEST(PublicUrl, FormsAreTakenFromThePublicOriginOnly) {
     };
     for (size_t i = 0; i < cases.size(); i++) {
         SCOPED_TRACE(cases[i].origin);
-        auto r = b.post("/reports/" + refs[i % refs.size()] + "/delete", {}, cases[i].origin);
+        const std::string &ref = refs[i % refs.size()];
+        auto r = b.post("/reports/" + ref + "/delete", {{"confirm", "yes"}}, cases[i].origin);
         EXPECT_EQ(r.status, cases[i].status) << r.raw;
         if (r.status == 303)
-            EXPECT_EQ(reportd::header(r, "Location"), "/kob/");
+            EXPECT_EQ(reportd::header(r, "Location"), "/kob/?deleted=" + ref);
         else
             EXPECT_NE(r.body.find("did not come from this server"), std::string::npos) << r.body;
     }

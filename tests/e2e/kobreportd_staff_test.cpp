@@ -84,6 +84,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     ASSERT_EQ(s.addUser("victim", "viewer", "password of victim").status, 0);
     ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "victimtoken", "--db", db}).status,
               0);
+    ASSERT_EQ(s.addUser("bystander", "viewer", "password of bystander").status, 0);
+    ASSERT_EQ(reportd::command(KOBREPORTD_BIN, {"token", "add", "bystoken", "--db", db}).status, 0);
 
     // How to exercise each row of the table; a row without an entry here
     // fails the test, so a new route cannot go untried.
@@ -102,6 +104,24 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"POST /reports/{ref}/reveal", {{"/reports/" + ref + "/reveal", false, 200}}},
         {"POST /reports/{ref}/raw", {{"/reports/" + ref + "/raw", false, 200}}},
         {"POST /reports/{ref}/delete", {{"/reports/" + doomed + "/delete", false, 303}}},
+        {"POST /admin/users/{name}/role", {{"/admin/users/bystander/role", false, 200}}},
+        {"POST /admin/users/{name}/disable", {{"/admin/users/bystander/disable", false, 200}}},
+        {"POST /admin/users/{name}/enable", {{"/admin/users/bystander/enable", false, 200}}},
+        {"POST /admin/users/{name}/reset", {{"/admin/users/bystander/reset", false, 200}}},
+        {"POST /admin/tokens/{name}/disable", {{"/admin/tokens/bystoken/disable", false, 200}}},
+        {"POST /admin/tokens/{name}/enable", {{"/admin/tokens/bystoken/enable", false, 200}}},
+        {"GET /account/password", {{"/account/password", false, 200}}},
+        {"POST /account/password", {{"/account/password", false, 400}}},
+        {"GET /reset/{secret}", {{"/reset/" + std::string(64, 'a'), false, 404}}},
+        {"POST /reset/{secret}", {{"/reset/" + std::string(64, 'a'), false, 403}}},
+        {"GET /api/accounts", {{"/api/accounts", false, 200}}},
+        {"POST /api/accounts", {{"/api/accounts", false, 400}}},
+        {"POST /api/accounts/{name}/role", {{"/api/accounts/bystander/role", false, 400}}},
+        {"POST /api/accounts/{name}/disable", {{"/api/accounts/nobody/disable", false, 404}}},
+        {"POST /api/accounts/{name}/enable", {{"/api/accounts/nobody/enable", false, 404}}},
+        {"DELETE /api/accounts/{name}", {{"/api/accounts/nobody", false, 404}}},
+        {"POST /api/tokens/{name}/disable", {{"/api/tokens/nothing/disable", false, 404}}},
+        {"POST /api/tokens/{name}/enable", {{"/api/tokens/nothing/enable", false, 404}}},
         {"POST /admin/users", {{"/admin/users", false, 200}}},
         {"POST /admin/users/{name}/delete", {{"/admin/users/victim/delete", false, 200}}},
         {"POST /admin/tokens", {{"/admin/tokens", false, 200}}},
@@ -133,7 +153,9 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
             return {{"name", "newtoken"}, {"role", "viewer"}};
         if (path == "/settings/zone")
             return {{"zone", "Europe/Berlin"}};
-        return {};
+        if (path == "/admin/users/bystander/role")
+            return {{"role", "admin"}};
+        return {{"confirm", "yes"}};
     };
 
     auto viewerToken = reportd::command(KOBREPORTD_BIN, {"token", "add", "reader", "--db", db});
@@ -243,6 +265,9 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
     EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'victim'"), "0");
     EXPECT_EQ(value("SELECT count(*) FROM users WHERE name = 'newcomer'"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM tokens WHERE name = 'victimtoken'"), "0");
+    EXPECT_EQ(value("SELECT role FROM users WHERE name = 'bystander'"), "admin");
+    EXPECT_EQ(value("SELECT disabled FROM users WHERE name = 'bystander'"), "0");
+    EXPECT_EQ(value("SELECT count(*) FROM password_resets WHERE account = 'bystander'"), "1");
     // Signed out: the session cookie opens nothing any more.
     EXPECT_EQ(admin.get("/").status, 303);
 }
@@ -386,7 +411,7 @@ TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::string body = "csrf=" + c.csrf;
+        std::string body = "confirm=yes&csrf=" + c.csrf;
         auto r = reportd::request(s.staffPort(), "POST", "/reports/" + ref + "/delete",
                                   "Content-Type: application/x-www-form-urlencoded\r\nCookie: "
                                   "kob_session=" +
@@ -401,7 +426,7 @@ TEST_P(Staff, FormsWithoutTheirTokenOrFromAnotherSiteAreRefused) {
                                  "name=x&password=y");
     EXPECT_EQ(bare.status, 403);
     // With the token and from its own page, it goes through.
-    auto ok = admin.post("/reports/" + ref + "/delete", {},
+    auto ok = admin.post("/reports/" + ref + "/delete", {{"confirm", "yes"}},
                          "Origin: http://127.0.0.1:" + std::to_string(s.staffPort()) + "\r\n");
     EXPECT_EQ(ok.status, 303) << ok.raw;
     EXPECT_EQ(s.api("/api/reports/" + ref).status, 404);
@@ -464,7 +489,7 @@ TEST_P(Staff, TheAuditLogListsEachStepAndRefusesChanges) {
     admin.get("/reports/" + ref);
     admin.post("/reports/" + ref + "/reveal", {});
     admin.get("/reports/" + ref + "/raw");
-    admin.post("/reports/" + ref + "/delete", {});
+    admin.post("/reports/" + ref + "/delete", {{"confirm", "yes"}});
     auto page = admin.get("/audit");
     ASSERT_EQ(page.status, 200);
     // Newest first.
@@ -605,9 +630,10 @@ TEST_P(Staff, EachPersonReadsTimesInTheirOwnZone) {
     EXPECT_NE(page.body.find("<dt>Received</dt><dd>2027-01-15 03:00:00 EST</dd>"),
               std::string::npos)
         << page.body;
-    EXPECT_NE(page.body.find("<dt>Run started</dt><dd>Sat Nov 21 10:00:00 2026 (the user&#39;s local "
-                             "time)</dd>"),
-              std::string::npos)
+    EXPECT_NE(
+        page.body.find("<dt>Run started</dt><dd>Sat Nov 21 10:00:00 2026 (the user&#39;s local "
+                       "time)</dd>"),
+        std::string::npos)
         << page.body;
     // Someone else still reads UTC.
     EXPECT_NE(admin.get("/reports/" + ref).body.find("<dd>2027-01-15 08:00:00 UTC</dd>"),
@@ -685,6 +711,11 @@ TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
     value("UPDATE reports SET raw_expired = 1, desc_zstd = 0, \"desc\" = " +
           std::string(GetParam() == "postgres" ? "''::bytea" : "X''") +
           ", findings = '{\"header\":{\"user\":\"kim\"}}'");
+    // As layouts before 10 kept accounts.
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        value(sql);
     value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
     reportd::Server s(KOBREPORTD_BIN, db);
     EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"),
@@ -827,6 +858,11 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value(GetParam() == "postgres"
               ? "UPDATE reports SET \"desc\" = convert_to('old report' || chr(10), 'UTF8')"
               : "UPDATE reports SET \"desc\" = CAST('old report' || char(10) AS BLOB)");
+    // As layouts before 10 kept accounts.
+    for (const char *sql :
+         {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
+          "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
+        value(sql);
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);

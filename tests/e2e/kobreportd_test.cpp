@@ -589,7 +589,7 @@ TEST_F(Reportd, AccountsAreMadeFromTheCommandLineWithThePasswordOnStandardInput)
     auto shortPw = reportd::command(
         KOBREPORTD_BIN, {"user", "add", "mike", "--role", "viewer", "--db", db}, "short\n");
     EXPECT_EQ(shortPw.status, 1);
-    EXPECT_EQ(shortPw.err, "kobreportd: a password needs 12 or more characters\n");
+    EXPECT_EQ(shortPw.err, "kobreportd: A password is 12 to 1,024 bytes long.\n");
     EXPECT_EQ(reportd::command(KOBREPORTD_BIN, {"user", "add", "mike", "--db", db}).status, 1);
     auto badName =
         reportd::command(KOBREPORTD_BIN, {"user", "add", "<b>", "--role", "viewer", "--db", db},

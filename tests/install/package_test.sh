@@ -133,6 +133,7 @@ expect_contents libkob-dev $headers "$lib/libkob.a" "$lib/libkobec.a" "$lib/libk
     "$lib/cmake/kob/kobTargets.cmake" "$lib/cmake/kob/kobTargets-none.cmake" \
     usr/share/man/man3/libkob.3.gz
 expect_contents kobreportd usr/sbin/kobreportd usr/share/man/man8/kobreportd.8.gz \
+    usr/share/kobreportd/common-passwords.txt \
     lib/systemd/system/kobreportd.service usr/lib/sysusers.d/kobreportd.conf etc/default/kobreportd \
     usr/share/doc/kobreportd/examples/nginx-kobreportd.conf
 field() { dpkg-deb -f "$(deb "$1")" "${@:2}"; }

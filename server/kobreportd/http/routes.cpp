@@ -170,6 +170,12 @@ std::string Guard::cookieAttributes() const {
     return "; HttpOnly; SameSite=Strict; Path=" + links_.prefix() + (secure() ? "; Secure" : "");
 }
 
+std::string Guard::origin(const Request &req) const {
+    if (!public_.url.empty())
+        return public_.origin;
+    return std::string(tls_ ? "https://" : "http://") + req.header("Host");
+}
+
 bool Guard::sameOrigin(const Request &req) const {
     std::string site = req.header("Sec-Fetch-Site");
     if (!site.empty() && site != "same-origin" && site != "none")

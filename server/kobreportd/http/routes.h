@@ -131,6 +131,9 @@ class Guard {
     // Behind a public URL, the page is one of the public URL's origin.
     bool sameOrigin(const Request &req) const;
     std::string cookieAttributes() const;
+    // Where browsers reach this side: the public URL's origin, or the
+    // scheme and Host the request came with.
+    std::string origin(const Request &req) const;
     // Browsers speak HTTPS to this side: it has TLS, or the public URL is https.
     bool secure() const { return tls_ || public_.https; }
     const Links &links() const { return links_; }

@@ -338,15 +338,19 @@ void Staff::rawText(const Request &req, Response &res, const Principal &who, boo
 }
 
 void Staff::accountsPage(Response &res, const Principal &who, const std::string &msg,
-                         const std::optional<std::string> &token, int status) {
-    show(res, status, "Accounts", &who,
-         pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token));
+                         const std::optional<std::string> &token, int status,
+                         const std::optional<std::string> &resetLink) {
+    show(
+        res, status, "Accounts", &who,
+        pages::accounts(accounts_.users(), accounts_.tokens(), viewer(who), msg, token, resetLink));
 }
 
 void Staff::addPageRoutes(RouteTable &table) {
     addSignInRoutes(table);
     addReportPages(table);
     addAdminPages(table);
+    addAccountPages(table);
+    addPasswordPages(table);
     addFleetPages(table);
     addSettingsPages(table);
 }
@@ -391,6 +395,14 @@ void Staff::addSignInRoutes(RouteTable &table) {
              auto r =
                  accounts_.signIn(req.param("name"), req.param("password"), req.client_address);
              using R = Accounts::SignIn::Result;
+             if (r.result == R::Busy) {
+                 res.setHeader("Retry-After", "1");
+                 show(res, 429, "Sign in", nullptr,
+                      pages::signIn(Accounts::csrfToken(pre), next,
+                                    "Many people are signing in at once. Try again in a moment.",
+                                    links()));
+                 return;
+             }
              if (r.result == R::Locked) {
                  res.setHeader("Retry-After", std::to_string(r.retry_after));
                  show(res, 429, "Sign in", nullptr,
@@ -433,8 +445,12 @@ void Staff::addReportPages(RouteTable &table) {
              std::string q = req.hasParam("q") ? req.param("q") : "";
              int64_t pg = pageNumber(req);
              auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
-             show(res, 200, "Problem reports", &who, pages::list(list, q, pg, kPageSize, links()),
-                  q);
+             html::Html body;
+             // After a deletion: said only of a report that is gone indeed.
+             if (std::string gone = req.param("deleted"); !gone.empty() && !store_.head(gone))
+                 body << pages::message("Deleted the report " + gone + ".");
+             body << pages::list(list, q, pg, kPageSize, links());
+             show(res, 200, "Problem reports", &who, body, q);
          });
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -459,12 +475,15 @@ void Staff::addReportPages(RouteTable &table) {
     page(table, Method::Post, "/reports/{ref}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string ref = req.matches[1];
+             if (!confirmed(req, res, who, "Delete the report " + ref + "? This cannot be undone.",
+                            "Delete the report", "/reports/" + ref))
+                 return;
              if (!store_.remove(ref)) {
                  notFound(res, who, ref);
                  return;
              }
              audit_.record(who.account, req.client_address, "report.deleted", ref);
-             seeOther(res, links().path("/"));
+             seeOther(res, links().path("/") + "?deleted=" + html::percentEncode(ref));
          });
     page(table, Method::Get, "/audit", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
@@ -486,12 +505,15 @@ void Staff::addAdminPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.param("name"), password = req.param("password");
              auto role = parseRole(req.param("role"));
-             if (!Accounts::validName(name) || !role || *role == Role::Metrics ||
-                 password.size() < 12) {
+             if (!Accounts::validName(name) || !role || *role == Role::Metrics) {
                  accountsPage(res, who,
-                              "Not added: a name of letters, digits and . _ - @, a role, and a "
-                              "password of 12 or more characters are needed.",
+                              "Not added: a name of letters, digits and . _ - @ and a role are "
+                              "needed.",
                               std::nullopt, 400);
+                 return;
+             }
+             if (std::string why = passwordRules_.problem(password, name); !why.empty()) {
+                 accountsPage(res, who, why, std::nullopt, 400);
                  return;
              }
              try {
@@ -508,8 +530,15 @@ void Staff::addAdminPages(RouteTable &table) {
     page(table, Method::Post, "/admin/users/{name}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
-             if (!accounts_.deleteUser(name)) {
-                 accountsPage(res, who, "No such user.", std::nullopt, 404);
+             if (!confirmed(req, res, who,
+                            "Delete the account " + name +
+                                "? Its audit history stays; the account cannot be had back.",
+                            "Delete the account", "/admin/accounts"))
+                 return;
+             Change c = accounts_.deleteUser(name);
+             if (c != Change::Done) {
+                 accountsPage(res, who, c == Change::LastAdmin ? kLastAdmin : "No such user.",
+                              std::nullopt, c == Change::LastAdmin ? 409 : 404);
                  return;
              }
              audit_.record(who.account, req.client_address, "user.deleted", "", name);
@@ -543,12 +572,16 @@ void Staff::addAdminPages(RouteTable &table) {
     page(table, Method::Post, "/admin/tokens/{name}/delete", Role::Admin,
          [this](const Request &req, Response &res, const Principal &who) {
              std::string name = req.matches[1];
+             if (!confirmed(req, res, who,
+                            "Revoke the token " + name + "? Whatever uses it stops at once.",
+                            "Revoke the token", "/admin/accounts"))
+                 return;
              if (!accounts_.deleteToken(name)) {
                  accountsPage(res, who, "No such token.", std::nullopt, 404);
                  return;
              }
              audit_.record(who.account, req.client_address, "token.deleted", "", name);
-             accountsPage(res, who, "Deleted the token " + name + ".");
+             accountsPage(res, who, "Revoked the token " + name + ".");
          });
 }
 

@@ -18,6 +18,7 @@
 #include "audit.h"
 #include "metrics.h"
 #include "pages.h"
+#include "passwords.h"
 #include "routes.h"
 #include "store.h"
 
@@ -77,6 +78,8 @@ class Staff {
 
     void addPageRoutes(RouteTable &table);
     void addApiRoutes(RouteTable &table); // api/api.cpp
+    // The rules new passwords meet (the list of common ones).
+    void setPasswordRules(PasswordRules rules) { passwordRules_ = std::move(rules); }
 
     static constexpr int64_t kPageSize = 50;
     static int64_t pageNumber(const Request &req);
@@ -100,6 +103,13 @@ class Staff {
     void addSettingsPages(RouteTable &table);
     void addReportApi(RouteTable &table);
     void addFleetApi(RouteTable &table);
+    void addAccountPages(RouteTable &table); // http/account_pages.cpp
+    void addPasswordPages(RouteTable &table);
+    void addAccountApi(RouteTable &table); // api/accounts_api.cpp
+    // The confirmation page of a form that asked for none yet; true when
+    // the form was confirmed and the action may go ahead.
+    bool confirmed(const Request &req, Response &res, const Principal &who,
+                   const std::string &question, const std::string &button, const std::string &back);
 
     // A handler of a route behind credentials: the guard has found who.
     using Signed = std::function<void(const Request &, Response &, const Principal &)>;
@@ -113,7 +123,8 @@ class Staff {
     void notFound(Response &res, const Principal &who, const std::string &ref);
     void reportPage(const Request &req, Response &res, const Principal &who, bool reveal);
     void accountsPage(Response &res, const Principal &who, const std::string &msg,
-                      const std::optional<std::string> &token = std::nullopt, int status = 200);
+                      const std::optional<std::string> &token = std::nullopt, int status = 200,
+                      const std::optional<std::string> &resetLink = std::nullopt);
     std::string reportJson(const StoredReport &s);
     // Reports with their texts, once the budget has room for all of them
     // (taken at once: a second take while holding the first could wait
@@ -131,6 +142,7 @@ class Staff {
     const Guard &guard_;
     bool tls_;
     int retainDays_;
+    PasswordRules passwordRules_;
     TextBudget budget_{uint64_t{64} << 20};
 };
 

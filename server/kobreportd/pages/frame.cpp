@@ -162,7 +162,9 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
              "<button type=\"submit\">Search</button></form>"
              "<a class=\"who\" id=\"who\" href=\""
           << v.links.href("/settings") << "\" title=\"Settings\">" << text(v.who->account) << " ("
-          << text(roleName(v.who->role)) << ")</a><form class=\"inline\" method=\"post\" action=\""
+          << text(roleName(v.who->role)) << ")</a><a href=\"" << v.links.href("/account/password")
+          << "\" id=\"own-password\">Password</a><form class=\"inline\" method=\"post\" "
+             "action=\""
           << v.links.href("/signout") << "\">" << csrfField(v)
           << "<button type=\"submit\" id=\"signout\">Sign out</button></form>";
     }

@@ -66,10 +66,21 @@ html::Html audit(const std::vector<AuditEntry> &entries, int64_t total, int64_t 
                  int64_t pageSize, const Links &links);
 html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountInfo> &tokens,
                     const Viewer &v, const std::string &message,
-                    const std::optional<std::string> &newToken);
+                    const std::optional<std::string> &newToken,
+                    const std::optional<std::string> &resetLink = std::nullopt);
 // A person's own settings page.
 html::Html settings(const std::string &zone, const std::vector<std::string> &zones, std::time_t now,
                     const Viewer &v, const std::string &message);
+// What was done, after a change, with the way back.
+html::Html done(const std::string &message, const Links &links);
+// Asks before a change: the same form again with confirm=yes, or back.
+html::Html confirm(const std::string &question, const std::string &action,
+                   const std::string &button, const std::string &back, const Viewer &v,
+                   const std::vector<std::pair<std::string, std::string>> &fields);
+// A new password twice, after the current one (own) or not (a reset link,
+// whose form token is given since no one is signed in).
+html::Html passwordForm(const std::string &action, const std::string &csrf, bool own,
+                        const std::string &message, const Links &links);
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
                   const Links &links);
 html::Html message(const std::string &text);

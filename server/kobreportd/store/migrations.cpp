@@ -175,6 +175,17 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+// Accounts that are switched off rather than deleted, when people last
+// signed in, and one-time links that set a new password.
+void accountStates(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE users ADD COLUMN disabled {INT} NOT NULL DEFAULT 0"));
+    c.query(ddl(d, "ALTER TABLE users ADD COLUMN last_signin {INT}"));
+    c.query(ddl(d, "ALTER TABLE tokens ADD COLUMN disabled {INT} NOT NULL DEFAULT 0"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS password_resets ("
+                   " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
+                   " expires_at {INT} NOT NULL)"));
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -220,7 +231,8 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
-    {10, staffZones},
+    {10, accountStates},
+    {11, staffZones},
 };
 // clang-format on
 
