@@ -114,6 +114,10 @@ bool Accounts::deleteUser(const std::string &name) {
         found =
             !c.query("DELETE FROM users WHERE name = $1 RETURNING name", {sql::text(name)}).empty();
         c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
+        // A new account of the same name starts without this one's factor.
+        for (const char *table : {"second_factors", "recovery_codes", "pending_signins"})
+            c.query(std::string("DELETE FROM ") + table + " WHERE account = $1",
+                    {sql::text(name)});
     });
     return found;
 }
@@ -184,27 +188,72 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
         audit_.fold(logged, address, "signin.locked");
         return out;
     }
-    // An unknown name costs the same hash as a known one.
-    bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password) &&
-              !rows.empty();
+    // An unknown name costs the same hash as a known one, and so does an
+    // account the proxy made, which has no password.
+    bool usable = !rows.empty() && rows.str(0, "pw_hash").rfind("$argon2id$", 0) == 0;
+    bool ok = verifyPassword(usable ? rows.str(0, "pw_hash") : dummyHash_, password) && usable;
     if (!ok) {
         audit_.fold(logged, address, "signin.failed");
         return out;
     }
+    if (!db_.read("SELECT 1 AS x FROM second_factors WHERE account = $1 AND confirmed = 1",
+                  {sql::text(who)})
+             .empty()) {
+        out.result = SignIn::Result::CodeNeeded;
+        audit_.record(who, address, "signin.password");
+        return out;
+    }
     out.result = SignIn::Result::Ok;
-    out.session = randomId();
-    db_.write("INSERT INTO sessions (id_hash, account, created_at, last_seen)"
-              " VALUES ($1, $2, $3, $3)",
-              {sql::text(digest(out.session)), sql::text(who), sql::integer(t)});
-    audit_.record(who, address, "signin");
+    out.session = openSession(who, address, "signin");
     return out;
+}
+
+std::string Accounts::openSession(const std::string &account, const std::string &address,
+                                  const std::string &action, const std::string &detail,
+                                  bool viaProxy) {
+    std::string id = randomId();
+    db_.write("INSERT INTO sessions (id_hash, account, created_at, last_seen, via_proxy)"
+              " VALUES ($1, $2, $3, $3, $4)",
+              {sql::text(digest(id)), sql::text(account), sql::integer(now()),
+               sql::integer(viaProxy ? 1 : 0)});
+    audit_.record(account, address, action, "", detail);
+    return id;
+}
+
+std::optional<Role> Accounts::roleOf(const std::string &name) {
+    auto rows = db_.read("SELECT role FROM users WHERE name = $1", {sql::text(name)});
+    if (rows.empty())
+        return std::nullopt;
+    return parseRole(rows.str(0, "role")).value_or(Role::Viewer);
+}
+
+bool Accounts::addProxyUser(const std::string &name, Role role, const std::string &email) {
+    bool added = false;
+    db_.transaction([&](sql::Conn &c) {
+        if (!c.query("SELECT 1 AS x FROM users WHERE name = $1", {sql::text(name)}).empty())
+            return;
+        // "!" is no Argon2id hash: no password ever matches it.
+        c.query("INSERT INTO users (name, role, pw_hash, created_at, email)"
+                " VALUES ($1, $2, '!', $3, $4)",
+                {sql::text(name), sql::text(roleName(role)), sql::integer(now()),
+                 sql::text(email)});
+        added = true;
+    });
+    return added;
+}
+
+void Accounts::setEmail(const std::string &name, const std::string &email) {
+    db_.write("UPDATE users SET email = $1 WHERE name = $2 AND email <> $1",
+              {sql::text(email), sql::text(name)});
 }
 
 std::optional<Principal> Accounts::session(const std::string &id) {
     if (id.size() != 64)
         return std::nullopt;
     std::string h = digest(id);
-    auto rows = db_.read("SELECT s.account, u.role, s.created_at, s.last_seen FROM sessions s"
+    auto rows = db_.read("SELECT s.account, u.role, s.created_at, s.last_seen, s.via_proxy,"
+                         " (SELECT count(*) FROM second_factors f WHERE f.account = s.account"
+                         " AND f.confirmed = 1) AS factors FROM sessions s"
                          " JOIN users u ON u.name = s.account WHERE s.id_hash = $1",
                          {sql::text(h)});
     if (rows.empty())
@@ -220,7 +269,7 @@ std::optional<Principal> Accounts::session(const std::string &id) {
         db_.write("UPDATE sessions SET last_seen = $1 WHERE id_hash = $2",
                   {sql::integer(t), sql::text(h)});
     return Principal{rows.str(0, "account"), parseRole(rows.str(0, "role")).value_or(Role::Viewer),
-                     id};
+                     id, rows.integer(0, "factors") > 0, rows.integer(0, "via_proxy") != 0};
 }
 
 void Accounts::signOut(const std::string &id) {

@@ -57,6 +57,7 @@ std::string Staff::reportJson(const StoredReport &s) {
 void Staff::addApiRoutes(RouteTable &table) {
     addReportApi(table);
     addFleetApi(table);
+    addSecondFactorApi(table);
 }
 
 void Staff::addReportApi(RouteTable &table) {

@@ -14,9 +14,6 @@
 
 namespace kobreportd {
 
-namespace {
-
-// A place to go back to after signing in: a path on this server only.
 std::string safeNext(const std::string &next) {
     if (next.size() < 1 || next.size() > 512 || next[0] != '/' ||
         (next.size() > 1 && (next[1] == '/' || next[1] == '\\')))
@@ -26,8 +23,6 @@ std::string safeNext(const std::string &next) {
             return "/";
     return next;
 }
-
-} // namespace
 
 std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure) {
     std::vector<std::pair<std::string, std::string>> h = {
@@ -347,6 +342,7 @@ void Staff::addPageRoutes(RouteTable &table) {
     addReportPages(table);
     addAdminPages(table);
     addFleetPages(table);
+    addSecondFactorPages(table);
 }
 
 void Staff::addSignInRoutes(RouteTable &table) {
@@ -396,6 +392,10 @@ void Staff::addSignInRoutes(RouteTable &table) {
                                     "Too many failed sign-ins. Try again in " +
                                         std::to_string((r.retry_after + 59) / 60) + " minutes.",
                                     links()));
+                 return;
+             }
+             if (r.result == R::CodeNeeded) {
+                 askForCode(req, res, next);
                  return;
              }
              if (r.result == R::Wrong) {

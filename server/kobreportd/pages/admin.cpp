@@ -42,6 +42,15 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
         b << "<p class=\"notice\">The new token, shown this once:</p><p><code class=\"token\" "
              "id=\"token\">"
           << text(*newToken) << "</code></p>\n";
+    // People's second factors, which an admin removes when one is lost.
+    auto secondFactorReset = [&](const char *path, const std::string &name) {
+        Html f;
+        if (std::string(path) == "/admin/users/")
+            f << "<form class=\"inline\" method=\"post\" action=\"" << v.links.href(path)
+              << uri(name) << "/second-factor/reset\">" << csrfField(v)
+              << "<button class=\"plain\" type=\"submit\">Reset second factor</button></form>";
+        return f;
+    };
     auto table = [&](const char *id, const char *what, const std::vector<AccountInfo> &list,
                      const char *path) {
         b << "<table id=\"" << text(id) << "\"><thead><tr><th>" << text(what)
@@ -50,7 +59,8 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
             b << "<tr><td>" << text(a.name) << "</td><td>" << text(roleName(a.role)) << "</td><td>"
               << text(shownTime(a.created_at)) << "</td><td><form class=\"inline\" method=\"post\" "
               << "action=\"" << v.links.href(path) << uri(a.name) << "/delete\">" << csrfField(v)
-              << "<button class=\"danger\" type=\"submit\">Delete</button></form></td></tr>\n";
+              << "<button class=\"danger\" type=\"submit\">Delete</button></form>"
+              << secondFactorReset(path, a.name) << "</td></tr>\n";
         b << "</tbody></table>\n";
     };
     b << "<h2>People</h2>\n";

@@ -175,6 +175,25 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+// A second factor per account (its TOTP secret encrypted, and the last time
+// step a code was taken at, so that a code is good once), its recovery
+// codes as hashes, the sign-ins waiting for their code, and how a session
+// was made and which people an identity provider's proxy made.
+void secondFactorsAndProxySignIn(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS second_factors ("
+                   " account TEXT PRIMARY KEY, secret TEXT NOT NULL,"
+                   " confirmed {INT} NOT NULL DEFAULT 0, last_step {INT} NOT NULL DEFAULT 0,"
+                   " created_at {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS recovery_codes ("
+                   " account TEXT NOT NULL, code_hash TEXT NOT NULL,"
+                   " used_at {INT} NOT NULL DEFAULT 0, PRIMARY KEY (account, code_hash))"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS pending_signins ("
+                   " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
+                   " created_at {INT} NOT NULL)"));
+    c.query(ddl(d, "ALTER TABLE sessions ADD COLUMN via_proxy {INT} NOT NULL DEFAULT 0"));
+    c.query("ALTER TABLE users ADD COLUMN email TEXT NOT NULL DEFAULT ''");
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -202,6 +221,7 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
+    {11, secondFactorsAndProxySignIn},
 };
 // clang-format on
 
