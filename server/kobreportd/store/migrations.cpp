@@ -127,28 +127,35 @@ void senderNetworks(sql::Dialect, sql::Conn &c) {
 // minute with a count, so that a flood of them cannot grow the log without
 // bound.  The log stays append-only but for exactly that: a folded row's
 // count going up by one, with the time of its latest sign-in.
-void foldedSignIns(sql::Dialect d, sql::Conn &c) {
-    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN count {INT} NOT NULL DEFAULT 1"));
-    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN last_at {INT}"));
-    const char *onlyACount =
-        "old.action IN ('signin.failed', 'signin.locked') AND new.count = old.count + 1 AND"
+// The audit log's rows may change in one way only: the count of a folded
+// row of one of these actions goes up (Audit::fold).
+void foldableActions(sql::Dialect d, sql::Conn &c, const std::string &actions) {
+    std::string onlyACount =
+        "old.action IN (" + actions +
+        ") AND new.count = old.count + 1 AND"
         " new.id = old.id AND new.at = old.at AND new.account = old.account AND"
         " new.address = old.address AND new.action = old.action AND"
         " new.reference = old.reference AND new.detail = old.detail AND"
         " new.last_at >= coalesce(old.last_at, old.at)";
     if (d == sql::Dialect::Postgres) {
-        c.query(std::string("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
-                            " LANGUAGE plpgsql AS $body$BEGIN"
-                            " IF TG_OP = 'UPDATE' AND ") +
+        c.query("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
+                " LANGUAGE plpgsql AS $body$BEGIN"
+                " IF TG_OP = 'UPDATE' AND " +
                 onlyACount +
                 " THEN RETURN NEW; END IF;"
                 " RAISE EXCEPTION 'the audit log is append-only'; END$body$");
     } else {
         c.query("DROP TRIGGER IF EXISTS audit_append_only_UPDATE");
-        c.query(std::string("CREATE TRIGGER audit_append_only_UPDATE BEFORE UPDATE ON audit"
-                            " WHEN NOT (") +
+        c.query("CREATE TRIGGER audit_append_only_UPDATE BEFORE UPDATE ON audit"
+                " WHEN NOT (" +
                 onlyACount + ") BEGIN SELECT RAISE(ABORT, 'the audit log is append-only'); END");
     }
+}
+
+void foldedSignIns(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN count {INT} NOT NULL DEFAULT 1"));
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN last_at {INT}"));
+    foldableActions(d, c, "'signin.failed', 'signin.locked'");
 }
 
 // What an expired report keeps is kept as a zstd frame: plain, the findings
@@ -192,6 +199,10 @@ void secondFactorsAndProxySignIn(sql::Dialect d, sql::Conn &c) {
                    " created_at {INT} NOT NULL)"));
     c.query(ddl(d, "ALTER TABLE sessions ADD COLUMN via_proxy {INT} NOT NULL DEFAULT 0"));
     c.query("ALTER TABLE users ADD COLUMN email TEXT NOT NULL DEFAULT ''");
+    // Wrong codes and refused proxy sign-ins are folded as failed sign-ins are.
+    foldableActions(d, c,
+                    "'signin.failed', 'signin.locked', 'signin.code_failed', "
+                    "'signin.proxy.refused'");
 }
 
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
