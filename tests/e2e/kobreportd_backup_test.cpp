@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(Stores, Restore, ::testing::Values("sqlite", "postgres"
                          [](const auto &info) { return info.param; });
 
 // The layout this kobreportd writes (kobreportd --version names it).
-constexpr int kLayout = 9;
+constexpr int kLayout = 11;
 
 // Before a file of an older layout is migrated, a copy of it as it was is
 // left beside it; a new file has nothing to copy.
@@ -182,15 +182,20 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     std::string copy = db + ".layout8-backup";
     EXPECT_FALSE(kobtest::fileExists(db + ".layout" + std::to_string(kLayout) + "-backup"));
     EXPECT_FALSE(kobtest::fileExists(db + ".layout0-backup"));
-    // The layout before: without the day's reference numbers.
+    // The layout before: without the day's reference numbers, nor what
+    // came after them.
     reportd::sqliteValue(db, "DROP TABLE reference_days");
+    for (const char *undo :
+         {"DROP TABLE second_factors", "DROP TABLE recovery_codes", "DROP TABLE pending_signins",
+          "ALTER TABLE sessions DROP COLUMN via_proxy", "ALTER TABLE users DROP COLUMN email"})
+        EXPECT_EQ(reportd::sqliteValue(db, undo), "<none>") << undo;
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     // Any use of the database migrates it: here a command's.
     auto migrated = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
     EXPECT_EQ(migrated.status, 0);
     EXPECT_EQ(migrated.err.rfind("{\"time\":\"", 0), 0u) << migrated.err;
     EXPECT_EQ(migrated.err.substr(migrated.err.find("\"level\"")),
-              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":9,\"path\":\"" +
+              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":11,\"path\":\"" +
                   copy + "\"}\n");
     {
         reportd::Server s(KOBREPORTD_BIN, db);
@@ -210,7 +215,7 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kobreportd: not migrating the database to layout 9: cannot write " + copy +
+    EXPECT_EQ(r.err, "kobreportd: not migrating the database to layout 11: cannot write " + copy +
                          ": it exists already\n");
     EXPECT_EQ(reportd::sqliteValue(copy, "SELECT count(*) FROM reports"), "1");
     EXPECT_EQ(reportd::sqliteValue(db, "SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
@@ -232,12 +237,12 @@ TEST_P(Layout, ADatabaseOfANewerLayoutIsRefusedAtStart) {
     auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
-                     "one knows up to 9)\n");
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 12, this "
+                     "one knows up to 11)\n");
     r = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
-                     "one knows up to 9)\n");
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 12, this "
+                     "one knows up to 11)\n");
 }
 
 // Another instance migrated the shared database under a running one: the
@@ -247,8 +252,8 @@ TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
     EXPECT_EQ(reportd::upload(s.port(), "before\n").status, 200);
     EXPECT_EQ(s.api("/api/reports").status, 200);
     value("UPDATE kob_meta SET value = '" + std::to_string(kLayout + 1) + "' WHERE key = 'schema'");
-    const std::string why = "Service unavailable: the database was upgraded to layout 10 by a "
-                            "newer kobreportd; this one reads layout 9\n";
+    const std::string why = "Service unavailable: the database was upgraded to layout 12 by a "
+                            "newer kobreportd; this one reads layout 11\n";
     // The layout is looked at once a second: readiness says when it was.
     for (int i = 0; i < 300 && reportd::get(s.port(), "/readyz").status != 503; i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -264,9 +269,9 @@ TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
     EXPECT_EQ(value("SELECT count(*) FROM reports"), "1");
     EXPECT_EQ(s.stop(), 0);
     const std::string line =
-        "\"level\":\"error\",\"event\":\"layout_newer\",\"layout\":10,\"own_layout\":9,"
-        "\"message\":\"the database was written by a newer kobreportd (layout 10, this one knows "
-        "up to 9); not serving until upgraded\"}\n";
+        "\"level\":\"error\",\"event\":\"layout_newer\",\"layout\":12,\"own_layout\":11,"
+        "\"message\":\"the database was written by a newer kobreportd (layout 12, this one knows "
+        "up to 11); not serving until upgraded\"}\n";
     std::string errors = s.errors();
     auto at = errors.find(line);
     EXPECT_NE(at, std::string::npos) << errors;

@@ -123,6 +123,17 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"GET /api/users/{name}", {{"/api/users/nobody", false, 200}}},
         {"DELETE /api/reports/{ref}", {{"/api/reports/" + doomedToo, false, 200}}},
         {"POST /signout", {{"/signout", false, 303}}},
+        // Without a sign-in waiting for its code, the sign-in page.
+        {"GET /signin/code", {{"/signin/code", false, 303}}},
+        {"POST /signin/code", {{"/signin/code", false, 403}}},
+        {"GET /account/second-factor", {{"/account/second-factor", false, 200}}},
+        {"POST /account/second-factor", {{"/account/second-factor", false, 200}}},
+        // No code: the enrolment page again.
+        {"POST /account/second-factor/confirm", {{"/account/second-factor/confirm", false, 400}}},
+        {"POST /admin/users/{name}/second-factor/reset",
+         {{"/admin/users/nobody/second-factor/reset", false, 404}}},
+        {"DELETE /api/accounts/{name}/second-factor",
+         {{"/api/accounts/nobody/second-factor", false, 404}}},
     };
     auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
         if (path == "/admin/users")
@@ -592,7 +603,7 @@ TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
           ", findings = '{\"header\":{\"user\":\"kim\"}}'");
     value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "11");
     EXPECT_EQ(value("SELECT length(findings) FROM reports"), "0");
     EXPECT_NE(value("SELECT findings_zstd FROM reports"), "<none>");
     auto json = s.api("/api/reports/" + ref);
@@ -693,7 +704,7 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.size(), 22u) << ref;
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "11");
     // The old text stays as it was; the new one is compressed.
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -733,7 +744,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "11");
     EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
     std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
     EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");
