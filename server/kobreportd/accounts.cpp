@@ -116,8 +116,7 @@ bool Accounts::deleteUser(const std::string &name) {
         c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
         // A new account of the same name starts without this one's factor.
         for (const char *table : {"second_factors", "recovery_codes", "pending_signins"})
-            c.query(std::string("DELETE FROM ") + table + " WHERE account = $1",
-                    {sql::text(name)});
+            c.query(std::string("DELETE FROM ") + table + " WHERE account = $1", {sql::text(name)});
     });
     return found;
 }
@@ -233,10 +232,10 @@ bool Accounts::addProxyUser(const std::string &name, Role role, const std::strin
         if (!c.query("SELECT 1 AS x FROM users WHERE name = $1", {sql::text(name)}).empty())
             return;
         // "!" is no Argon2id hash: no password ever matches it.
-        c.query("INSERT INTO users (name, role, pw_hash, created_at, email)"
-                " VALUES ($1, $2, '!', $3, $4)",
-                {sql::text(name), sql::text(roleName(role)), sql::integer(now()),
-                 sql::text(email)});
+        c.query(
+            "INSERT INTO users (name, role, pw_hash, created_at, email)"
+            " VALUES ($1, $2, '!', $3, $4)",
+            {sql::text(name), sql::text(roleName(role)), sql::integer(now()), sql::text(email)});
         added = true;
     });
     return added;

@@ -29,7 +29,7 @@ std::optional<Role> parseRole(const std::string &s);
 struct Principal {
     std::string account; // user name, or "token:NAME"
     Role role = Role::Viewer;
-    std::string session; // the session id (signed-in people only)
+    std::string session;        // the session id (signed-in people only)
     bool second_factor = false; // the account has a confirmed second factor
     bool via_proxy = false;     // signed in by the identity provider's proxy
 };

@@ -190,9 +190,8 @@ SecondFactors::Enrolment SecondFactors::enrolment(const std::string &account,
     while (!base32.empty() && base32.back() == '=')
         base32.pop_back();
     std::string issuer = html::percentEncode(kIssuer);
-    return {base32, "otpauth://totp/" + issuer + ":" + html::percentEncode(account) +
-                        "?secret=" + base32 + "&issuer=" + issuer +
-                        "&algorithm=SHA1&digits=6&period=30"};
+    return {base32, "otpauth://totp/" + issuer + ":" + html::percentEncode(account) + "?secret=" +
+                        base32 + "&issuer=" + issuer + "&algorithm=SHA1&digits=6&period=30"};
 }
 
 std::optional<SecondFactors::Enrolment> SecondFactors::begin(const std::string &account) {
@@ -336,8 +335,8 @@ SecondFactors::Check SecondFactors::finishSignIn(const std::string &pendingId,
     if (pending.empty() || t - pending.integer(0, "created_at") >= kPendingSignIn)
         return out;
     out.account = pending.str(0, "account");
-    std::time_t end = audit_.burstEnd("signin.code_failed", "account", out.account,
-                                      kSignInFailures, kSignInWindow, t);
+    std::time_t end = audit_.burstEnd("signin.code_failed", "account", out.account, kSignInFailures,
+                                      kSignInWindow, t);
     if (end && end + kSignInWindow > t) {
         out.result = Check::Result::Locked;
         out.retry_after = end + kSignInWindow - t;

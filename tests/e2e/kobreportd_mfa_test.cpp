@@ -93,8 +93,9 @@ class SecondFactor : public OnEitherStore {
     // The first step of a sign-in: the password.
     reportd::Response password(reportd::Browser &b, const std::string &name) {
         b.get("/signin");
-        auto r = b.post("/signin", {{"name", name}, {"password", "password of " + name},
-                                    {"next", "/reports/x"}});
+        auto r =
+            b.post("/signin",
+                   {{"name", name}, {"password", "password of " + name}, {"next", "/reports/x"}});
         if (r.status == 303)
             b.get(reportd::header(r, "Location"));
         return r;
@@ -156,7 +157,7 @@ TEST_P(SecondFactor, EnrolmentShowsAQRCodeAndIsConfirmedByACodeFromTheSecret) {
     EXPECT_EQ(value("SELECT confirmed FROM second_factors"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM recovery_codes WHERE used_at = 0"), "10");
     EXPECT_EQ(value("SELECT count(*) FROM recovery_codes WHERE code_hash LIKE '%" +
-                     first.substr(0, 5) + "%'"),
+                    first.substr(0, 5) + "%'"),
               "0");
     EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'second_factor.enrolled' AND "
                     "account = '" +
@@ -254,8 +255,7 @@ TEST_P(SecondFactor, ARecoveryCodeSignsInOnceAndWrongCodesShutTheDoor) {
     auto locked = again.post("/signin/code", {{"code", codes[4]}, {"next", "/"}});
     EXPECT_EQ(locked.status, 429);
     EXPECT_EQ(reportd::header(locked, "Retry-After"), "300");
-    EXPECT_NE(locked.body.find("Too many wrong codes. Try again in 5 minutes."),
-              std::string::npos);
+    EXPECT_NE(locked.body.find("Too many wrong codes. Try again in 5 minutes."), std::string::npos);
     EXPECT_EQ(value("SELECT count(*) FROM pending_signins"), "0");
     EXPECT_EQ(value("SELECT count(*) FROM recovery_codes WHERE used_at <> 0"), "1");
     EXPECT_EQ(again.cookie("kob_session"), "");
@@ -277,9 +277,8 @@ TEST_P(SecondFactor, RequiredForAdminsSendsAnAdminWithoutOneToEnrolmentAndNothin
     EXPECT_EQ(page.status, 200);
     EXPECT_NE(page.body.find("id=\"required\""), std::string::npos);
     // A form with the session's own token is refused too.
-    auto add = admin.post("/admin/users", {{"name", "sneaky"},
-                                           {"role", "admin"},
-                                           {"password", "a long password"}});
+    auto add = admin.post("/admin/users",
+                          {{"name", "sneaky"}, {"role", "admin"}, {"password", "a long password"}});
     EXPECT_EQ(add.status, 403);
     EXPECT_NE(add.body.find("Set up a second factor first: this server requires one for your "
                             "account."),
@@ -311,16 +310,16 @@ TEST_P(SecondFactor, AnAdminResetsAnothersSecondFactorThroughTheFormAndTheApiAud
     auto viewer = s.signedIn("viewer", &name);
     enrol(viewer);
     auto admin = s.signedIn("admin", &adminName);
-    EXPECT_NE(admin.get("/admin/accounts").body.find("/admin/users/" + name +
-                                                     "/second-factor/reset\""),
-              std::string::npos);
+    EXPECT_NE(
+        admin.get("/admin/accounts").body.find("/admin/users/" + name + "/second-factor/reset\""),
+        std::string::npos);
 
     // Without the form token: refused, nothing removed.
-    auto forged = reportd::request(
-        s.staffPort(), "POST", "/admin/users/" + name + "/second-factor/reset",
-        "Cookie: kob_session=" + admin.cookie("kob_session") +
-            "\r\nContent-Type: application/x-www-form-urlencoded\r\n",
-        "");
+    auto forged =
+        reportd::request(s.staffPort(), "POST", "/admin/users/" + name + "/second-factor/reset",
+                         "Cookie: kob_session=" + admin.cookie("kob_session") +
+                             "\r\nContent-Type: application/x-www-form-urlencoded\r\n",
+                         "");
     EXPECT_EQ(forged.status, 403);
     EXPECT_EQ(value("SELECT count(*) FROM second_factors"), "1");
 
@@ -363,8 +362,7 @@ reportd::Response getFrom(const std::string &source, int port, const std::string
     return reportd::parse(
         reportd::exchangeAt("127.0.0.1", port,
                             {"GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" +
-                             std::to_string(port) + "\r\nConnection: close\r\n" + headers +
-                             "\r\n"},
+                             std::to_string(port) + "\r\nConnection: close\r\n" + headers + "\r\n"},
                             30, source)
             .raw);
 }
@@ -443,12 +441,12 @@ TEST_P(AuthProxy, WithTheOptionOffTheHeaderIsIgnoredEvenFromATrustedProxy) {
 }
 
 TEST_P(AuthProxy, AutocreateMakesAViewerAndTheRoleHeaderCountsOnlyWhenAnAccountIsMade) {
-    reportd::Server s(KOBREPORTD_BIN, db,
-                      options({"--trusted-proxy", "127.0.0.2", "--auth-proxy-header",
-                               "X-Forwarded-User", "--auth-proxy-email-header",
-                               "X-Forwarded-Email", "--auth-proxy-role-header", "X-Forwarded-Role",
-                               "--auth-proxy-autocreate"}),
-                      true, clockEnv());
+    reportd::Server s(
+        KOBREPORTD_BIN, db,
+        options({"--trusted-proxy", "127.0.0.2", "--auth-proxy-header", "X-Forwarded-User",
+                 "--auth-proxy-email-header", "X-Forwarded-Email", "--auth-proxy-role-header",
+                 "X-Forwarded-Role", "--auth-proxy-autocreate"}),
+        true, clockEnv());
     ASSERT_EQ(s.addUser("alice", "viewer", "password of alice").status, 0);
     auto dave = getFrom("127.0.0.2", s.staffPort(), "/",
                         "X-Forwarded-User: dave\r\nX-Forwarded-Email: dave@example.net\r\n");

@@ -91,8 +91,8 @@ void Staff::addSecondFactorPages(RouteTable &table) {
              std::string session =
                  accounts_.openSession(r.account, req.client_address, "signin",
                                        r.recovery ? "with a recovery code" : "with a code");
-             res.addHeader("Set-Cookie", std::string(kSessionCookie) + "=" + session +
-                                             guard_.cookieAttributes());
+             res.addHeader("Set-Cookie",
+                           std::string(kSessionCookie) + "=" + session + guard_.cookieAttributes());
              res.addHeader("Set-Cookie", std::string(kSignInCookie) + "=" +
                                              guard_.cookieAttributes() + "; Max-Age=0");
              res.addHeader("Set-Cookie",
@@ -119,8 +119,7 @@ void Staff::addSecondFactorPages(RouteTable &table) {
              if (codes.empty()) {
                  auto e = factors_->waiting(who.account);
                  if (!e) {
-                     secondFactorPage(res, who, "Nothing is waiting for a code: start again.",
-                                      409);
+                     secondFactorPage(res, who, "Nothing is waiting for a code: start again.", 409);
                      return;
                  }
                  show(res, 400, "Second factor", &who,
