@@ -133,6 +133,19 @@ std::string secondFactorKeyFile(const Settings &o, const sql::Db &db) {
                                       : file.substr(0, slash + 1) + "second-factor.key";
 }
 
+// The --auth-proxy-* options go with the header's, and the header is
+// believed only from the proxies named: 0 when so, else the exit status
+// after saying why.
+int checkProxySignIn(const Settings &o) {
+    const AuthProxyOptions &a = o.authProxy;
+    if (a.user_header.empty())
+        return a.autocreate || !a.email_header.empty() || !a.role_header.empty() ? usage() : 0;
+    if (o.proxies.empty() || o.staffListen.empty())
+        return fail("--auth-proxy-header needs --staff-listen and --trusted-proxy: the header is "
+                    "believed only from the proxies named there");
+    return 0;
+}
+
 // "5" or "5%" of the disk, below 100.
 bool percent(std::string v, double &out) {
     if (!v.empty() && v.back() == '%')
@@ -416,14 +429,8 @@ int main(int argc, char *argv[]) {
             return fail(why + " (for example https://staff.example.net/kob/)");
         publicUrl = std::move(*parsed);
     }
-    bool proxySignIn = !o.authProxy.user_header.empty();
-    if ((o.authProxy.autocreate || !o.authProxy.email_header.empty() ||
-         !o.authProxy.role_header.empty()) &&
-        !proxySignIn)
-        return usage();
-    if (proxySignIn && (o.proxies.empty() || staffListen.empty()))
-        return fail("--auth-proxy-header needs --staff-listen and --trusted-proxy: the header is "
-                    "believed only from the proxies named there");
+    if (int status = checkProxySignIn(o))
+        return status;
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -484,7 +491,7 @@ int main(int argc, char *argv[]) {
     Guard guard(*accounts, tls, publicUrl);
     guard.requireSecondFactor(o.secondFactors);
     AuthProxy authProxy(o.authProxy, o.proxies, *accounts, *audit);
-    if (proxySignIn)
+    if (!o.authProxy.user_header.empty())
         guard.signInThroughProxy(&authProxy);
     SecondFactors factors(*database, *audit, secondFactorKeyFile(o, *database));
     Intake intake(*store, limits, metrics, quotas.get());

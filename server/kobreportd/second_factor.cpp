@@ -251,6 +251,7 @@ std::vector<std::string> SecondFactors::confirm(const std::string &account,
     if (!step)
         return {};
     std::vector<std::string> codes;
+    codes.reserve(kRecoveryCodes);
     for (int i = 0; i < kRecoveryCodes; i++)
         codes.push_back(newRecoveryCode());
     bool done = false;
