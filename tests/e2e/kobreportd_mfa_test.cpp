@@ -219,6 +219,15 @@ TEST_P(SecondFactor, TheSignInAsksForTheCodeBeforeAnySessionAndTakesEachCodeOnce
     ASSERT_EQ(password(other, name).status, 303);
     EXPECT_EQ(other.post("/signin/code", {{"code", code}, {"next", "/"}}).status, 401);
     EXPECT_EQ(other.cookie("kob_session"), "");
+    // Five minutes after the password, the sign-in has ended, right code or not.
+    setClock(now + 30 + 300);
+    auto late = other.post("/signin/code", {{"code", totp(secret, now + 330)}, {"next", "/"}});
+    EXPECT_EQ(late.status, 401);
+    EXPECT_NE(late.body.find("<p class=\"error\" id=\"message\">This sign-in has ended. Sign in "
+                             "again.</p>"),
+              std::string::npos);
+    EXPECT_EQ(other.cookie("kob_pending"), "");
+    EXPECT_EQ(other.cookie("kob_session"), "");
 }
 
 TEST_P(SecondFactor, ARecoveryCodeSignsInOnceAndWrongCodesShutTheDoor) {
@@ -489,6 +498,13 @@ TEST(AuthProxyOptions, TheHeaderNeedsATrustedProxy) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "kobreportd: --auth-proxy-header needs --staff-listen and --trusted-proxy: "
                      "the header is believed only from the proxies named there\n");
+    // The header's companions mean nothing without it.
+    auto alone =
+        reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--staff-listen",
+                                          "127.0.0.1:0", "--trusted-proxy", "127.0.0.1", "--db",
+                                          dir.file("r.db"), "--auth-proxy-autocreate"});
+    EXPECT_EQ(alone.status, 1);
+    EXPECT_EQ(alone.err.rfind("usage: kobreportd", 0), 0u);
     auto bad = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db",
                                                  dir.file("r.db"), "--require-2fa", "some"});
     EXPECT_EQ(bad.status, 1);
