@@ -204,8 +204,8 @@ void jsonError(Response &res, int status, const std::string &what) {
 } // namespace
 
 // The person the identity provider's proxy names, else the session's.  A
-// refusal leaves its status on res.
-std::optional<Principal> Guard::pageCaller(const Request &req, Response &res) const {
+// refusal is answered on res, with refused set.
+std::optional<Principal> Guard::pageCaller(const Request &req, Response &res, bool &refused) const {
     std::optional<Principal> who;
     std::string why;
     if (proxy_) {
@@ -218,6 +218,7 @@ std::optional<Principal> Guard::pageCaller(const Request &req, Response &res) co
             res.status = 403;
             res.setContent(pages::frame("Not allowed", v, "", pages::message(why)),
                            "text/html; charset=utf-8");
+            refused = true;
             return std::nullopt;
         }
         case AuthProxy::Outcome::NotNamed:
@@ -231,6 +232,7 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
                                       bool &ok) const {
     ok = false;
     std::optional<Principal> who;
+    bool refused = false;
     switch (route.access) {
     case Access::Open:
     case Access::Upload:
@@ -240,8 +242,8 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
         // Without a session the browser goes to the sign-in page; a form
         // that changes something must also carry the session's form token
         // and come from this server's own pages.
-        who = pageCaller(req, res);
-        if (res.status != 200)
+        who = pageCaller(req, res, refused);
+        if (refused)
             return std::nullopt;
         if (!who) {
             // next is the route's path; the sign-in adds the prefix when it

@@ -146,7 +146,7 @@ class Guard {
     void signInThroughProxy(const class AuthProxy *proxy) { proxy_ = proxy; }
 
   private:
-    std::optional<Principal> pageCaller(const Request &req, Response &res) const;
+    std::optional<Principal> pageCaller(const Request &req, Response &res, bool &refused) const;
     Accounts &accounts_;
     bool tls_;
     PublicUrl public_;
