@@ -15,6 +15,8 @@ packages=(
   libsodium-dev libssl-dev libzstd-dev nlohmann-json3-dev openssl prometheus
   # time zones for the staff pages, read from the system's zone files
   libhowardhinnant-date-dev tzdata
+  # the second factor: TOTP codes and the enrolment's QR code
+  liboath-dev libqrencode-dev
   # the example nginx site in front of kobreportd, run by its test on loopback
   nginx
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3

@@ -154,8 +154,11 @@ Change Accounts::deleteUser(const std::string &name) {
             return;
         }
         c.query("DELETE FROM users WHERE name = $1", {sql::text(name)});
-        c.query("DELETE FROM sessions WHERE account = $1", {sql::text(name)});
-        c.query("DELETE FROM password_resets WHERE account = $1", {sql::text(name)});
+        // A new account of the same name starts without this one's sessions,
+        // reset link or second factor.
+        for (const char *table :
+             {"sessions", "password_resets", "second_factors", "recovery_codes", "pending_signins"})
+            c.query(std::string("DELETE FROM ") + table + " WHERE account = $1", {sql::text(name)});
         out = Change::Done;
     });
     return out;
@@ -349,16 +352,17 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
         audit_.fold(logged, address, "signin.locked");
         return out;
     }
-    // An unknown name costs the same hash as a known one.  Each costs
-    // 64 MiB while it is worked out, so only a few are at once.
+    // An unknown name costs the same hash as a known one, and so does an
+    // account the proxy made, which has no password.  Each costs 64 MiB
+    // while it is worked out, so only a few are at once.
     HashSlots::Hold hold(slots_, kHashWaitMs);
     if (!hold) {
         out.result = SignIn::Result::Busy;
         audit_.fold(logged, address, "signin.busy");
         return out;
     }
-    bool ok = verifyPassword(rows.empty() ? dummyHash_ : rows.str(0, "pw_hash"), password) &&
-              !rows.empty();
+    bool usable = !rows.empty() && rows.str(0, "pw_hash").rfind("$argon2id$", 0) == 0;
+    bool ok = verifyPassword(usable ? rows.str(0, "pw_hash") : dummyHash_, password) && usable;
     if (!ok) {
         audit_.fold(logged, address, "signin.failed");
         return out;
@@ -368,23 +372,73 @@ Accounts::SignIn Accounts::signIn(const std::string &name, const std::string &pa
         audit_.fold(logged, address, "signin.disabled");
         return out;
     }
+    if (!db_.read("SELECT 1 AS x FROM second_factors WHERE account = $1 AND confirmed = 1",
+                  {sql::text(who)})
+             .empty()) {
+        out.result = SignIn::Result::CodeNeeded;
+        audit_.record(who, address, "signin.password");
+        return out;
+    }
     out.result = SignIn::Result::Ok;
-    out.session = randomId();
-    db_.write("INSERT INTO sessions (id_hash, account, created_at, last_seen)"
-              " VALUES ($1, $2, $3, $3)",
-              {sql::text(digest(out.session)), sql::text(who), sql::integer(t)});
-    db_.write("UPDATE users SET last_signin = $1 WHERE name = $2",
-              {sql::integer(t), sql::text(who)});
-    audit_.record(who, address, "signin");
+    out.session = openSession(who, address, "signin");
     return out;
+}
+
+std::string Accounts::openSession(const std::string &account, const std::string &address,
+                                  const std::string &action, const std::string &detail,
+                                  bool viaProxy) {
+    std::string id = randomId();
+    std::time_t t = now();
+    db_.write("INSERT INTO sessions (id_hash, account, created_at, last_seen, via_proxy)"
+              " VALUES ($1, $2, $3, $3, $4)",
+              {sql::text(digest(id)), sql::text(account), sql::integer(t),
+               sql::integer(viaProxy ? 1 : 0)});
+    db_.write("UPDATE users SET last_signin = $1 WHERE name = $2",
+              {sql::integer(t), sql::text(account)});
+    audit_.record(account, address, action, "", detail);
+    return id;
+}
+
+bool Accounts::isDisabled(const std::string &name) {
+    auto rows = db_.read("SELECT disabled FROM users WHERE name = $1", {sql::text(name)});
+    return !rows.empty() && rows.integer(0, "disabled") != 0;
+}
+
+std::optional<Role> Accounts::roleOf(const std::string &name) {
+    auto rows = db_.read("SELECT role FROM users WHERE name = $1", {sql::text(name)});
+    if (rows.empty())
+        return std::nullopt;
+    return parseRole(rows.str(0, "role")).value_or(Role::Viewer);
+}
+
+bool Accounts::addProxyUser(const std::string &name, Role role, const std::string &email) {
+    bool added = false;
+    db_.transaction([&](sql::Conn &c) {
+        if (!c.query("SELECT 1 AS x FROM users WHERE name = $1", {sql::text(name)}).empty())
+            return;
+        // "!" is no Argon2id hash: no password ever matches it.
+        c.query(
+            "INSERT INTO users (name, role, pw_hash, created_at, email)"
+            " VALUES ($1, $2, '!', $3, $4)",
+            {sql::text(name), sql::text(roleName(role)), sql::integer(now()), sql::text(email)});
+        added = true;
+    });
+    return added;
+}
+
+void Accounts::setEmail(const std::string &name, const std::string &email) {
+    db_.write("UPDATE users SET email = $1 WHERE name = $2 AND email <> $1",
+              {sql::text(email), sql::text(name)});
 }
 
 std::optional<Principal> Accounts::session(const std::string &id) {
     if (id.size() != 64)
         return std::nullopt;
     std::string h = digest(id);
-    auto rows = db_.read("SELECT s.account, u.role, u.zone, s.created_at, s.last_seen"
-                         " FROM sessions s JOIN users u ON u.name = s.account"
+    auto rows = db_.read("SELECT s.account, u.role, u.zone, s.created_at, s.last_seen, s.via_proxy,"
+                         " (SELECT count(*) FROM second_factors f WHERE f.account = s.account"
+                         " AND f.confirmed = 1) AS factors FROM sessions s"
+                         " JOIN users u ON u.name = s.account"
                          " WHERE s.id_hash = $1 AND u.disabled = 0",
                          {sql::text(h)});
     if (rows.empty())
@@ -399,8 +453,12 @@ std::optional<Principal> Accounts::session(const std::string &id) {
     if (t - seen >= 60)
         db_.write("UPDATE sessions SET last_seen = $1 WHERE id_hash = $2",
                   {sql::integer(t), sql::text(h)});
-    return Principal{rows.str(0, "account"), parseRole(rows.str(0, "role")).value_or(Role::Viewer),
-                     id, rows.str(0, "zone")};
+    return Principal{rows.str(0, "account"),
+                     parseRole(rows.str(0, "role")).value_or(Role::Viewer),
+                     id,
+                     rows.str(0, "zone"),
+                     rows.integer(0, "factors") > 0,
+                     rows.integer(0, "via_proxy") != 0};
 }
 
 bool Accounts::setZone(const std::string &name, const std::string &zone) {

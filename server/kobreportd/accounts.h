@@ -30,8 +30,10 @@ std::optional<Role> parseRole(const std::string &s);
 struct Principal {
     std::string account; // user name, or "token:NAME"
     Role role = Role::Viewer;
-    std::string session;      // the session id (signed-in people only)
-    std::string zone = "UTC"; // the time zone the person reads times in
+    std::string session;        // the session id (signed-in people only)
+    std::string zone = "UTC";   // the time zone the person reads times in
+    bool second_factor = false; // the account has a confirmed second factor
+    bool via_proxy = false;     // signed in by the identity provider's proxy
 };
 
 struct AccountInfo {
@@ -128,7 +130,10 @@ class Accounts {
     bool setZone(const std::string &name, const std::string &zone);
 
     struct SignIn {
-        enum class Result { Ok, Wrong, Locked, Busy } result = Result::Wrong;
+        // CodeNeeded: the password was right and the account has a second
+        // factor; no session is made until its code is.  Busy: too many
+        // passwords were being checked at once to wait for a turn.
+        enum class Result { Ok, Wrong, Locked, Busy, CodeNeeded } result = Result::Wrong;
         std::string session;         // Ok: the new session id, for the cookie
         std::time_t retry_after = 0; // Locked: seconds
     };
@@ -137,6 +142,18 @@ class Accounts {
     // five minutes shut the door for five minutes.
     SignIn signIn(const std::string &name, const std::string &password, const std::string &address);
     std::optional<Principal> session(const std::string &id);
+    // A new session for account, recorded in the audit log as action; its
+    // id, for the cookie.
+    std::string openSession(const std::string &account, const std::string &address,
+                            const std::string &action, const std::string &detail = "",
+                            bool viaProxy = false);
+    bool isDisabled(const std::string &name);
+    // The role of an account, or nothing when there is none.
+    std::optional<Role> roleOf(const std::string &name);
+    // An account the identity provider's proxy signs in, with no password
+    // of its own; false when the name is taken.
+    bool addProxyUser(const std::string &name, Role role, const std::string &email);
+    void setEmail(const std::string &name, const std::string &email);
     void signOut(const std::string &id);
     std::optional<Principal> bearer(const std::string &token);
 

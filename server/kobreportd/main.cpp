@@ -21,6 +21,7 @@
 
 #include "accounts.h"
 #include "alerts.h"
+#include "auth_proxy.h"
 #include "audit.h"
 #include "clock.h"
 #include "commands.h"
@@ -36,6 +37,7 @@
 #include "quotas.h"
 #include "retention.h"
 #include "routes.h"
+#include "second_factor.h"
 #include "server.h"
 #include "staff.h"
 #include "store.h"
@@ -94,6 +96,8 @@ int printRoutes() {
     Intake intake(store, Limits{}, metrics);
     Staff staff(store, accounts, audit, metrics, guard, false, 90);
     Health health(*database, nullptr);
+    SecondFactors factors(*database, audit, "");
+    staff.useSecondFactors(factors, SecondFactorRule::Optional);
     RouteTable table;
     intake.addRoutes(table);
     health.addRoutes(table);
@@ -114,7 +118,34 @@ struct Settings {
     bool proxyIntake = false, proxyStaff = false; // PROXY prefaces expected
     bool accessLog = false;
     log::Level logLevel = log::Level::Info;
+    SecondFactorRule secondFactors = SecondFactorRule::Optional;
+    std::string secondFactorKey;
+    AuthProxyOptions authProxy;
 };
+
+// The TOTP secrets' key: beside an SQLite database, else in the working
+// directory (the service's state directory).
+std::string secondFactorKeyFile(const Settings &o, const sql::Db &db) {
+    if (!o.secondFactorKey.empty())
+        return o.secondFactorKey;
+    std::string file = db.file();
+    auto slash = file.rfind('/');
+    return slash == std::string::npos ? "second-factor.key"
+                                      : file.substr(0, slash + 1) + "second-factor.key";
+}
+
+// The --auth-proxy-* options go with the header's, and the header is
+// believed only from the proxies named: 0 when so, else the exit status
+// after saying why.
+int checkProxySignIn(const Settings &o) {
+    const AuthProxyOptions &a = o.authProxy;
+    if (a.user_header.empty())
+        return a.autocreate || !a.email_header.empty() || !a.role_header.empty() ? usage() : 0;
+    if (o.proxies.empty() || o.staffListen.empty())
+        return fail("--auth-proxy-header needs --staff-listen and --trusted-proxy: the header is "
+                    "believed only from the proxies named there");
+    return 0;
+}
 
 // "5" or "5%" of the disk, below 100.
 bool percent(std::string v, double &out) {
@@ -133,6 +164,10 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
         std::string a = argv[i];
         if (a == "--access-log") {
             o.accessLog = true;
+            continue;
+        }
+        if (a == "--auth-proxy-autocreate") {
+            o.authProxy.autocreate = true;
             continue;
         }
         if (i + 1 >= argc)
@@ -188,6 +223,16 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
                  (a == "--trusted-proxy" && o.proxies.add(v)) ||
                  (a == "--log-level" && log::parseLevel(v, o.logLevel)))
             continue; // taken where they are read
+        else if (a == "--require-2fa" && parseSecondFactorRule(v))
+            o.secondFactors = *parseSecondFactorRule(v);
+        else if (a == "--second-factor-key" && *v)
+            o.secondFactorKey = v;
+        else if (a == "--auth-proxy-header" && *v)
+            o.authProxy.user_header = v;
+        else if (a == "--auth-proxy-email-header" && *v)
+            o.authProxy.email_header = v;
+        else if (a == "--auth-proxy-role-header" && *v)
+            o.authProxy.role_header = v;
         else if (a == "--proxy-protocol" && std::string(v) == "intake")
             o.proxyIntake = true;
         else if (a == "--proxy-protocol" && std::string(v) == "staff")
@@ -387,6 +432,8 @@ int main(int argc, char *argv[]) {
             return fail(why + " (for example https://staff.example.net/kob/)");
         publicUrl = std::move(*parsed);
     }
+    if (int status = checkProxySignIn(o))
+        return status;
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -450,9 +497,15 @@ int main(int argc, char *argv[]) {
     AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
     Health health(*database, quotas.get());
     Guard guard(*accounts, tls, publicUrl);
+    guard.requireSecondFactor(o.secondFactors);
+    AuthProxy authProxy(o.authProxy, o.proxies, *accounts, *audit);
+    if (!o.authProxy.user_header.empty())
+        guard.signInThroughProxy(&authProxy);
+    SecondFactors factors(*database, *audit, secondFactorKeyFile(o, *database));
     Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     staffSide.setPasswordRules(std::move(*passwordRules));
+    staffSide.useSecondFactors(factors, o.secondFactors);
     RouteTable table;
     intake.addRoutes(table);
     health.addRoutes(table);

@@ -182,12 +182,17 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     std::string copy = db + ".layout8-backup";
     EXPECT_FALSE(kobtest::fileExists(db + ".layout" + std::to_string(kLayout) + "-backup"));
     EXPECT_FALSE(kobtest::fileExists(db + ".layout0-backup"));
-    // The layout before: without the day's reference numbers.
+    // The layout before: without the day's reference numbers, nor what
+    // came after them.
     reportd::sqliteValue(db, "DROP TABLE reference_days");
     for (const char *sql :
          {"ALTER TABLE users DROP COLUMN disabled", "ALTER TABLE users DROP COLUMN last_signin",
           "ALTER TABLE tokens DROP COLUMN disabled", "DROP TABLE password_resets"})
         reportd::sqliteValue(db, sql);
+    for (const char *undo :
+         {"DROP TABLE second_factors", "DROP TABLE recovery_codes", "DROP TABLE pending_signins",
+          "ALTER TABLE sessions DROP COLUMN via_proxy", "ALTER TABLE users DROP COLUMN email"})
+        EXPECT_EQ(reportd::sqliteValue(db, undo), "<none>") << undo;
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     // Any use of the database migrates it: here a command's.
     auto migrated = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});

@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <map>
 #include <memory>
+#include <thread>
 
 namespace {
 
@@ -54,6 +55,11 @@ class Browser {
         auto it = cookies_.find(name);
         return it == cookies_.end() ? "" : it->second;
     }
+    void setCookie(const std::string &name, const std::string &value) { cookies_[name] = value; }
+    // A header line of the client's own on every request from now on.
+    void addHeader(const std::string &name, const std::string &value) {
+        extra_.emplace(name, value);
+    }
 
   private:
     httplib::Headers headers(const std::string &origin) const {
@@ -65,6 +71,7 @@ class Browser {
             h.emplace("Cookie", c);
         if (!origin.empty())
             h.emplace("Origin", origin);
+        h.insert(extra_.begin(), extra_.end());
         return h;
     }
 
@@ -89,6 +96,7 @@ class Browser {
     httplib::SSLClient client_;
     std::string origin_;
     std::map<std::string, std::string> cookies_;
+    httplib::Headers extra_;
     std::string csrf_;
 };
 
@@ -135,19 +143,8 @@ std::vector<std::string> setCookies(const httplib::Result &r) {
     return out;
 }
 
-// Every href="..." and action="..." of a page.
-std::vector<std::string> targets(const std::string &html) {
-    std::vector<std::string> out;
-    for (const std::string attr : {" href=\"", " action=\""})
-        for (size_t at = 0; (at = html.find(attr, at)) != std::string::npos;) {
-            at += attr.size();
-            out.push_back(html.substr(at, html.find('"', at) - at));
-        }
-    return out;
-}
-
 void linksUnderPrefix(const std::string &html, size_t least) {
-    auto found = targets(html);
+    auto found = reportd::linkTargets(html);
     EXPECT_GE(found.size(), least) << html;
     for (const auto &t : found)
         EXPECT_TRUE(t.rfind("/kob/", 0) == 0) << "not under /kob/: " << t;
@@ -334,4 +331,112 @@ TEST_F(BehindNginx, TheStaffSideWorksUnderThePrefix) {
     EXPECT_EQ(reportd::sqliteValue(
                   db, "SELECT group_concat(DISTINCT address) FROM audit WHERE account = 'ada'"),
               "127.0.0.3");
+}
+
+namespace {
+
+// The sign-in service in front of the staff side, as an OpenID Connect
+// proxy answers nginx's auth_request: 202 naming the person its own cookie
+// says is signed in, 401 to anyone else, and its sign-in page.
+class IdentityProvider {
+  public:
+    IdentityProvider() {
+        server_.Get("/oauth2/auth", [](const httplib::Request &req, httplib::Response &res) {
+            if (req.get_header_value("Cookie").find("idp=alice") == std::string::npos) {
+                res.status = 401;
+                return;
+            }
+            res.status = 202;
+            res.set_header("X-Auth-Request-User", "alice");
+            res.set_header("X-Auth-Request-Email", "alice@example.net");
+        });
+        server_.Get("/oauth2/start", [](const httplib::Request &, httplib::Response &res) {
+            res.set_content("the identity provider's sign-in\n", "text/plain");
+        });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        // Bound and listening already: a request waits in the backlog until
+        // the thread takes it.
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+    }
+    ~IdentityProvider() {
+        server_.stop();
+        thread_.join();
+    }
+    int port() const { return port_; }
+
+  private:
+    httplib::Server server_;
+    std::thread thread_;
+    int port_ = 0;
+};
+
+} // namespace
+
+// The example site that signs staff in through the identity provider:
+// nginx asks it, names the person in X-Forwarded-User, and a client's own
+// header of that name never reaches kobreportd.
+TEST(BehindNginxSignIn, TheIdentityProvidersPersonIsSignedInAndAClientsOwnHeaderIsNot) {
+    if (std::string why = nginx::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    kobtest::TempDir dir;
+    IdentityProvider idp;
+    nginx::Ports ports;
+    ports.intake = reportd::freePort();
+    ports.staff = reportd::freePort();
+    ports.upstreamIntake = reportd::freePort();
+    ports.upstreamStaff = reportd::freePort();
+    std::string site = kobtest::readFile(KOBREPORTD_NGINX_SSO_SITE);
+    ASSERT_NE(site.find("127.0.0.1:4180"), std::string::npos);
+    for (size_t at; (at = site.find("127.0.0.1:4180")) != std::string::npos;)
+        site.replace(at, 14, "127.0.0.1:" + std::to_string(idp.port()));
+    kobtest::writeFile(dir.file("sso.conf"), site);
+    std::string db = dir.file("reports.db");
+    reportd::Server s(KOBREPORTD_BIN, db,
+                      {"--listen", "127.0.0.1:" + std::to_string(ports.upstreamIntake),
+                       "--staff-listen", "127.0.0.1:" + std::to_string(ports.upstreamStaff),
+                       "--trusted-proxy", "127.0.0.1", "--public-url",
+                       "https://127.0.0.1:" + std::to_string(ports.staff) + "/kob/",
+                       "--auth-proxy-header", "X-Forwarded-User", "--auth-proxy-email-header",
+                       "X-Forwarded-Email", "--auth-proxy-autocreate"});
+    auto certificate = nginx::selfSigned(dir.path());
+    nginx::Proxy proxy(dir.path(), dir.file("sso.conf"), ports, certificate);
+
+    // Not signed in at the identity provider: its sign-in page, whatever
+    // the client claims.
+    Browser stranger(ports.staff, certificate.cert, "127.0.0.2");
+    stranger.addHeader("X-Forwarded-User", "alice");
+    auto away = stranger.get("/kob/");
+    ASSERT_TRUE(away) << httplib::to_string(away.error()) << proxy.log();
+    EXPECT_EQ(away->status, 200);
+    EXPECT_EQ(away->body, "the identity provider's sign-in\n");
+
+    Browser alice(ports.staff, certificate.cert, "127.0.0.2");
+    alice.setCookie("idp", "alice");
+    auto home = alice.get("/kob/");
+    ASSERT_TRUE(home) << proxy.log();
+    EXPECT_EQ(home->status, 200);
+    EXPECT_NE(home->body.find("title=\"Settings\">alice (viewer)</a>"), std::string::npos);
+    EXPECT_EQ(alice.cookie("kob_session").size(), 64u);
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT role || ' ' || email FROM users WHERE name = "
+                                       "'alice'"),
+              "viewer alice@example.net");
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT address || ' ' || detail FROM audit WHERE action = "
+                                       "'signin.proxy'"),
+              "127.0.0.2 X-Forwarded-User from 127.0.0.1");
+
+    // Someone signed in as alice who names another person in the header:
+    // nginx sets the header itself, so alice it stays.
+    Browser mallory(ports.staff, certificate.cert, "127.0.0.3");
+    mallory.setCookie("idp", "alice");
+    mallory.addHeader("X-Forwarded-User", "admin");
+    auto claimed = mallory.get("/kob/");
+    ASSERT_TRUE(claimed);
+    EXPECT_NE(claimed->body.find("title=\"Settings\">alice (viewer)</a>"), std::string::npos);
+    EXPECT_EQ(reportd::sqliteValue(db, "SELECT count(*) FROM users"), "1");
+    // And straight to kobreportd, from no trusted proxy, the header is no one.
+    auto direct = reportd::exchangeAt(
+        "127.0.0.1", ports.upstreamStaff,
+        {"GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX-Forwarded-User: alice\r\n\r\n"}, 30,
+        "127.0.0.3");
+    EXPECT_EQ(reportd::parse(direct.raw).status, 303);
 }

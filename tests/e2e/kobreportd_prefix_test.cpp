@@ -29,25 +29,12 @@ std::vector<std::string> setCookies(const reportd::Response &r) {
     return out;
 }
 
-// Every href="..." and action="..." of a page, in order, but for links
-// within the page itself ("#content"), which have no path.
-std::vector<std::string> targets(const std::string &html) {
-    std::vector<std::string> out;
-    for (const std::string attr : {" href=\"", " action=\""})
-        for (size_t at = 0; (at = html.find(attr, at)) != std::string::npos;) {
-            at += attr.size();
-            if (html[at] != '#')
-                out.push_back(html.substr(at, html.find('"', at) - at));
-        }
-    return out;
-}
-
 // A page of the staff side: its status, and every link and form under the
 // prefix, at least `least` of them, with each of `expected` among them.
 void underPrefix(const reportd::Response &r, int status, size_t least,
                  const std::vector<std::string> &expected) {
     EXPECT_EQ(r.status, status) << r.raw;
-    auto found = targets(r.body);
+    auto found = reportd::linkTargets(r.body);
     EXPECT_GE(found.size(), least) << r.body;
     for (const auto &t : found)
         EXPECT_TRUE(t.rfind("/kob/", 0) == 0) << "not under /kob/: " << t;
@@ -297,7 +284,7 @@ TEST(PublicUrl, WithoutTheOptionPathsCookiesAndOriginsAreAsBefore) {
                      "Origin: http://127.0.0.1:" + std::to_string(s.staffPort()) + "\r\n");
     EXPECT_EQ(in.status, 303) << in.raw;
     EXPECT_EQ(reportd::header(in, "Location"), "/");
-    for (const auto &t : targets(b.get("/").body))
+    for (const auto &t : reportd::linkTargets(b.get("/").body))
         EXPECT_EQ(t.rfind("/kob/", 0), std::string::npos) << t;
     EXPECT_NE(b.get("/").body.find("href=\"/static/style.css\""), std::string::npos);
 }

@@ -145,6 +145,17 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"GET /settings", {{"/settings", false, 200}}},
         {"POST /settings/zone", {{"/settings/zone", false, 200}}},
         {"POST /signout", {{"/signout", false, 303}}},
+        // Without a sign-in waiting for its code, the sign-in page.
+        {"GET /signin/code", {{"/signin/code", false, 303}}},
+        {"POST /signin/code", {{"/signin/code", false, 403}}},
+        {"GET /account/second-factor", {{"/account/second-factor", false, 200}}},
+        {"POST /account/second-factor", {{"/account/second-factor", false, 200}}},
+        // No code: the enrolment page again.
+        {"POST /account/second-factor/confirm", {{"/account/second-factor/confirm", false, 400}}},
+        {"POST /admin/users/{name}/second-factor/reset",
+         {{"/admin/users/nobody/second-factor/reset", false, 404}}},
+        {"DELETE /api/accounts/{name}/second-factor",
+         {{"/api/accounts/nobody/second-factor", false, 404}}},
     };
     auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
         if (path == "/admin/users")

@@ -135,7 +135,8 @@ expect_contents libkob-dev $headers "$lib/libkob.a" "$lib/libkobec.a" "$lib/libk
 expect_contents kobreportd usr/sbin/kobreportd usr/share/man/man8/kobreportd.8.gz \
     usr/share/kobreportd/common-passwords.txt \
     lib/systemd/system/kobreportd.service usr/lib/sysusers.d/kobreportd.conf etc/default/kobreportd \
-    usr/share/doc/kobreportd/examples/nginx-kobreportd.conf
+    usr/share/doc/kobreportd/examples/nginx-kobreportd.conf \
+    usr/share/doc/kobreportd/examples/nginx-kobreportd-sso.conf
 field() { dpkg-deb -f "$(deb "$1")" "${@:2}"; }
 for pkg in "${packages[@]}"; do
     [ "$(field "$pkg" Version)" = "$version" ] || fail "$pkg has Version $(field "$pkg" Version)"
@@ -144,7 +145,7 @@ echo "ok: each package holds exactly its files"
 
 # The user's tool links libkob statically and needs nothing of the server.
 relations=$(field kobdiag Pre-Depends Depends Recommends)
-for p in kobreportd libkob4 libpq5 libsqlite3-0 libcpp-httplib libsodium libssl; do
+for p in kobreportd libkob4 libpq5 libsqlite3-0 libcpp-httplib libsodium libssl liboath libqrencode; do
     ! grep -q "$p" <<<"$relations" || fail "kobdiag pulls in $p: $relations"
 done
 [ "$(field libkob-dev Depends)" = "libkob4 (= $version)" ] ||

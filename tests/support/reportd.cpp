@@ -725,4 +725,15 @@ std::string utcToday() {
     return buf;
 }
 
+std::vector<std::string> linkTargets(const std::string &html) {
+    std::vector<std::string> out;
+    for (const std::string attr : {" href=\"", " action=\""})
+        for (size_t at = 0; (at = html.find(attr, at)) != std::string::npos;) {
+            at += attr.size();
+            if (html[at] != '#')
+                out.push_back(html.substr(at, html.find('"', at) - at));
+        }
+    return out;
+}
+
 } // namespace reportd

@@ -13,7 +13,7 @@
 namespace reportd {
 
 // The database layout this kobreportd writes.
-constexpr int kLayout = 11;
+constexpr int kLayout = 12;
 
 struct Response {
     bool ok = false; // a response arrived
@@ -112,6 +112,9 @@ Response upload(int port, const std::string &desc, const char *username = nullpt
                 const char *why = nullptr);
 
 Response get(int port, const std::string &path);
+// Every href="..." and action="..." of a page, in order, but for links
+// within the page itself ("#content"), which have no path.
+std::vector<std::string> linkTargets(const std::string &html);
 Response getAt(const std::string &host, int port, const std::string &path);
 
 // One request on the loopback address with extra header lines (each ending

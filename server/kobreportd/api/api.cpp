@@ -58,6 +58,7 @@ void Staff::addApiRoutes(RouteTable &table) {
     addReportApi(table);
     addFleetApi(table);
     addAccountApi(table);
+    addSecondFactorApi(table);
 }
 
 void Staff::addReportApi(RouteTable &table) {

@@ -64,6 +64,7 @@ struct Conn {
     sockaddr_storage addr{};
     socklen_t addrLen = 0;
     std::string address;
+    std::string peer;  // the socket's peer, whatever a PROXY preface says
     int64_t since = 0; // accepted
     int64_t until = 0; // Lingering: closed then
     size_t drained = 0;

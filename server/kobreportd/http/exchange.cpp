@@ -308,6 +308,7 @@ MHD_Result firstCall(Impl &s, MHD_Connection *mc, Exchange &ex, const char *url,
     ex.req.path = url;
     ex.req.tls = !s.plain;
     MHD_get_connection_values_n(mc, MHD_HEADER_KIND, collectHeader, &ex);
+    ex.req.peer_address = c->peer;
     // Our proxies say who their client is; anyone else's say is ignored.
     ex.req.client_address =
         s.opt.proxies ? s.opt.proxies->client(c->address, ex.req.headerValues("X-Forwarded-For"),

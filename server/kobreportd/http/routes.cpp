@@ -4,6 +4,7 @@
 #include <sodium.h>
 #include <strings.h>
 
+#include "auth_proxy.h"
 #include "html.h"
 #include "pages.h"
 
@@ -208,10 +209,36 @@ void jsonError(Response &res, int status, const std::string &what) {
 
 } // namespace
 
+// The person the identity provider's proxy names, else the session's.  A
+// refusal is answered on res, with refused set.
+std::optional<Principal> Guard::pageCaller(const Request &req, Response &res, bool &refused) const {
+    std::optional<Principal> who;
+    std::string why;
+    if (proxy_) {
+        switch (proxy_->check(req, res, cookieAttributes(), who, why)) {
+        case AuthProxy::Outcome::SignedIn:
+            return who;
+        case AuthProxy::Outcome::Refused: {
+            pages::Viewer v;
+            v.links = links_;
+            res.status = 403;
+            res.setContent(pages::frame("Not allowed", v, "", pages::message(why)),
+                           "text/html; charset=utf-8");
+            refused = true;
+            return std::nullopt;
+        }
+        case AuthProxy::Outcome::NotNamed:
+            break;
+        }
+    }
+    return accounts_.session(cookie(req, kSessionCookie));
+}
+
 std::optional<Principal> Guard::check(const Route &route, const Request &req, Response &res,
                                       bool &ok) const {
     ok = false;
     std::optional<Principal> who;
+    bool refused = false;
     switch (route.access) {
     case Access::Open:
     case Access::Upload:
@@ -221,7 +248,9 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
         // Without a session the browser goes to the sign-in page; a form
         // that changes something must also carry the session's form token
         // and come from this server's own pages.
-        who = accounts_.session(cookie(req, kSessionCookie));
+        who = pageCaller(req, res, refused);
+        if (refused)
+            return std::nullopt;
         if (!who) {
             // next is the route's path; the sign-in adds the prefix when it
             // sends the browser there.
@@ -237,6 +266,17 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
                        "This form has expired or did not come from this server. Go back,"
                        " reload the page and try again.",
                        *who, links_);
+            return std::nullopt;
+        }
+        if (!who->second_factor && !who->via_proxy && secondFactorRequired(rule_, who->role) &&
+            route.pattern.rfind(kSecondFactorPage, 0) != 0 && route.pattern != "/signout") {
+            if (route.method == Method::Get)
+                seeOther(res, links_.path(kSecondFactorPage));
+            else
+                refusePage(res,
+                           "Set up a second factor first: this server requires one for your "
+                           "account.",
+                           *who, links_);
             return std::nullopt;
         }
         if (route.role == Role::Admin && who->role != Role::Admin) {

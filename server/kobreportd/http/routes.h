@@ -16,6 +16,7 @@
 
 #include "accounts.h"
 #include "public_url.h"
+#include "second_factor.h"
 
 namespace kobreportd {
 
@@ -45,6 +46,9 @@ struct Request {
     // The caller's address: the peer's, or the client one of the operator's
     // proxies names.
     std::string client_address;
+    // The address of the machine that connected (a proxy's, when one is
+    // in front), whatever it says of its client.
+    std::string peer_address;
     bool tls = false;
     // Upload routes: the form's fields (a handler may take them), and the
     // body's bytes as received.
@@ -137,16 +141,30 @@ class Guard {
     // Browsers speak HTTPS to this side: it has TLS, or the public URL is https.
     bool secure() const { return tls_ || public_.https; }
     const Links &links() const { return links_; }
+    // People of the roles rule names may do nothing but set up a second
+    // factor (and sign out) until they have one; proxy sign-ins are exempt,
+    // their identity provider having asked for its own.
+    void requireSecondFactor(SecondFactorRule rule) { rule_ = rule; }
+    // Pages also accept the person an identity provider's proxy names.
+    void signInThroughProxy(const class AuthProxy *proxy) { proxy_ = proxy; }
 
   private:
+    std::optional<Principal> pageCaller(const Request &req, Response &res, bool &refused) const;
     Accounts &accounts_;
     bool tls_;
     PublicUrl public_;
     Links links_;
+    SecondFactorRule rule_ = SecondFactorRule::Optional;
+    const class AuthProxy *proxy_ = nullptr;
 };
+
+// Where a person without a required second factor is sent.
+constexpr const char *kSecondFactorPage = "/account/second-factor";
 
 constexpr const char *kSessionCookie = "kob_session";
 constexpr const char *kSignInCookie = "kob_signin";
+// A sign-in waiting for its second factor's code: no session yet.
+constexpr const char *kPendingCookie = "kob_pending";
 
 // One cookie's value from the request's Cookie headers, or "".
 std::string cookie(const Request &req, const std::string &name);

@@ -307,6 +307,7 @@ bool HttpServer::Impl::acceptAll() {
         c->address = addressText(ss);
         if (std::string plainForm = canonicalAddress(c->address); !plainForm.empty())
             c->address = plainForm; // IPv4 on a dual-stack socket, as IPv4
+        c->peer = c->address;
         c->since = nowNs();
         Conn *raw = c.get();
         const char *refusal = nullptr;

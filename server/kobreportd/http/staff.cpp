@@ -14,9 +14,6 @@
 
 namespace kobreportd {
 
-namespace {
-
-// A place to go back to after signing in: a path on this server only.
 std::string safeNext(const std::string &next) {
     if (next.size() < 1 || next.size() > 512 || next[0] != '/' ||
         (next.size() > 1 && (next[1] == '/' || next[1] == '\\')))
@@ -26,8 +23,6 @@ std::string safeNext(const std::string &next) {
             return "/";
     return next;
 }
-
-} // namespace
 
 std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure) {
     std::vector<std::pair<std::string, std::string>> h = {
@@ -353,6 +348,7 @@ void Staff::addPageRoutes(RouteTable &table) {
     addPasswordPages(table);
     addFleetPages(table);
     addSettingsPages(table);
+    addSecondFactorPages(table);
 }
 
 void Staff::addSignInRoutes(RouteTable &table) {
@@ -410,6 +406,10 @@ void Staff::addSignInRoutes(RouteTable &table) {
                                     "Too many failed sign-ins. Try again in " +
                                         std::to_string((r.retry_after + 59) / 60) + " minutes.",
                                     links()));
+                 return;
+             }
+             if (r.result == R::CodeNeeded) {
+                 askForCode(req, res, next);
                  return;
              }
              if (r.result == R::Wrong) {

@@ -20,6 +20,7 @@
 #include "pages.h"
 #include "passwords.h"
 #include "routes.h"
+#include "second_factor.h"
 #include "store.h"
 
 namespace kobreportd {
@@ -33,6 +34,9 @@ struct StaffOptions {
 // The protective headers of every staff answer; secure: browsers reach the
 // staff side over HTTPS (its own TLS, or a proxy's at the public URL).
 std::vector<std::pair<std::string, std::string>> staffHeaders(bool secure);
+
+// A place to go back to after signing in: a path on this server only.
+std::string safeNext(const std::string &next);
 
 // How much report text the staff side holds at once for the pages being
 // made: a view of a large report waits while others hold the rest, so that
@@ -80,6 +84,12 @@ class Staff {
     void addApiRoutes(RouteTable &table); // api/api.cpp
     // The rules new passwords meet (the list of common ones).
     void setPasswordRules(PasswordRules rules) { passwordRules_ = std::move(rules); }
+    // Before the routes are added: where second factors are kept, and whom
+    // rule requires to have one.
+    void useSecondFactors(SecondFactors &factors, SecondFactorRule rule) {
+        factors_ = &factors;
+        rule_ = rule;
+    }
 
     static constexpr int64_t kPageSize = 50;
     static int64_t pageNumber(const Request &req);
@@ -110,6 +120,14 @@ class Staff {
     // the form was confirmed and the action may go ahead.
     bool confirmed(const Request &req, Response &res, const Principal &who,
                    const std::string &question, const std::string &button, const std::string &back);
+    // http/staff_second_factor.cpp
+    void addSecondFactorPages(RouteTable &table);
+    void addSecondFactorApi(RouteTable &table);
+    // The sign-in form's answer when the password was right and a code is
+    // still needed.
+    void askForCode(const Request &req, Response &res, const std::string &next);
+    void secondFactorPage(Response &res, const Principal &who, const std::string &msg,
+                          int status = 200);
 
     // A handler of a route behind credentials: the guard has found who.
     using Signed = std::function<void(const Request &, Response &, const Principal &)>;
@@ -144,6 +162,8 @@ class Staff {
     int retainDays_;
     PasswordRules passwordRules_;
     TextBudget budget_{uint64_t{64} << 20};
+    SecondFactors *factors_ = nullptr;
+    SecondFactorRule rule_ = SecondFactorRule::Optional;
 };
 
 } // namespace kobreportd

@@ -80,7 +80,8 @@ Html accounts(const std::vector<AccountInfo> &users, const std::vector<AccountIn
                   << "/role\">" << csrfField(v) << "<input type=\"hidden\" name=\"role\" value=\""
                   << text(other) << "\"><button class=\"plain\" type=\"submit\">Make "
                   << text(other) << "</button></form> "
-                  << button(v, at + "/reset", "Reset link", "plain");
+                  << button(v, at + "/reset", "Reset link", "plain")
+                  << button(v, at + "/second-factor/reset", "Reset second factor", "plain");
             }
             b << (a.disabled ? button(v, at + "/enable", "Enable", "plain")
                              : button(v, at + "/disable", "Disable", "plain"))

@@ -152,7 +152,8 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
       << v.links.href("/") << "\">Kobvane problem reports</a></h1>";
     if (v.who) {
         h << "<nav aria-label=\"Sections\"><a href=\"" << v.links.href("/")
-          << "\">Reports</a><a href=\"" << v.links.href("/fleet") << "\">Fleet</a>";
+          << "\">Reports</a><a href=\"" << v.links.href("/fleet") << "\">Fleet</a><a href=\""
+          << v.links.href("/account/second-factor") << "\">Second factor</a>";
         if (v.who->role == Role::Admin)
             h << "<a href=\"" << v.links.href("/audit") << "\">Audit log</a><a href=\""
               << v.links.href("/admin/accounts") << "\">Accounts</a>";

@@ -84,6 +84,20 @@ html::Html passwordForm(const std::string &action, const std::string &csrf, bool
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
                   const Links &links);
 html::Html message(const std::string &text);
+
+// The second factor (pages/second_factor.cpp).  The account's page: set up
+// or not, and the recovery codes left.
+html::Html secondFactor(bool enrolled, int recoveryCodesLeft, bool required, const Viewer &v,
+                        const std::string &message);
+// A new secret as a QR code and as text, and the form for its first code.
+html::Html secondFactorEnrol(const std::string &secret, const std::string &uri, const Viewer &v,
+                             const std::string &message);
+html::Html recoveryCodes(const std::vector<std::string> &codes, const Viewer &v);
+// The sign-in's second step.
+html::Html signInCode(const std::string &csrf, const std::string &next, const std::string &message,
+                      const Links &links);
+// text as a QR code, drawn as SVG squares (no image file, no script).
+html::Html qrCode(const std::string &text);
 html::Html fleet(const Fleet &f, const Links &links);
 
 // One side of a comparison: the report, its outcomes, and its interface

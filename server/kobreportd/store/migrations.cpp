@@ -22,6 +22,19 @@ std::string ddl(sql::Dialect d, std::string s) {
     return s;
 }
 
+// A database brought back to an older layout's number keeps the columns
+// the newer one added: a step adds a column only where it is missing.
+void addColumn(sql::Dialect d, sql::Conn &c, const char *table, const char *column,
+               const char *type) {
+    const char *q = d == sql::Dialect::Postgres
+                        ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
+                          " table_schema = current_schema() AND table_name = $1 AND"
+                          " column_name = $2"
+                        : "SELECT count(*) AS n FROM pragma_table_info($1) WHERE name = $2";
+    if (c.query(q, {sql::text(table), sql::text(column)}).integer(0, "n") == 0)
+        c.query(ddl(d, std::string("ALTER TABLE ") + table + " ADD COLUMN " + column + " " + type));
+}
+
 // The reports as kobdiag sends them.  The first layout had no record of
 // its own number: a database with this table and no kob_meta is at step 1.
 void reports(sql::Dialect d, sql::Conn &c) {
@@ -127,28 +140,35 @@ void senderNetworks(sql::Dialect, sql::Conn &c) {
 // minute with a count, so that a flood of them cannot grow the log without
 // bound.  The log stays append-only but for exactly that: a folded row's
 // count going up by one, with the time of its latest sign-in.
-void foldedSignIns(sql::Dialect d, sql::Conn &c) {
-    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN count {INT} NOT NULL DEFAULT 1"));
-    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN last_at {INT}"));
-    const char *onlyACount =
-        "old.action IN ('signin.failed', 'signin.locked') AND new.count = old.count + 1 AND"
+// The audit log's rows may change in one way only: the count of a folded
+// row of one of these actions goes up (Audit::fold).
+void foldableActions(sql::Dialect d, sql::Conn &c, const std::string &actions) {
+    std::string onlyACount =
+        "old.action IN (" + actions +
+        ") AND new.count = old.count + 1 AND"
         " new.id = old.id AND new.at = old.at AND new.account = old.account AND"
         " new.address = old.address AND new.action = old.action AND"
         " new.reference = old.reference AND new.detail = old.detail AND"
         " new.last_at >= coalesce(old.last_at, old.at)";
     if (d == sql::Dialect::Postgres) {
-        c.query(std::string("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
-                            " LANGUAGE plpgsql AS $body$BEGIN"
-                            " IF TG_OP = 'UPDATE' AND ") +
+        c.query("CREATE OR REPLACE FUNCTION kob_audit_append_only() RETURNS trigger"
+                " LANGUAGE plpgsql AS $body$BEGIN"
+                " IF TG_OP = 'UPDATE' AND " +
                 onlyACount +
                 " THEN RETURN NEW; END IF;"
                 " RAISE EXCEPTION 'the audit log is append-only'; END$body$");
     } else {
         c.query("DROP TRIGGER IF EXISTS audit_append_only_UPDATE");
-        c.query(std::string("CREATE TRIGGER audit_append_only_UPDATE BEFORE UPDATE ON audit"
-                            " WHEN NOT (") +
+        c.query("CREATE TRIGGER audit_append_only_UPDATE BEFORE UPDATE ON audit"
+                " WHEN NOT (" +
                 onlyACount + ") BEGIN SELECT RAISE(ABORT, 'the audit log is append-only'); END");
     }
+}
+
+void foldedSignIns(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN count {INT} NOT NULL DEFAULT 1"));
+    c.query(ddl(d, "ALTER TABLE audit ADD COLUMN last_at {INT}"));
+    foldableActions(d, c, "'signin.failed', 'signin.locked'");
 }
 
 // What an expired report keeps is kept as a zstd frame: plain, the findings
@@ -178,12 +198,35 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
 // Accounts that are switched off rather than deleted, when people last
 // signed in, and one-time links that set a new password.
 void accountStates(sql::Dialect d, sql::Conn &c) {
-    c.query(ddl(d, "ALTER TABLE users ADD COLUMN disabled {INT} NOT NULL DEFAULT 0"));
-    c.query(ddl(d, "ALTER TABLE users ADD COLUMN last_signin {INT}"));
-    c.query(ddl(d, "ALTER TABLE tokens ADD COLUMN disabled {INT} NOT NULL DEFAULT 0"));
+    addColumn(d, c, "users", "disabled", "{INT} NOT NULL DEFAULT 0");
+    addColumn(d, c, "users", "last_signin", "{INT}");
+    addColumn(d, c, "tokens", "disabled", "{INT} NOT NULL DEFAULT 0");
     c.query(ddl(d, "CREATE TABLE IF NOT EXISTS password_resets ("
                    " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
                    " expires_at {INT} NOT NULL)"));
+}
+
+// A second factor per account (its TOTP secret encrypted, and the last time
+// step a code was taken at, so that a code is good once), its recovery
+// codes as hashes, the sign-ins waiting for their code, and how a session
+// was made and which people an identity provider's proxy made.
+void secondFactorsAndProxySignIn(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS second_factors ("
+                   " account TEXT PRIMARY KEY, secret TEXT NOT NULL,"
+                   " confirmed {INT} NOT NULL DEFAULT 0, last_step {INT} NOT NULL DEFAULT 0,"
+                   " created_at {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS recovery_codes ("
+                   " account TEXT NOT NULL, code_hash TEXT NOT NULL,"
+                   " used_at {INT} NOT NULL DEFAULT 0, PRIMARY KEY (account, code_hash))"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS pending_signins ("
+                   " id_hash TEXT PRIMARY KEY, account TEXT NOT NULL,"
+                   " created_at {INT} NOT NULL)"));
+    addColumn(d, c, "sessions", "via_proxy", "{INT} NOT NULL DEFAULT 0");
+    addColumn(d, c, "users", "email", "TEXT NOT NULL DEFAULT ''");
+    // Wrong codes and refused proxy sign-ins are folded as failed sign-ins are.
+    foldableActions(d, c,
+                    "'signin.failed', 'signin.locked', 'signin.code_failed', "
+                    "'signin.proxy.refused'");
 }
 
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
@@ -193,19 +236,6 @@ bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
               " WHERE schemaname = current_schema() AND tablename = $1"
             : "SELECT count(*) AS n FROM sqlite_master WHERE type = 'table' AND name = $1";
     return c.query(q, {sql::text(name)}).integer(0, "n") > 0;
-}
-
-// A database brought back to an older layout's number keeps the columns
-// the newer one added: a step adds a column only where it is missing.
-void addColumn(sql::Dialect d, sql::Conn &c, const char *table, const char *column,
-               const char *type) {
-    const char *q = d == sql::Dialect::Postgres
-                        ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
-                          " table_schema = current_schema() AND table_name = $1 AND"
-                          " column_name = $2"
-                        : "SELECT count(*) AS n FROM pragma_table_info($1) WHERE name = $2";
-    if (c.query(q, {sql::text(table), sql::text(column)}).integer(0, "n") == 0)
-        c.query(ddl(d, std::string("ALTER TABLE ") + table + " ADD COLUMN " + column + " " + type));
 }
 
 // The time zone each person reads times in.
@@ -232,7 +262,8 @@ constexpr Step kSteps[] = {
     {8, packedFindings},
     {9, referenceDays},
     {10, accountStates},
-    {11, staffZones},
+    {11, secondFactorsAndProxySignIn},
+    {12, staffZones},
 };
 // clang-format on
 
