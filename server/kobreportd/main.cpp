@@ -104,7 +104,7 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets, publicUrl;
+    std::string listen, staffListen, db, webhook, targets, publicUrl, ticketUrl;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -155,6 +155,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.targets = v;
         else if (a == "--public-url")
             o.publicUrl = v;
+        else if (a == "--ticket-url" && validTicketPattern(v))
+            o.ticketUrl = v;
         else if (a == "--tls-cert")
             o.staff.tls_cert = v;
         else if (a == "--tls-key")
@@ -444,6 +446,7 @@ int main(int argc, char *argv[]) {
     Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
+    staffSide.setTicketUrl(o.ticketUrl);
     RouteTable table;
     intake.addRoutes(table);
     health.addRoutes(table);

@@ -175,6 +175,25 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+// Reports grouped into issues by what fails, and a workflow (status, owner,
+// ticket) for issues and reports alike.  Notes are rows of the audit log,
+// found again by their action and reference.  Reports stored before belong
+// to no issue until retriage judges them again.
+void issuesAndWorkflow(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS issues ("
+                   " id {ID}, signature_hash TEXT NOT NULL UNIQUE, signature TEXT NOT NULL,"
+                   " title TEXT NOT NULL, created_at {INT} NOT NULL,"
+                   " status TEXT NOT NULL DEFAULT 'new', owner TEXT, ticket TEXT)"));
+    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN issue_id {INT}"));
+    c.query("ALTER TABLE reports ADD COLUMN status TEXT NOT NULL DEFAULT 'new'");
+    c.query("ALTER TABLE reports ADD COLUMN owner TEXT");
+    c.query("ALTER TABLE reports ADD COLUMN ticket TEXT");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_issue ON reports (issue_id, received_at)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_status ON reports (status, id)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_owner ON reports (owner, id)");
+    c.query("CREATE INDEX IF NOT EXISTS audit_by_reference ON audit (action, reference, id)");
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -202,6 +221,7 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
+    {13, issuesAndWorkflow},
 };
 // clang-format on
 
