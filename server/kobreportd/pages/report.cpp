@@ -111,12 +111,21 @@ Html evidence(const std::string &rule, const std::vector<kobtriage::SourceLine> 
     return b;
 }
 
+// What support staff tell the user about a verdict, from its rule.
+Html advice(const std::string &rule) {
+    Html b;
+    if (const kobtriage::Rule *known = kobtriage::findRule(rule); known && !known->advice.empty())
+        b << "<p class=\"advice\">Tell the user: " << text(known->advice) << "</p>";
+    return b;
+}
+
 Html verdictRows(const kobtriage::Report &r) {
     Html b;
     for (const auto &v : r.verdicts) {
         std::string lv = kobtriage::levelName(v.level);
         b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
-          << text(v.area) << "</td><td>" << text(v.text) << evidence(v.rule, v.evidence)
+          << text(v.area) << "</td><td>" << text(v.text) << advice(v.rule)
+          << evidence(v.rule, v.evidence)
           << "</td></tr>\n";
     }
     return b;
