@@ -123,12 +123,24 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
         {"GET /api/users/{name}", {{"/api/users/nobody", false, 200}}},
         {"DELETE /api/reports/{ref}", {{"/api/reports/" + doomedToo, false, 200}}},
         {"POST /signout", {{"/signout", false, 303}}},
+        // "one" is not a kobdiag report, a failure: it is in issue 1.
+        {"GET /issues", {{"/issues", false, 200}, {"/issues?status=resolved", false, 200}}},
+        {"GET /issues/{id}", {{"/issues/1", false, 200}}},
+        {"POST /issues/{id}", {{"/issues/1", false, 303}}},
+        {"POST /reports/{ref}/workflow", {{"/reports/" + ref + "/workflow", false, 303}}},
+        {"GET /api/issues", {{"/api/issues", false, 200}}},
+        {"GET /api/issues/{id}", {{"/api/issues/1", false, 200}}},
+        // Without a field to change: refused as such, once past the credentials.
+        {"POST /api/issues/{id}", {{"/api/issues/1", false, 400}}},
+        {"POST /api/reports/{ref}", {{"/api/reports/" + ref, false, 400}}},
     };
     auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
         if (path == "/admin/users")
             return {{"name", "newcomer"}, {"role", "viewer"}, {"password", "a long password"}};
         if (path == "/admin/tokens")
             return {{"name", "newtoken"}, {"role", "viewer"}};
+        if (path.rfind("/issues/", 0) == 0 || path.find("/workflow") != std::string::npos)
+            return {{"status", "open"}};
         return {};
     };
 
