@@ -184,10 +184,22 @@ void issuesAndWorkflow(sql::Dialect d, sql::Conn &c) {
                    " id {ID}, signature_hash TEXT NOT NULL UNIQUE, signature TEXT NOT NULL,"
                    " title TEXT NOT NULL, created_at {INT} NOT NULL,"
                    " status TEXT NOT NULL DEFAULT 'new', owner TEXT, ticket TEXT)"));
-    c.query(ddl(d, "ALTER TABLE reports ADD COLUMN issue_id {INT}"));
-    c.query("ALTER TABLE reports ADD COLUMN status TEXT NOT NULL DEFAULT 'new'");
-    c.query("ALTER TABLE reports ADD COLUMN owner TEXT");
-    c.query("ALTER TABLE reports ADD COLUMN ticket TEXT");
+    // A database brought back to an older layout's number keeps these
+    // columns: they are added only where they are missing.
+    auto add = [&](const char *column, const char *type) {
+        const char *q = d == sql::Dialect::Postgres
+                            ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
+                              " table_schema = current_schema() AND table_name = 'reports' AND"
+                              " column_name = $1"
+                            : "SELECT count(*) AS n FROM pragma_table_info('reports') WHERE"
+                              " name = $1";
+        if (c.query(q, {sql::text(column)}).integer(0, "n") == 0)
+            c.query(ddl(d, std::string("ALTER TABLE reports ADD COLUMN ") + column + " " + type));
+    };
+    add("issue_id", "{INT}");
+    add("status", "TEXT NOT NULL DEFAULT 'new'");
+    add("owner", "TEXT");
+    add("ticket", "TEXT");
     c.query("CREATE INDEX IF NOT EXISTS reports_by_issue ON reports (issue_id, received_at)");
     c.query("CREATE INDEX IF NOT EXISTS reports_by_status ON reports (status, id)");
     c.query("CREATE INDEX IF NOT EXISTS reports_by_owner ON reports (owner, id)");
