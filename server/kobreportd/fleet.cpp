@@ -122,7 +122,10 @@ Triaged triage(std::string_view text) {
     for (auto &o : outcomesOf(report))
         if (fleetPolicy().counts(o.area, o.target))
             counted.push_back(std::move(o));
-    return {report.username, report.summary(), std::move(counted), report.rules_version,
+    return {report.username,
+            report.summary(),
+            std::move(counted),
+            report.rules_version,
             text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string(),
             issueKey(report)};
 }

@@ -106,9 +106,8 @@ class Issues {
     };
     std::optional<Refusal> changeIssue(int64_t id, const WorkflowChange &change,
                                        const std::string &account, const std::string &address);
-    std::optional<Refusal> changeReport(const std::string &reference,
-                                        const WorkflowChange &change, const std::string &account,
-                                        const std::string &address);
+    std::optional<Refusal> changeReport(const std::string &reference, const WorkflowChange &change,
+                                        const std::string &account, const std::string &address);
 
   private:
     std::optional<Refusal> change(const char *table, const char *keyColumn, sql::Param key,

@@ -250,9 +250,9 @@ TEST_P(Issues, ANewReportReopensAResolvedIssueButNotAnIgnoredOne) {
     std::string u1 = upload(s, udpBlocked("alice"));
     std::string a1 = upload(s, tcpUnanswered("carol", 0));
     std::string udp = std::to_string(issueOf(u1)), tcp = std::to_string(issueOf(a1));
-    ASSERT_EQ(apiPost(s.staffPort(), s.token(), "/api/issues/" + udp, {{"status", "resolved"}})
-                  .status,
-              200);
+    ASSERT_EQ(
+        apiPost(s.staffPort(), s.token(), "/api/issues/" + udp, {{"status", "resolved"}}).status,
+        200);
     ASSERT_EQ(
         apiPost(s.staffPort(), s.token(), "/api/issues/" + tcp, {{"status", "ignored"}}).status,
         200);
@@ -275,8 +275,8 @@ TEST_P(Issues, ANewReportReopensAResolvedIssueButNotAnIgnoredOne) {
 }
 
 TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
-    reportd::Server s(KOBREPORTD_BIN, db, {"--ticket-url", "https://desk.example/t/{ticket}"},
-                      true, clockEnv());
+    reportd::Server s(KOBREPORTD_BIN, db, {"--ticket-url", "https://desk.example/t/{ticket}"}, true,
+                      clockEnv());
     std::string u1 = upload(s, udpBlocked("alice"));
     std::string id = std::to_string(issueOf(u1));
     std::string viewerName;
@@ -286,28 +286,28 @@ TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
 
     // Without the form token, or from another site: refused, nothing changed.
     const std::string expired = "This form has expired or did not come from this server.";
-    auto noToken = reportd::request(
-        s.staffPort(), "POST", "/issues/" + id,
-        "Content-Type: application/x-www-form-urlencoded\r\nCookie: kob_session=" +
-            b.cookie("kob_session") + "\r\n",
-        reportd::formEncode({{"status", "resolved"}}));
+    auto noToken =
+        reportd::request(s.staffPort(), "POST", "/issues/" + id,
+                         "Content-Type: application/x-www-form-urlencoded\r\nCookie: kob_session=" +
+                             b.cookie("kob_session") + "\r\n",
+                         reportd::formEncode({{"status", "resolved"}}));
     EXPECT_EQ(noToken.status, 403);
     EXPECT_NE(noToken.body.find(expired), std::string::npos);
-    auto elsewhere = b.post("/issues/" + id, {{"status", "resolved"}},
-                            "Origin: http://elsewhere.example\r\n");
+    auto elsewhere =
+        b.post("/issues/" + id, {{"status", "resolved"}}, "Origin: http://elsewhere.example\r\n");
     EXPECT_EQ(elsewhere.status, 403);
-    auto reportNoToken = reportd::request(
-        s.staffPort(), "POST", "/reports/" + u1 + "/workflow",
-        "Content-Type: application/x-www-form-urlencoded\r\nCookie: kob_session=" +
-            b.cookie("kob_session") + "\r\n",
-        reportd::formEncode({{"status", "resolved"}}));
+    auto reportNoToken =
+        reportd::request(s.staffPort(), "POST", "/reports/" + u1 + "/workflow",
+                         "Content-Type: application/x-www-form-urlencoded\r\nCookie: kob_session=" +
+                             b.cookie("kob_session") + "\r\n",
+                         reportd::formEncode({{"status", "resolved"}}));
     EXPECT_EQ(reportNoToken.status, 403);
     EXPECT_EQ(value("SELECT status FROM issues WHERE id = " + id), "new");
     EXPECT_EQ(value("SELECT status FROM reports WHERE reference = '" + u1 + "'"), "new");
 
     // The page's form: status, owner and ticket at once; then a note.
-    auto saved = b.post("/issues/" + id,
-                        {{"status", "open"}, {"owner", viewerName}, {"ticket", "AB-12/3"}});
+    auto saved =
+        b.post("/issues/" + id, {{"status", "open"}, {"owner", viewerName}, {"ticket", "AB-12/3"}});
     EXPECT_EQ(saved.status, 303) << saved.raw;
     EXPECT_EQ(reportd::header(saved, "Location"), "/issues/" + id);
     setClock(kNoon + 30);
@@ -328,10 +328,10 @@ TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
         << page.body;
     EXPECT_NE(page.body.find("<option selected>open</option>"), std::string::npos);
     // Unchanged fields are not written again.
-    EXPECT_EQ(b.post("/issues/" + id,
-                     {{"status", "open"}, {"owner", viewerName}, {"ticket", "AB-12/3"}})
-                  .status,
-              303);
+    EXPECT_EQ(
+        b.post("/issues/" + id, {{"status", "open"}, {"owner", viewerName}, {"ticket", "AB-12/3"}})
+            .status,
+        303);
     // A value that cannot be: the page says why, nothing changes.
     auto bad = b.post("/issues/" + id, {{"status", "closed"}});
     EXPECT_EQ(bad.status, 400);
@@ -350,13 +350,15 @@ TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
     Json j = Json::parse(r.body);
     EXPECT_EQ(j["status"], "resolved");
     EXPECT_EQ(j["owner"], nullptr);
-    EXPECT_EQ(j["ticket"], Json::parse(R"({"id":"AB-12/3","url":"https://desk.example/t/AB-12%2F3"})"));
+    EXPECT_EQ(j["ticket"],
+              Json::parse(R"({"id":"AB-12/3","url":"https://desk.example/t/AB-12%2F3"})"));
     ASSERT_EQ(j["notes"].size(), 2u);
     EXPECT_EQ(j["notes"][1], Json::parse(R"({"at":"2026-11-20T12:00:30Z","account":"token:desk",)"
                                          R"("text":"fixed upstream"})"));
     for (const auto &[fields, status, body] : std::vector<std::tuple<Fields, int, std::string>>{
              {{}, 400, "{\"error\":\"nothing to change: give status, owner, ticket or note\"}"},
-             {{{"status", "done"}}, 400,
+             {{{"status", "done"}},
+              400,
               "{\"error\":\"status is one of new, open, resolved, ignored\"}"},
              {{{"owner", "nobody"}}, 400, "{\"error\":\"the owner is a staff account's name\"}"},
              {{{"note", std::string(4001, 'x')}}, 400, "{\"error\":\"a note is 1 to 4000 bytes\"}"},
@@ -390,18 +392,19 @@ TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
     EXPECT_EQ(apiPost(s.staffPort(), token, "/api/reports/nonsense", {{"status", "open"}}).status,
               404);
     EXPECT_EQ(value("SELECT status || ' ' || owner || ' ' || coalesce(ticket, '-') FROM reports"
-                    " WHERE reference = '" + u1 + "'"),
+                    " WHERE reference = '" +
+                    u1 + "'"),
               "ignored " + viewerName + " -");
 
     // Every change in the audit log, in order, and nothing for what was
     // refused or left as it was.
     std::string rows;
     for (int n = 1;; n++) {
-        std::string row = value(
-            "SELECT account || '|' || action || '|' || reference || '|' || detail FROM audit"
-            " WHERE action LIKE 'issue.%' OR action IN ('report.status', 'report.owner',"
-            " 'report.ticket', 'report.noted') ORDER BY id LIMIT 1 OFFSET " +
-            std::to_string(n - 1));
+        std::string row =
+            value("SELECT account || '|' || action || '|' || reference || '|' || detail FROM audit"
+                  " WHERE action LIKE 'issue.%' OR action IN ('report.status', 'report.owner',"
+                  " 'report.ticket', 'report.noted') ORDER BY id LIMIT 1 OFFSET " +
+                  std::to_string(n - 1));
         if (row == "<none>")
             break;
         rows += row + "\n";
@@ -415,9 +418,9 @@ TEST_P(Issues, WorkflowThroughThePagesAndTheApiWithFormTokensAndAudit) {
                         is + "|open -> resolved\ntoken:desk|issue.owner|" + is + "|" + v +
                         " -> (none)\ntoken:desk|issue.noted|" + is + "|fixed upstream\n" + v +
                         "|report.status|" + u1 + "|new -> ignored\n" + v + "|report.owner|" + u1 +
-                        "|(none) -> " + v + "\n" + v + "|report.ticket|" + u1 +
-                        "|(none) -> Z9\n" + v + "|report.noted|" + u1 +
-                        "|duplicate of Z9\ntoken:desk|report.ticket|" + u1 + "|Z9 -> (none)\n");
+                        "|(none) -> " + v + "\n" + v + "|report.ticket|" + u1 + "|(none) -> Z9\n" +
+                        v + "|report.noted|" + u1 + "|duplicate of Z9\ntoken:desk|report.ticket|" +
+                        u1 + "|Z9 -> (none)\n");
 }
 
 TEST_P(Issues, TheListFiltersByStatusOwnerAndIssue) {

@@ -112,8 +112,8 @@ void Staff::addIssueApi(RouteTable &table) {
                 json(res, 404, Json{{"error", "not found"}});
                 return;
             }
-            if (auto refused =
-                    issues_.changeIssue(*id, workflowChange(req), who.account, req.client_address)) {
+            if (auto refused = issues_.changeIssue(*id, workflowChange(req), who.account,
+                                                   req.client_address)) {
                 json(res, refused->status, Json{{"error", refused->message}});
                 return;
             }

@@ -72,7 +72,8 @@ void Staff::addIssuePages(RouteTable &table) {
         std::time_t t = now();
         auto is = issues_.get(id, t);
         if (!is) {
-            show(res, 404, "Not found", &who, pages::message("No issue " + std::to_string(id) + "."));
+            show(res, 404, "Not found", &who,
+                 pages::message("No issue " + std::to_string(id) + "."));
             return;
         }
         ListFilter f;
@@ -92,7 +93,8 @@ void Staff::addIssuePages(RouteTable &table) {
          [this, issuePage](const Request &req, Response &res, const Principal &who) {
              auto id = parseIssueId(req.matches[1]);
              if (!id) {
-                 show(res, 404, "Not found", &who, pages::message("No issue " + req.matches[1] + "."));
+                 show(res, 404, "Not found", &who,
+                      pages::message("No issue " + req.matches[1] + "."));
                  return;
              }
              issuePage(res, who, *id, 200, "");
@@ -102,10 +104,12 @@ void Staff::addIssuePages(RouteTable &table) {
          [this, issuePage](const Request &req, Response &res, const Principal &who) {
              auto id = parseIssueId(req.matches[1]);
              if (!id) {
-                 show(res, 404, "Not found", &who, pages::message("No issue " + req.matches[1] + "."));
+                 show(res, 404, "Not found", &who,
+                      pages::message("No issue " + req.matches[1] + "."));
                  return;
              }
-             auto refused = issues_.changeIssue(*id, workflowChange(req), who.account, req.client_address);
+             auto refused =
+                 issues_.changeIssue(*id, workflowChange(req), who.account, req.client_address);
              if (refused) {
                  issuePage(res, who, *id, refused->status, refused->message);
                  return;

@@ -106,8 +106,8 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
       << v.links.href("/") << "\">Kobvane problem reports</a></h1>";
     if (v.who) {
         h << "<nav><a href=\"" << v.links.href("/") << "\">Reports</a><a href=\""
-          << v.links.href("/issues") << "\">Issues</a><a href=\""
-          << v.links.href("/fleet") << "\">Fleet</a>";
+          << v.links.href("/issues") << "\">Issues</a><a href=\"" << v.links.href("/fleet")
+          << "\">Fleet</a>";
         if (v.who->role == Role::Admin)
             h << "<a href=\"" << v.links.href("/audit") << "\">Audit log</a><a href=\""
               << v.links.href("/admin/accounts") << "\">Accounts</a>";

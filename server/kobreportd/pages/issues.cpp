@@ -104,8 +104,8 @@ Html workflow(const std::string &action, const Workflow &w, const std::vector<No
     }
     b << "<h3>Internal notes</h3><ol id=\"notes\">";
     for (const auto &n : notes)
-        b << "<li><span class=\"note-head\">" << text(n.account) << ", "
-          << text(shownTime(n.at)) << " UTC</span><pre>" << text(n.text) << "</pre></li>";
+        b << "<li><span class=\"note-head\">" << text(n.account) << ", " << text(shownTime(n.at))
+          << " UTC</span><pre>" << text(n.text) << "</pre></li>";
     b << "</ol><form method=\"post\" class=\"note\" action=\"" << text(action) << "\">"
       << csrfField(v)
       << "<label>Note <textarea name=\"note\" rows=\"3\" maxlength=\"4000\" required>"
@@ -117,8 +117,9 @@ Html workflow(const std::string &action, const Workflow &w, const std::vector<No
 Html issue(const Issue &is, const ListPage &reports, const Html &workflowForms, std::time_t now,
            const Links &links) {
     Html b;
-    b << "<h2 id=\"title\">" << text(is.title) << "</h2>\n<dl class=\"facts\"><dt>Status</dt><dd "
-                                                  "id=\"status\">"
+    b << "<h2 id=\"title\">" << text(is.title)
+      << "</h2>\n<dl class=\"facts\"><dt>Status</dt><dd "
+         "id=\"status\">"
       << text(is.status) << "</dd><dt>Owner</dt><dd id=\"owner\">"
       << text(is.owner.value_or("(none)")) << "</dd><dt>First seen</dt><dd>"
       << text(shownTime(is.first_seen)) << " UTC</dd><dt>Last seen</dt><dd>"

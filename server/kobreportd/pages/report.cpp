@@ -125,8 +125,7 @@ Html verdictRows(const kobtriage::Report &r) {
         std::string lv = kobtriage::levelName(v.level);
         b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
           << text(v.area) << "</td><td>" << text(v.text) << advice(v.rule)
-          << evidence(v.rule, v.evidence)
-          << "</td></tr>\n";
+          << evidence(v.rule, v.evidence) << "</td></tr>\n";
     }
     return b;
 }

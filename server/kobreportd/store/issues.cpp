@@ -24,11 +24,10 @@ std::string signatureHash(const std::string &signature) {
     return h;
 }
 
-void auditRow(sql::Conn &c, std::time_t at, const std::string &account,
-              const std::string &address, const std::string &action,
-              const std::string &reference, const std::string &detail) {
-    std::string a = accountName(account), ad = cleanText(address),
-                r = cleanText(reference), d = cleanText(detail);
+void auditRow(sql::Conn &c, std::time_t at, const std::string &account, const std::string &address,
+              const std::string &action, const std::string &reference, const std::string &detail) {
+    std::string a = accountName(account), ad = cleanText(address), r = cleanText(reference),
+                d = cleanText(detail);
     c.query("INSERT INTO audit (at, account, address, action, reference, detail)"
             " VALUES ($1, $2, $3, $4, $5, $6)",
             {sql::integer(at), sql::text(a), sql::text(ad), sql::text(action), sql::text(r),
@@ -51,8 +50,8 @@ std::optional<int64_t> issueFor(sql::Conn &c, const IssueKey &key, std::time_t a
     c.query("INSERT INTO issues (signature_hash, signature, title, created_at)"
             " VALUES ($1, $2, $3, $4) ON CONFLICT (signature_hash) DO NOTHING",
             {sql::text(hash), sql::text(key.signature), sql::text(key.title), sql::integer(at)});
-    auto row = c.query("SELECT id, status FROM issues WHERE signature_hash = $1",
-                       {sql::text(hash)});
+    auto row =
+        c.query("SELECT id, status FROM issues WHERE signature_hash = $1", {sql::text(hash)});
     int64_t id = row.integer(0, "id");
     if (reopen && row.str(0, "status") == "resolved" &&
         !c.query("UPDATE issues SET status = 'open' WHERE id = $1 AND status = 'resolved'"

@@ -84,8 +84,8 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
             // meanwhile is left as it now is.
             // Judged anew, a report may fall in another issue; none is
             // reopened by it.
-            auto issue = issueFor(c, t.issue, static_cast<std::time_t>(rows.integer(i, "received_at")),
-                                  false, "");
+            auto issue = issueFor(
+                c, t.issue, static_cast<std::time_t>(rows.integer(i, "received_at")), false, "");
             auto changed = c.query(
                 "UPDATE reports SET summary = $1, report_username = $2,"
                 " rules = $3, findings_zstd = $5, issue_id = $6 WHERE id = $4 AND rules < $3"
