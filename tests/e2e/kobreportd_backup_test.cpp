@@ -190,7 +190,7 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     EXPECT_EQ(migrated.status, 0);
     EXPECT_EQ(migrated.err.rfind("{\"time\":\"", 0), 0u) << migrated.err;
     EXPECT_EQ(migrated.err.substr(migrated.err.find("\"level\"")),
-              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":9,\"path\":\"" +
+              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":13,\"path\":\"" +
                   copy + "\"}\n");
     {
         reportd::Server s(KOBREPORTD_BIN, db);

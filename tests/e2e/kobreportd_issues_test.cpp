@@ -212,6 +212,14 @@ TEST_P(Issues, ReportsGroupByTheirFailingRulesAndTheTargetsTheyName) {
     ASSERT_EQ(issuePage.status, 200);
     EXPECT_EQ(onPage(issuePage.body), (std::set<std::string>{a1, a2}));
     EXPECT_EQ(b.get("/issues/999").status, 404);
+    // Under each verdict of a report's page, what to tell the user.
+    auto udpPage = b.get("/reports/" + u1);
+    EXPECT_NE(udpPage.body.find("UDP pass-through blocked (5/5 timeouts)<p class=\"advice\">Tell "
+                                "the user: Ask the user to switch the VPN protocol to TCP in the "
+                                "client&#39;s settings: the network they are on (often a "
+                                "company&#39;s or a hotel&#39;s) drops UDP.</p><details"),
+              std::string::npos)
+        << udpPage.body;
     // A report's page names its issue.
     auto reportPage = b.get("/reports/" + j1);
     EXPECT_NE(reportPage.body.find("<p id=\"issue\">Issue <a href=\"/issues/" +
