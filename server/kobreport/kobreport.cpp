@@ -22,15 +22,17 @@ int usage() {
 
 } // namespace
 
-// The rule table, for a support engineer who asks what a verdict means.
+// The rule table, for a support engineer who asks what a verdict means and
+// what to tell the user.
 int printRules() {
     std::printf("rules version %d\n", kobtriage::rulesVersion());
     for (const auto &r : kobtriage::rules())
-        std::printf("\n%.*s (version %d, %s, %.*s)\n  reads %.*s\n  %.*s\n",
+        std::printf("\n%.*s (version %d, %s, %.*s)\n  reads %.*s\n  %.*s\n  tell the user: %.*s\n",
                     static_cast<int>(r.id.size()), r.id.data(), r.version,
                     kobtriage::levelName(r.level), static_cast<int>(r.area.size()), r.area.data(),
                     static_cast<int>(r.reads.size()), r.reads.data(),
-                    static_cast<int>(r.meaning.size()), r.meaning.data());
+                    static_cast<int>(r.meaning.size()), r.meaning.data(),
+                    static_cast<int>(r.advice.size()), r.advice.data());
     return 0;
 }
 

@@ -7,10 +7,6 @@
 
 namespace kobreportd {
 
-namespace {
-
-// An account name as the log keeps it: at most 64 bytes, cut where a
-// character begins.
 std::string accountName(const std::string &account) {
     std::string a = cleanText(account);
     if (a.size() <= kAccountBytes)
@@ -20,8 +16,6 @@ std::string accountName(const std::string &account) {
         cut--;
     return a.substr(0, cut);
 }
-
-} // namespace
 
 void Audit::record(const std::string &account, const std::string &address,
                    const std::string &action, const std::string &reference,

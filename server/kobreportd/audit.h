@@ -18,6 +18,10 @@ namespace kobreportd {
 // characters of a small set, and anything longer was typed by a stranger.
 constexpr size_t kAccountBytes = 64;
 
+// An account name as the log keeps it: at most kAccountBytes, cut where a
+// character begins.
+std::string accountName(const std::string &account);
+
 struct AuditEntry {
     int64_t id = 0;
     std::time_t at = 0;

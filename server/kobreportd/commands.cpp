@@ -29,7 +29,7 @@ int usage() {
         "                  [--max-db-size BYTES] [--trusted-proxy CIDR]...\n"
         "                  [--proxy-protocol intake|staff]... [--public-url URL]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
-        "                  [--alert-min-senders N] [--targets FILE]\n"
+        "                  [--alert-min-senders N] [--targets FILE] [--ticket-url PATTERN]\n"
         "                  [--log-level debug|info|warn|error] [--access-log]\n"
         "                  [--common-passwords FILE]\n"
         "                  [--require-2fa admin|all] [--second-factor-key FILE]\n"

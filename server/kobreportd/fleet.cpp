@@ -122,8 +122,12 @@ Triaged triage(std::string_view text) {
     for (auto &o : outcomesOf(report))
         if (fleetPolicy().counts(o.area, o.target))
             counted.push_back(std::move(o));
-    return {report.username, report.summary(), std::move(counted), report.rules_version,
-            text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string()};
+    return {report.username,
+            report.summary(),
+            std::move(counted),
+            report.rules_version,
+            text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string(),
+            issueKey(report)};
 }
 
 std::optional<std::time_t> windowSeconds(const std::string &w) {

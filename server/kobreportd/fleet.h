@@ -35,6 +35,7 @@
 #include <string_view>
 #include <vector>
 
+#include "issues.h"
 #include "kobtriage.h"
 #include "sql.h"
 
@@ -82,6 +83,7 @@ struct Triaged {
     std::vector<Outcome> outcomes;
     int rules = 0;
     std::string findings; // all it found, as kobtriage::toStored writes it, or ""
+    IssueKey issue;       // the issue it belongs to (issues.h)
 };
 // Reports larger than this keep all the triage found beside their text, so
 // that their page is made without the text; a smaller one's page reads its

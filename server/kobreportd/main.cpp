@@ -109,7 +109,7 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets, publicUrl, commonPasswords;
+    std::string listen, staffListen, db, webhook, targets, publicUrl, commonPasswords, ticketUrl;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -193,6 +193,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.commonPasswords = v;
         else if (a == "--public-url")
             o.publicUrl = v;
+        else if (a == "--ticket-url" && validTicketPattern(v))
+            o.ticketUrl = v;
         else if (a == "--tls-cert")
             o.staff.tls_cert = v;
         else if (a == "--tls-key")
@@ -506,6 +508,7 @@ int main(int argc, char *argv[]) {
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     staffSide.setPasswordRules(std::move(*passwordRules));
     staffSide.useSecondFactors(factors, o.secondFactors);
+    staffSide.setTicketUrl(o.ticketUrl);
     RouteTable table;
     intake.addRoutes(table);
     health.addRoutes(table);

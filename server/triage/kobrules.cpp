@@ -417,72 +417,114 @@ void reportUnknownSections(const Report &r, Judge &j) {
 constexpr std::array kRules = {
     Rule{"report.unrecognised", 1, L::Fail, "report", "the whole text",
          "Nothing in the text is part of a kobdiag report; it is kept as text.",
+         "Ask the user to send the report again from kobdiag itself, without editing the text or "
+         "pasting it elsewhere first.",
          reportUnrecognised},
     Rule{"report.incomplete", 1, L::Warn, "report", "the run's sections",
          "Sections of a whole run are absent: the run was cut short or the report was edited.",
+         "Ask the user to run kobdiag again and leave its window open until it says it has "
+         "finished.",
          reportIncomplete},
     Rule{"header.no-username", 1, L::Info, "header", "the header lines",
-         "The user started kobdiag without -u, so the report names no account.", headerNoUsername},
+         "The user started kobdiag without -u, so the report names no account.",
+         "Ask the user to run kobdiag again with -u and their account name, so that the report is "
+         "linked to them.",
+         headerNoUsername},
     Rule{"net.none", 1, L::Fail, "net", "`netstat -rn', the UDP and TCP probes",
          "No public server answered any probe and the route table has no default route: the "
          "machine had no network at all. The probes' own failures follow from this and are not "
          "listed again.",
+         "Ask the user to check that the machine is connected (cable or Wi-Fi) and can open any "
+         "web site, then run kobdiag again.",
          netNone},
     Rule{"udp.server-down", 1, L::Fail, "udp", "the UDP attempts, the TCP probes",
          "UDP got no answer, but TCP to the same pass-through server failed too while the other "
          "servers answered: the server or the path to it is down; UDP itself is not shown to be "
          "blocked.",
+         "Nothing for the user to change: tell them the server is being looked at, and pass this "
+         "report's reference to operations.",
          udpServerDown},
     Rule{"udp.works", 1, L::Ok, "udp", "the UDP attempts",
-         "Every UDP echo came back: UDP passes to the pass-through server.", udpWorks},
+         "Every UDP echo came back: UDP passes to the pass-through server.",
+         "Nothing to ask about UDP.", udpWorks},
     Rule{"udp.blocked", 1, L::Fail, "udp", "the UDP attempts",
          "No UDP echo came back: something on the way drops UDP. When TCP to the same server "
          "fails too, see udp.server-down and net.none, which take this verdict's place.",
+         "Ask the user to switch the VPN protocol to TCP in the client's settings: the network "
+         "they are on (often a company's or a hotel's) drops UDP.",
          udpBlocked},
     Rule{"udp.lossy", 1, L::Warn, "udp", "the UDP attempts",
-         "Some UDP echoes were lost: the path passes UDP but loses packets.", udpLossy},
+         "Some UDP echoes were lost: the path passes UDP but loses packets.",
+         "Ask the user whether they are on Wi-Fi or a mobile link; a cable, a stronger signal or "
+         "the VPN protocol switched to TCP usually helps.",
+         udpLossy},
     Rule{"tcp.unanswered", 1, L::Fail, "tcp", "the TCP probes",
          "A TCP connect got no answer within its limit: the server or a filter on the way is "
          "silent.",
+         "Ask the user whether a firewall, antivirus or company proxy filters outgoing "
+         "connections, and to try once from another network, such as a phone's hotspot.",
          tcpUnanswered},
     Rule{"tcp.failed", 1, L::Fail, "tcp", "the TCP probes",
          "A TCP connect failed at once with an error from the user's own system (for example no "
          "route).",
+         "Ask the user to disconnect any other VPN and check their network settings: their own "
+         "system refused the connection.",
          tcpFailed},
     Rule{"tcp.no-result", 1, L::Warn, "tcp", "the TCP probes",
-         "A TCP probe printed its heading but no result: the run was cut there.", tcpNoResult},
+         "A TCP probe printed its heading but no result: the run was cut there.",
+         "Ask the user to run kobdiag again and let it finish.", tcpNoResult},
     Rule{"tcp.all-answered", 1, L::Ok, "tcp", "the TCP probes",
          "Every TCP probe was answered; a refused connection counts, as it proves the path.",
-         tcpAllAnswered},
+         "Nothing to ask about TCP.", tcpAllAnswered},
     Rule{"traceroute.empty", 1, L::Warn, "traceroute", "the traceroute capture",
-         "traceroute printed nothing: it could not run or was stopped.", tracerouteEmpty},
+         "traceroute printed nothing: it could not run or was stopped.",
+         "Nothing to ask of the user; the other probes tell where the problem is.",
+         tracerouteEmpty},
     Rule{"traceroute.reached", 1, L::Ok, "traceroute", "the traceroute capture",
-         "The traceroute reached its destination.", tracerouteReached},
+         "The traceroute reached its destination.", "Nothing to ask about the path.",
+         tracerouteReached},
     Rule{"traceroute.none", 1, L::Fail, "traceroute", "the traceroute capture",
-         "Not even the first hop answered the traceroute.", tracerouteNone},
+         "Not even the first hop answered the traceroute.",
+         "Ask the user to check that the machine is connected and that no firewall on it blocks "
+         "outgoing traffic.",
+         tracerouteNone},
     Rule{"traceroute.stopped", 1, L::Warn, "traceroute", "the traceroute capture",
          "The traceroute ended before its destination; the last hop that answered is where to "
          "look.",
+         "Nothing for the user to do; pass the last hop that answered to operations.",
          tracerouteStopped},
     Rule{"captures.popen", 1, L::Warn, "captures", "the network status captures",
          "A command could not be started on the user's machine, so its capture is missing.",
+         "Ask the user to run kobdiag again from an account with administrator rights.",
          capturesPopen},
     Rule{"captures.empty", 1, L::Info, "captures", "the network status captures",
-         "A command ran but printed nothing.", capturesEmpty},
+         "A command ran but printed nothing.", "Nothing to ask of the user.", capturesEmpty},
     Rule{"intranet.unreachable", 1, L::Fail, "intranet", "the intranet probes",
-         "No intranet gateway answered: the tunnel is down or not routed.", intranetUnreachable},
+         "No intranet gateway answered: the tunnel is down or not routed.",
+         "Ask the user whether the client shows itself connected; if it does, ask them to "
+         "disconnect, connect again and run kobdiag while connected.",
+         intranetUnreachable},
     Rule{"intranet.partial", 1, L::Warn, "intranet", "the intranet probes",
-         "Some intranet gateways answered and some did not.", intranetPartial},
+         "Some intranet gateways answered and some did not.",
+         "Tell the user which services may be out of reach; nothing for them to change. Pass the "
+         "gateways that did not answer to operations.",
+         intranetPartial},
     Rule{"intranet.reachable", 1, L::Ok, "intranet", "the intranet probes",
-         "Every intranet gateway answered.", intranetReachable},
+         "Every intranet gateway answered.", "Nothing to ask about the intranet.",
+         intranetReachable},
     Rule{"logs.missing", 1, L::Info, "logs", "the client log dumps",
-         "A client program's log file does not exist on the user's machine.", logsMissing},
+         "A client program's log file does not exist on the user's machine.",
+         "Ask the user whether the client has been installed and started on this machine: its logs "
+         "exist once it has run.",
+         logsMissing},
     Rule{"logs.cut", 1, L::Warn, "logs", "the client log dumps",
          "The log dump ended early (a zero byte or a cut upload), so these logs are not shown.",
+         "Ask the user to send the report again; if it is cut again, ask for the client's log "
+         "files themselves.",
          logsCut},
     Rule{"report.unknown-sections", 1, L::Info, "report", "the whole text",
          "Parts of the text were not understood; they are kept as text on the report page.",
-         reportUnknownSections},
+         "Nothing to ask of the user.", reportUnknownSections},
 };
 
 constexpr int maxVersion() {

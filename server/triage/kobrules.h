@@ -26,6 +26,7 @@ struct Rule {
     std::string_view area;    // where its verdicts are listed
     std::string_view reads;   // what in the report it looks at
     std::string_view meaning; // what its verdict tells support staff
+    std::string_view advice;  // what support staff tell the user
     void (*judge)(const Report &report, Judge &judge);
 };
 

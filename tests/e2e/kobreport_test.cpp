@@ -68,15 +68,30 @@ TEST(Kobreport, EvidenceFollowsEachVerdictWithItsRuleAndNumberedLines) {
     EXPECT_NE(j.out.find("\"rules_version\":1,"), std::string::npos);
 }
 
-TEST(Kobreport, RulesListsEveryRuleWithWhatItMeans) {
+TEST(Kobreport, RulesListsEveryRuleWithWhatItMeansAndWhatToTellTheUser) {
     auto r = runProgram({KOBREPORT_BIN, "--rules"});
     EXPECT_TRUE(r.exited(0));
     EXPECT_EQ(r.out.rfind("rules version 1\n\nreport.unrecognised (version 1, fail, report)\n"
                           "  reads the whole text\n  Nothing in the text is part of a kobdiag "
-                          "report; it is kept as text.\n",
+                          "report; it is kept as text.\n  tell the user: Ask the user to send the "
+                          "report again from kobdiag itself, without editing the text or pasting "
+                          "it elsewhere first.\n\nreport.incomplete ",
                           0),
               0u)
         << r.out;
+    EXPECT_NE(r.out.find("\nudp.blocked (version 1, fail, udp)\n  reads the UDP attempts\n  No UDP "
+                         "echo came back: something on the way drops UDP. When TCP to the same "
+                         "server fails too, see udp.server-down and net.none, which take this "
+                         "verdict's place.\n  tell the user: Ask the user to switch the VPN "
+                         "protocol to TCP in the client's settings: the network they are on "
+                         "(often a company's or a hotel's) drops UDP.\n"),
+              std::string::npos)
+        << r.out;
+    // Every rule says what to tell the user.
+    size_t advice = 0;
+    for (size_t at = 0; (at = r.out.find("\n  tell the user: ", at)) != std::string::npos; at++)
+        advice++;
+    EXPECT_EQ(advice, 24u);
     EXPECT_NE(r.out.find("\nnet.none (version 1, fail, net)\n  reads `netstat -rn', the UDP and "
                          "TCP probes\n  No public server answered"),
               std::string::npos);

@@ -156,6 +156,16 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
          {{"/admin/users/nobody/second-factor/reset", false, 404}}},
         {"DELETE /api/accounts/{name}/second-factor",
          {{"/api/accounts/nobody/second-factor", false, 404}}},
+        // "one" is not a kobdiag report, a failure: it is in issue 1.
+        {"GET /issues", {{"/issues", false, 200}, {"/issues?status=resolved", false, 200}}},
+        {"GET /issues/{id}", {{"/issues/1", false, 200}}},
+        {"POST /issues/{id}", {{"/issues/1", false, 303}}},
+        {"POST /reports/{ref}/workflow", {{"/reports/" + ref + "/workflow", false, 303}}},
+        {"GET /api/issues", {{"/api/issues", false, 200}}},
+        {"GET /api/issues/{id}", {{"/api/issues/1", false, 200}}},
+        // Without a field to change: refused as such, once past the credentials.
+        {"POST /api/issues/{id}", {{"/api/issues/1", false, 400}}},
+        {"POST /api/reports/{ref}", {{"/api/reports/" + ref, false, 400}}},
     };
     auto fields = [](const std::string &path) -> std::vector<std::pair<std::string, std::string>> {
         if (path == "/admin/users")
@@ -166,6 +176,8 @@ TEST_P(Staff, EveryRouteIsRefusedWithoutCredentialsAndAbsentFromTheOtherListener
             return {{"zone", "Europe/Berlin"}};
         if (path == "/admin/users/bystander/role")
             return {{"role", "admin"}};
+        if (path.rfind("/issues/", 0) == 0 || path.find("/workflow") != std::string::npos)
+            return {{"status", "open"}};
         return {{"confirm", "yes"}};
     };
 

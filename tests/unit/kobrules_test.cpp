@@ -271,6 +271,10 @@ TEST(Rules, IdsAreStableAndTheSetVersionIsTheHighestRuleVersion) {
         EXPECT_EQ(kobtriage::findRule(rule.id), &rule);
         EXPECT_FALSE(rule.meaning.empty());
         EXPECT_FALSE(rule.reads.empty());
+        // What support staff tell the user: a sentence of its own.
+        EXPECT_FALSE(rule.advice.empty());
+        EXPECT_EQ(rule.advice.back(), '.') << rule.id;
+        EXPECT_LE(rule.advice.size(), 200u) << rule.id;
     }
     EXPECT_EQ(kobtriage::rulesVersion(), highest);
     EXPECT_EQ(kobtriage::rulesVersion(), 1);

@@ -59,6 +59,7 @@ void Staff::addApiRoutes(RouteTable &table) {
     addFleetApi(table);
     addAccountApi(table);
     addSecondFactorApi(table);
+    addIssueApi(table);
 }
 
 void Staff::addReportApi(RouteTable &table) {
@@ -66,7 +67,13 @@ void Staff::addReportApi(RouteTable &table) {
         [this](const Request &req, Response &res, const Principal &) {
             std::string q = req.hasParam("q") ? req.param("q") : "";
             int64_t pg = pageNumber(req);
-            auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
+            ListFilter filter;
+            std::string why;
+            if (!listFilter(req, filter, why)) {
+                json(res, 400, Json{{"error", why}});
+                return;
+            }
+            auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize, filter);
             Json reports = Json::array();
             for (const auto &it : list.items) {
                 std::string user = it.form_username && !it.form_username->empty()

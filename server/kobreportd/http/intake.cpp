@@ -186,6 +186,7 @@ void Intake::upload(const Request &req, Response &res) {
         nr.outcomes = std::move(t.outcomes);
         nr.rules = t.rules;
         nr.findings = std::move(t.findings);
+        nr.issue = std::move(t.issue);
     }
     nr.peer = req.client_address;
     try {

@@ -249,7 +249,8 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
         TextReader reader(store_.storedPieces(s->id), true, s->size);
         body.ends = pages::logEnds(*stored, reader);
         show(res, 200, s->reference, &who,
-             pages::report(*s, body, reveal, viewer(who), retainDays_));
+             pages::report(*s, body, reveal, viewer(who), retainDays_)
+                 << reportWorkflow(s->reference, who));
         keepTargets(*stored, res);
         return;
     }
@@ -266,7 +267,8 @@ void Staff::reportPage(const Request &req, Response &res, const Principal &who, 
         parsed = kobtriage::parse(whole->desc);
     pages::ReportBody body{parsed ? &*parsed : nullptr, &whole->desc, {}};
     show(res, 200, whole->reference, &who,
-         pages::report(*whole, body, reveal, viewer(who), retainDays_));
+         pages::report(*whole, body, reveal, viewer(who), retainDays_)
+             << reportWorkflow(whole->reference, who));
     if (parsed)
         keepTargets(*parsed, res);
 }
@@ -349,6 +351,7 @@ void Staff::addPageRoutes(RouteTable &table) {
     addFleetPages(table);
     addSettingsPages(table);
     addSecondFactorPages(table);
+    addIssuePages(table);
 }
 
 void Staff::addSignInRoutes(RouteTable &table) {
@@ -444,7 +447,13 @@ void Staff::addReportPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal &who) {
              std::string q = req.hasParam("q") ? req.param("q") : "";
              int64_t pg = pageNumber(req);
-             auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
+             ListFilter filter;
+             std::string why;
+             if (!listFilter(req, filter, why)) {
+                 show(res, 400, "Problem reports", &who, pages::message(why), q);
+                 return;
+             }
+             auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize, filter);
              html::Html body;
              // After a deletion: said only of a report that is gone indeed.
              if (std::string gone = req.param("deleted"); !gone.empty() && !store_.head(gone))

@@ -16,6 +16,7 @@
 
 #include "accounts.h"
 #include "audit.h"
+#include "issues.h"
 #include "metrics.h"
 #include "pages.h"
 #include "passwords.h"
@@ -90,8 +91,17 @@ class Staff {
         factors_ = &factors;
         rule_ = rule;
     }
+    // Where a ticket id leads: "https://desk.example/t/{ticket}"; "" for
+    // tickets without a link.
+    void setTicketUrl(std::string pattern) { ticketUrl_ = std::move(pattern); }
 
     static constexpr int64_t kPageSize = 50;
+    // The list's workflow filters from ?status=, ?owner= and ?issue=;
+    // false with why set for a status or an issue that cannot be.
+    static bool listFilter(const Request &req, ListFilter &filter, std::string &why);
+    // The workflow's fields a form or an API call gives; those left out
+    // stay as they are.
+    static WorkflowChange workflowChange(const Request &req);
     static int64_t pageNumber(const Request &req);
 
     // The addresses a report's verdicts are about, which masking leaves:
@@ -128,6 +138,10 @@ class Staff {
     void askForCode(const Request &req, Response &res, const std::string &next);
     void secondFactorPage(Response &res, const Principal &who, const std::string &msg,
                           int status = 200);
+    void addIssuePages(RouteTable &table); // http/issues.cpp
+    void addIssueApi(RouteTable &table);   // api/issues.cpp
+    // A report's issue and workflow, under its page.
+    html::Html reportWorkflow(const std::string &reference, const Principal &who);
 
     // A handler of a route behind credentials: the guard has found who.
     using Signed = std::function<void(const Request &, Response &, const Principal &)>;
@@ -164,6 +178,8 @@ class Staff {
     TextBudget budget_{uint64_t{64} << 20};
     SecondFactors *factors_ = nullptr;
     SecondFactorRule rule_ = SecondFactorRule::Optional;
+    Issues issues_{store_.db()};
+    std::string ticketUrl_;
 };
 
 } // namespace kobreportd

@@ -41,6 +41,10 @@ dl.facts { display: grid; grid-template-columns: max-content 1fr; gap: 4px 16px;
 dl.facts dt { color: #57606a; }
 dl.facts dd { margin: 0; }
 details.evidence { margin-top: 4px; font-size: 13px; color: #4a5568; }
+p.advice { margin: 4px 0 0; font-size: 13px; color: #1f2937; }
+svg.spark { vertical-align: middle; }
+section#workflow form { display: flex; flex-wrap: wrap; gap: 8px; align-items: end; margin: 8px 0; }
+ol#notes pre { margin: 2px 0 8px; white-space: pre-wrap; }
 details.evidence summary { cursor: pointer; font-family: ui-monospace, monospace; }
 details.evidence pre { margin: 4px 0; padding: 6px 10px; }
 pre { background: #fff; padding: 12px 16px; overflow-x: auto; border: 1px solid #e3e6eb;
@@ -152,7 +156,8 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
       << v.links.href("/") << "\">Kobvane problem reports</a></h1>";
     if (v.who) {
         h << "<nav aria-label=\"Sections\"><a href=\"" << v.links.href("/")
-          << "\">Reports</a><a href=\"" << v.links.href("/fleet") << "\">Fleet</a><a href=\""
+          << "\">Reports</a><a href=\"" << v.links.href("/issues") << "\">Issues</a><a href=\""
+          << v.links.href("/fleet") << "\">Fleet</a><a href=\""
           << v.links.href("/account/second-factor") << "\">Second factor</a>";
         if (v.who->role == Role::Admin)
             h << "<a href=\"" << v.links.href("/audit") << "\">Audit log</a><a href=\""

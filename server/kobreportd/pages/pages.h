@@ -13,6 +13,7 @@
 #include "audit.h"
 #include "fleet.h"
 #include "html.h"
+#include "issues.h"
 #include "kobtriage.h"
 #include "pack.h"
 #include "public_url.h"
@@ -137,6 +138,19 @@ class ShownZone {
 // The run's own time as the report states it: kobdiag writes the user's
 // local time without a zone, which the page says, rather than guess one.
 std::string runTime(const std::string &stated);
+
+// Reports per day over the last days (the last one holding now), as a
+// small chart whose text alternative gives every number.
+html::Html sparkline(const std::vector<int64_t> &days, std::time_t now);
+html::Html issues(const std::vector<Issue> &list, const std::string &status, std::time_t now,
+                  const Links &links);
+// The workflow of an issue or a report: its forms, posting to action (a
+// path as the browser reaches it), its ticket's link and its notes.
+html::Html workflow(const std::string &action, const Workflow &w, const std::vector<Note> &notes,
+                    const std::vector<AccountInfo> &staff, const std::string &ticketUrl,
+                    const Viewer &v);
+html::Html issue(const Issue &is, const ListPage &reports, const html::Html &workflowForms,
+                 std::time_t now, const Links &links);
 
 } // namespace kobreportd::pages
 

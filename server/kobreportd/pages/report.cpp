@@ -123,6 +123,14 @@ int severity(const std::string &level) {
     return 4;
 }
 
+// What support staff tell the user about a verdict, from its rule.
+Html advice(const std::string &rule) {
+    Html b;
+    if (const kobtriage::Rule *known = kobtriage::findRule(rule); known && !known->advice.empty())
+        b << "<p class=\"advice\">Tell the user: " << text(known->advice) << "</p>";
+    return b;
+}
+
 Html verdictRows(const kobtriage::Report &r) {
     Html b;
     auto verdicts = r.verdicts;
@@ -132,8 +140,8 @@ Html verdictRows(const kobtriage::Report &r) {
     for (const auto &v : verdicts) {
         std::string lv = kobtriage::levelName(v.level);
         b << "<tr class=\"" << text(lv) << "\"><td class=\"level\">" << text(lv) << "</td><td>"
-          << text(v.area) << "</td><td>" << text(v.text) << evidence(v.rule, v.evidence)
-          << "</td></tr>\n";
+          << text(v.area) << "</td><td>" << text(v.text) << advice(v.rule)
+          << evidence(v.rule, v.evidence) << "</td></tr>\n";
     }
     return b;
 }

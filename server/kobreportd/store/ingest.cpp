@@ -229,16 +229,17 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
     // A large report goes into SQLite in pieces, not through one record
     // holding a second copy of it.
     bool pieces = !pg && packed.size() > kPieceWiseFrom;
+    auto issue = issueFor(c, r.issue, r.received_at, true, ref);
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
-            " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net, findings_zstd)"
-            " VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
-                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12, $13)",
+            " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net, findings_zstd,"
+            " issue_id) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
+                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12, $13, $14)",
             {sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
              sql::optText(reportUser), sql::text(summary), sql::text(peer),
              sql::integer(static_cast<int64_t>(r.desc.size())),
              pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
              sql::optBlob(r.why), sql::integer(r.rules), sql::text(senderNetwork(peer)),
-             sql::optBlob(p.findings)});
+             sql::optBlob(p.findings), issue ? sql::integer(*issue) : sql::null()});
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);

@@ -229,6 +229,25 @@ void secondFactorsAndProxySignIn(sql::Dialect d, sql::Conn &c) {
                     "'signin.proxy.refused'");
 }
 
+// Reports grouped into issues by what fails, and a workflow (status, owner,
+// ticket) for issues and reports alike.  Notes are rows of the audit log,
+// found again by their action and reference.  Reports stored before belong
+// to no issue until retriage judges them again.
+void issuesAndWorkflow(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS issues ("
+                   " id {ID}, signature_hash TEXT NOT NULL UNIQUE, signature TEXT NOT NULL,"
+                   " title TEXT NOT NULL, created_at {INT} NOT NULL,"
+                   " status TEXT NOT NULL DEFAULT 'new', owner TEXT, ticket TEXT)"));
+    addColumn(d, c, "reports", "issue_id", "{INT}");
+    addColumn(d, c, "reports", "status", "TEXT NOT NULL DEFAULT 'new'");
+    addColumn(d, c, "reports", "owner", "TEXT");
+    addColumn(d, c, "reports", "ticket", "TEXT");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_issue ON reports (issue_id, received_at)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_status ON reports (status, id)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_owner ON reports (owner, id)");
+    c.query("CREATE INDEX IF NOT EXISTS audit_by_reference ON audit (action, reference, id)");
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -264,6 +283,7 @@ constexpr Step kSteps[] = {
     {10, accountStates},
     {11, secondFactorsAndProxySignIn},
     {12, staffZones},
+    {13, issuesAndWorkflow},
 };
 // clang-format on
 

@@ -88,21 +88,28 @@ std::function<std::string()> Store::storedPieces(int64_t id) {
     return db_.pieces("reports", "desc", id);
 }
 
-ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
+ListPage Store::list(const std::string &query, int64_t offset, int64_t limit,
+                     const ListFilter &filter) {
     const char *like = db_.dialect() == sql::Dialect::Postgres ? "ILIKE" : "LIKE";
     std::string where = std::string(" WHERE reference IS NOT NULL AND ($1 = '' OR"
                                     " upper(reference) = upper($1) OR reference ") +
                         like + " $2 ESCAPE '\\' OR form_username " + like +
                         " $3 ESCAPE '\\' OR report_username " + like + " $3 ESCAPE '\\')";
+    // The workflow's filters; an empty one (0 for the issue) takes all.
+    where += " AND ($4 = '' OR status = $4) AND ($5 = '' OR owner = $5) AND"
+             " ($6 = 0 OR issue_id = $6)";
     std::string q = cleanText(query), esc = likeEscape(q);
     std::string prefix = esc + "%", part = "%" + esc + "%";
+    std::string owner = cleanText(filter.owner), status = cleanText(filter.status);
     ListPage page;
     page.total = db_.read("SELECT count(*) AS n FROM reports" + where,
-                          {sql::text(q), sql::text(prefix), sql::text(part)})
+                          {sql::text(q), sql::text(prefix), sql::text(part), sql::text(status),
+                           sql::text(owner), sql::integer(filter.issue)})
                      .integer(0, "n");
     auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +
-                             " ORDER BY id DESC LIMIT $4 OFFSET $5",
-                         {sql::text(q), sql::text(prefix), sql::text(part), sql::integer(limit),
+                             " ORDER BY id DESC LIMIT $7 OFFSET $8",
+                         {sql::text(q), sql::text(prefix), sql::text(part), sql::text(status),
+                          sql::text(owner), sql::integer(filter.issue), sql::integer(limit),
                           sql::integer(offset)});
     for (size_t i = 0; i < rows.size(); i++)
         page.items.push_back(listItem(rows, i));

@@ -82,13 +82,18 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
                 user = cleanText(*t.report_username);
             // A report deleted, expired or re-triaged by another instance
             // meanwhile is left as it now is.
+            // Judged anew, a report may fall in another issue; none is
+            // reopened by it.
+            auto issue = issueFor(
+                c, t.issue, static_cast<std::time_t>(rows.integer(i, "received_at")), false, "");
             auto changed = c.query(
                 "UPDATE reports SET summary = $1, report_username = $2,"
-                " rules = $3, findings_zstd = $5 WHERE id = $4 AND rules < $3"
+                " rules = $3, findings_zstd = $5, issue_id = $6 WHERE id = $4 AND rules < $3"
                 " AND raw_expired = 0 RETURNING id",
                 {sql::text(cleanText(t.summary)), sql::optText(user), sql::integer(t.rules),
                  sql::integer(id),
-                 t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings))});
+                 t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings)),
+                 issue ? sql::integer(*issue) : sql::null()});
             if (changed.empty())
                 continue;
             step.retriaged++;

@@ -32,6 +32,7 @@ struct NewReport {
     std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
     int rules = 0;                 // the version of the rules that judged it
     std::string findings;          // the triage's, as kobtriage::toStored writes them
+    IssueKey issue;                // the issue it belongs to (issues.h)
 };
 
 struct StoredReport {
@@ -63,6 +64,13 @@ struct ListItem {
     bool raw_expired = false;
 };
 
+// The workflow's filters of the list: a report's status and owner, and
+// its issue; each left out when empty (0 for the issue).
+struct ListFilter {
+    std::string status, owner;
+    int64_t issue = 0;
+};
+
 struct ListPage {
     std::vector<ListItem> items;
     int64_t total = 0; // matching reports in all pages
@@ -89,7 +97,8 @@ class Store {
     std::function<std::string()> storedPieces(int64_t id);
     // Newest first.  query matches a reference (whole or its beginning) or
     // part of a user name, without regard to case.
-    ListPage list(const std::string &query, int64_t offset, int64_t limit);
+    ListPage list(const std::string &query, int64_t offset, int64_t limit,
+                  const ListFilter &filter = {});
     // One user's reports (by the form's or the report's user name), newest
     // first, with each one's outcomes.
     struct UserReport {
