@@ -75,6 +75,7 @@ td, dd { overflow-wrap: anywhere; }
    cells, so no page is wider than the screen. */
 @media (max-width: 640px) {
   header { padding: 10px 12px; gap: 8px 16px; }
+  header nav { flex-wrap: wrap; gap: 4px 14px; }
   header form { margin-left: 0; flex: 1 1 100%; }
   header input { min-width: 0; flex: 1; }
   main { padding: 12px 12px 32px; }
