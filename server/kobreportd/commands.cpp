@@ -28,6 +28,7 @@ int usage() {
         "                  [--max-db-size BYTES] [--trusted-proxy CIDR]...\n"
         "                  [--proxy-protocol intake|staff]... [--public-url URL]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
+        "                  [--alert-webhook-secret FILE]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "                  [--log-level debug|info|warn|error] [--access-log]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"

@@ -21,6 +21,7 @@
 
 #include "accounts.h"
 #include "alerts.h"
+#include "webhook.h"
 #include "audit.h"
 #include "clock.h"
 #include "commands.h"
@@ -104,7 +105,7 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets, publicUrl;
+    std::string listen, staffListen, db, webhook, webhookSecret, targets, publicUrl;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -147,6 +148,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
         else if (a == "--alert-webhook" && (std::string(v).rfind("http://", 0) == 0 ||
                                             std::string(v).rfind("https://", 0) == 0))
             o.webhook = v;
+        else if (a == "--alert-webhook-secret")
+            o.webhookSecret = v;
         else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
             o.alertCheck = static_cast<int>(n);
         else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
@@ -384,6 +387,9 @@ int main(int argc, char *argv[]) {
             return fail(why + " (for example https://staff.example.net/kob/)");
         publicUrl = std::move(*parsed);
     }
+    WebhookOptions hook{o.webhook, "", publicUrl.url};
+    if (!o.webhookSecret.empty() && !readWebhookSecret(o.webhookSecret, hook.secret))
+        return fail("cannot read a secret from " + o.webhookSecret);
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -435,11 +441,19 @@ int main(int argc, char *argv[]) {
         metrics.setBuild(KOB_VERSION, currentLayout());
         metrics.setStoreSize([probe = diskProbe(*database, db)] { return probe().db_bytes; });
         metrics.setWalSize(walProbe(*database, db));
+        metrics.setDiskGuard(
+            [probe = diskProbe(*database, db)]() -> Metrics::DiskSpace {
+                auto d = probe();
+                if (!d.free_bytes || !d.total_bytes)
+                    return std::nullopt;
+                return std::pair{*d.free_bytes, *d.total_bytes};
+            },
+            o.quotas.min_free_disk, o.quotas.max_db_size);
     } catch (const StoreError &e) {
         return fail(e.what());
     }
 
-    AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
+    AlertTask alerts(*database, metrics, std::move(hook), o.alertCheck);
     Health health(*database, quotas.get());
     Guard guard(*accounts, tls, publicUrl);
     Intake intake(*store, limits, metrics, quotas.get());

@@ -1,0 +1,219 @@
+// What the engineer on call gets from kobreportd, on both databases: alert
+// deliveries that chat tools take, signed and tried again, and counted when
+// they fail.
+
+#include "kobtest.h"
+#include "reportd.h"
+#include "reportgen.h"
+#include "store_fixture.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class Oncall : public OnEitherStore {
+  protected:
+    void SetUp() override {
+        OnEitherStore::SetUp();
+        kobtest::writeFile(clockFile, "");
+    }
+
+    std::vector<std::string> clockEnv() const { return {"KOBREPORTD_TEST_CLOCK=" + clockFile}; }
+    void setClock(std::time_t t) { kobtest::writeFile(clockFile, std::to_string(t) + "\n"); }
+
+    // A week of healthy reports, then port 443 failing for five of six
+    // users on networks of their own, the last at t0 + 300.
+    void outage(std::time_t t0) {
+        reportd::Server quiet(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        for (int i = 20; i >= 1; i--) {
+            setClock(t0 - i * 6 * 3600);
+            ASSERT_EQ(
+                reportd::upload(quiet.port(), reportgen::report(reportgen::healthyRun())).status,
+                200);
+        }
+        for (int i = 0; i < 6; i++) {
+            setClock(t0 + 60 * i);
+            ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(10 + i) + ".1", quiet.port(),
+                                          i == 2 ? reportgen::report(reportgen::healthyRun())
+                                                 : port443Down())
+                          .status,
+                      200);
+        }
+        EXPECT_EQ(quiet.stop(), 0);
+    }
+
+    static std::string port443Down() {
+        auto run = reportgen::healthyRun();
+        run.tcp[3] = reportgen::tcpTimeout();
+        return reportgen::report(run);
+    }
+
+    std::string clockFile = dir.file("clock");
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, Oncall, ::testing::Values("sqlite", "postgres"),
+                         [](const auto &info) { return info.param; });
+
+const std::string k443 = "Testing TCP pass-through to port 443";
+
+// A webhook receiver on loopback: keeps each post's body and signature, and
+// refuses the first `refuse` posts with 500.
+class Receiver {
+  public:
+    explicit Receiver(int refuse) : refuse_(refuse) {
+        svr_.Post("/hook", [this](const httplib::Request &req, httplib::Response &res) {
+            std::lock_guard<std::mutex> lock(m_);
+            attempts_++;
+            if (refuse_ > 0) {
+                refuse_--;
+                res.status = 500;
+                return;
+            }
+            bodies_.push_back(req.body);
+            signatures_.push_back(req.get_header_value("X-Kob-Signature"));
+            cv_.notify_all();
+        });
+        port_ = svr_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { svr_.listen_after_bind(); });
+    }
+    ~Receiver() {
+        svr_.stop();
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/hook"; }
+    // Waits for the n-th delivered post (from 1), up to a minute: its body
+    // and its signature.
+    std::pair<std::string, std::string> wait(size_t n) {
+        std::unique_lock<std::mutex> lock(m_);
+        cv_.wait_for(lock, std::chrono::seconds(60), [&] { return bodies_.size() >= n; });
+        if (bodies_.size() < n)
+            return {};
+        return {bodies_[n - 1], signatures_[n - 1]};
+    }
+    int attempts() {
+        std::lock_guard<std::mutex> lock(m_);
+        return attempts_;
+    }
+
+  private:
+    httplib::Server svr_;
+    std::thread thread_;
+    int port_ = 0, refuse_ = 0, attempts_ = 0;
+    std::mutex m_;
+    std::condition_variable cv_;
+    std::vector<std::string> bodies_, signatures_;
+};
+
+// What a receiver runs to check a delivery, as the README shows it: the
+// body in body.json, the header's value in $SIG, the secret in secret.
+const char *kVerify = "t=${SIG#t=}; t=${t%%,*}; v1=${SIG#*,v1=}\n"
+                      "mac=$({ printf '%s.' \"$t\"; cat body.json; } |\n"
+                      "      openssl dgst -sha256 -hmac \"$(cat secret)\" -r | cut -d' ' -f1)\n"
+                      "[ \"$mac\" = \"$v1\" ]\n";
+
+bool verifies(const kobtest::TempDir &dir, const std::string &body, const std::string &signature,
+              const std::string &secret) {
+    kobtest::writeFile(dir.file("body.json"), body);
+    kobtest::writeFile(dir.file("secret"), secret);
+    auto r = kobtest::runProgram({"/bin/sh", "-c", kVerify}, dir.path(), {"SIG=" + signature});
+    return r.exited(0);
+}
+
+// The value of an unlabelled sample in a scrape, "<none>" without one.
+std::string sample(const std::string &scrape, const std::string &name) {
+    auto at = scrape.find("\n" + name + " ");
+    if (at == std::string::npos)
+        return "<none>";
+    at += name.size() + 2;
+    return scrape.substr(at, scrape.find('\n', at) - at);
+}
+
+// Waits, up to a minute, for the scrape to show name at value.
+bool scraped(const reportd::Server &s, const std::string &name, const std::string &value) {
+    for (int i = 0; i < 3000; i++) {
+        if (sample(s.api("/metrics").body, name) == value)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+}
+
+} // namespace
+
+TEST_P(Oncall, AnAlertCarriesAChatLineAndASignatureThatOnlyTheSecretVerifies) {
+    if (access("/usr/bin/openssl", X_OK) != 0)
+        GTEST_SKIP() << "openssl is not installed (Debian package openssl)";
+    const std::time_t t0 = 1800000000;
+    outage(t0);
+    Receiver hook(1);
+    kobtest::writeFile(dir.file("hook.secret"), "correct horse battery staple\n");
+    setClock(t0 + 600);
+    reportd::Server s(KOBREPORTD_BIN, db,
+                      {"--alert-webhook", hook.url(), "--alert-webhook-secret",
+                       dir.file("hook.secret"), "--public-url", "https://staff.example.net/kob/",
+                       "--alert-check", "1"},
+                      true, clockEnv());
+    auto [body, signature] = hook.wait(1);
+    ASSERT_FALSE(body.empty()) << "no alert within a minute";
+    EXPECT_EQ(body.rfind("{\"event\":\"raised\",\"at\":\"2027-01-15T08:10:00Z\",\"text\":\"Broken "
+                         "now: " +
+                             k443 +
+                             " (tcp): 5 of 6 reports failing in the last hour (83%), against 0 "
+                             "of 20 over the seven days before; https://staff.example.net/kob/"
+                             "fleet/reports?area=tcp&target=Testing%20TCP%20pass-through%20to%20"
+                             "port%20443&window=6h\",\"area\":\"tcp\",",
+                         0),
+              0u)
+        << body;
+    EXPECT_EQ(signature.rfind("t=" + std::to_string(t0 + 600) + ",v1=", 0), 0u) << signature;
+    EXPECT_EQ(signature.size(), std::string("t=1800000600,v1=").size() + 64) << signature;
+    EXPECT_TRUE(verifies(dir, body, signature, "correct horse battery staple"));
+    EXPECT_FALSE(verifies(dir, body, signature, "another secret"));
+    // Nor with the body changed by a byte.
+    EXPECT_FALSE(verifies(dir, body + " ", signature, "correct horse battery staple"));
+    // The first post was refused: one failure, then one delivery.
+    EXPECT_EQ(hook.attempts(), 2);
+    EXPECT_TRUE(scraped(s, "kobreportd_webhook_deliveries_total", "1"));
+    auto m = s.api("/metrics").body;
+    EXPECT_EQ(sample(m, "kobreportd_webhook_failures_total"), "1");
+    EXPECT_EQ(sample(m, "kobreportd_webhook_dropped_total"), "0");
+    EXPECT_EQ(s.stop(), 0);
+}
+
+TEST_P(Oncall, ADeliveryIsTriedThreeTimesThenDroppedAndCounted) {
+    const std::time_t t0 = 1800000000;
+    outage(t0);
+    Receiver hook(1000);
+    setClock(t0 + 600);
+    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-webhook", hook.url(), "--alert-check", "1"},
+                      true, clockEnv());
+    ASSERT_TRUE(scraped(s, "kobreportd_webhook_dropped_total", "1"));
+    auto m = s.api("/metrics").body;
+    EXPECT_EQ(sample(m, "kobreportd_webhook_failures_total"), "3");
+    EXPECT_EQ(sample(m, "kobreportd_webhook_deliveries_total"), "0");
+    EXPECT_EQ(hook.attempts(), 3);
+    // Unsigned without a secret; the alert itself stays open.
+    EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "1");
+    EXPECT_EQ(s.stop(), 0);
+    EXPECT_NE(s.errors().find("\"event\":\"alert_dropped\""), std::string::npos) << s.errors();
+}
+
+TEST(OncallOptions, AnUnreadableWebhookSecretStopsTheStart) {
+    kobtest::TempDir dir;
+    kobtest::writeFile(dir.file("empty"), "\n");
+    for (const std::string &file : {dir.file("missing"), dir.file("empty")}) {
+        auto r = reportd::command(KOBREPORTD_BIN,
+                                  {"--listen", "127.0.0.1:0", "--db", dir.file("db.sqlite"),
+                                   "--alert-webhook-secret", file});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, "kobreportd: cannot read a secret from " + file + "\n");
+    }
+}
