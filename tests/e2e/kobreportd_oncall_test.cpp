@@ -1,6 +1,6 @@
 // What the engineer on call gets from kobreportd, on both databases: alert
 // deliveries that chat tools take, signed and tried again, and counted when
-// they fail.
+// they fail; Prometheus rules and a dashboard on the names /metrics answers.
 
 #include "kobtest.h"
 #include "reportd.h"
@@ -13,6 +13,8 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <mutex>
+#include <regex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -215,5 +217,42 @@ TEST(OncallOptions, AnUnreadableWebhookSecretStopsTheStart) {
                                    "--alert-webhook-secret", file});
         EXPECT_EQ(r.status, 1);
         EXPECT_EQ(r.err, "kobreportd: cannot read a secret from " + file + "\n");
+    }
+}
+
+// Every kobreportd_ name the shipped rules and dashboard ask for is one the
+// scrape answers, once the server has a database cap and has checked once.
+TEST_P(Oncall, TheShippedRulesAndDashboardUseTheNamesTheScrapeAnswers) {
+    reportd::Server s(KOBREPORTD_BIN, db,
+                      {"--alert-check", "1", "--max-db-size", "123456789", "--min-free-disk", "7"});
+    ASSERT_TRUE(scraped(s, "kobreportd_alerts_open", "0"));
+    std::string scrape = s.api("/metrics").body;
+    std::set<std::string> answered;
+    const std::regex name("\n# TYPE (kobreportd_[a-z_]+) ([a-z]+)");
+    for (std::sregex_iterator it(scrape.begin(), scrape.end(), name), end; it != end; ++it) {
+        answered.insert((*it)[1]);
+        if ((*it)[2] == "histogram")
+            for (const char *part : {"_bucket", "_sum", "_count"})
+                answered.insert((*it)[1].str() + part);
+    }
+    EXPECT_EQ(sample(scrape, "kobreportd_disk_min_free_ratio"), "0.07");
+    EXPECT_EQ(sample(scrape, "kobreportd_database_max_size_bytes"), "123456789");
+    // An SQLite file's file system is in sight, a PostgreSQL server's is not.
+    EXPECT_EQ(answered.count("kobreportd_disk_free_bytes"), GetParam() == "sqlite" ? 1u : 0u);
+    EXPECT_EQ(answered.count("kobreportd_disk_size_bytes"), GetParam() == "sqlite" ? 1u : 0u);
+    for (const char *file :
+         {"kobreportd-alerts.yml", "kobreportd-alerts.test.yml", "kobreportd-dashboard.json"}) {
+        std::string text = kobtest::readFile(std::string(KOBREPORTD_EXAMPLES) + "/" + file);
+        ASSERT_FALSE(text.empty()) << file;
+        const std::regex used("kobreportd_[a-z_]+");
+        size_t n = 0;
+        for (std::sregex_iterator it(text.begin(), text.end(), used), end; it != end; ++it, ++n) {
+            std::string metric = it->str();
+            if (metric.rfind("kobreportd_disk_", 0) == 0 && GetParam() != "sqlite" &&
+                metric != "kobreportd_disk_min_free_ratio")
+                continue;
+            EXPECT_EQ(answered.count(metric), 1u) << metric << " in " << file;
+        }
+        EXPECT_GT(n, 8u) << file;
     }
 }
