@@ -13,6 +13,8 @@ packages=(
   # the operator's side: kobreportd, its databases and the browser test
   libcpp-httplib-dev libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev libsqlite3-dev libpq-dev postgresql chromium chromium-driver
   libsodium-dev libssl-dev libzstd-dev nlohmann-json3-dev openssl prometheus
+  # the sender's network and country for the fleet, and the test databases
+  libmaxminddb-dev libmaxmind-db-writer-perl
   # the example nginx site in front of kobreportd, run by its test on loopback
   nginx
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3

@@ -29,6 +29,7 @@ int usage() {
         "                  [--proxy-protocol intake|staff]... [--public-url URL]\n"
         "                  [--alert-webhook URL] [--alert-check SECONDS]\n"
         "                  [--alert-webhook-secret FILE]\n"
+        "                  [--asn-db FILE] [--country-db FILE]\n"
         "                  [--alert-min-senders N] [--targets FILE]\n"
         "                  [--log-level debug|info|warn|error] [--access-log]\n"
         "       kobreportd user add NAME --role viewer|admin --db PATH_OR_URL\n"

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <tuple>
 
 #include "kobrun.h"
 #include "kobreportd_targets.h"
@@ -235,6 +236,51 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
     for (auto &[key, t] : byTarget)
         f.targets.push_back(std::move(t));
     return f;
+}
+
+bool breakDown(sql::Db &db, Fleet &f, const std::string &by) {
+    if (by != "asn" && by != "country")
+        return false;
+    // An AS may change its name over the window: the latest is shown.
+    std::string q =
+        by == "asn"
+            ? "SELECT o.area AS area, o.target AS target, n.asn AS asn, max(n.as_name) AS name,"
+              " count(*) AS reports, CAST(sum(o.failing) AS BIGINT) AS failing FROM outcomes o"
+              " LEFT JOIN report_networks n ON n.report_id = o.report_id"
+              " WHERE o.received_at >= $1 AND o.received_at < $2 GROUP BY o.area, o.target, n.asn"
+            : "SELECT o.area AS area, o.target AS target, coalesce(n.country, '') AS name,"
+              " count(*) AS reports, CAST(sum(o.failing) AS BIGINT) AS failing FROM outcomes o"
+              " LEFT JOIN report_networks n ON n.report_id = o.report_id"
+              " WHERE o.received_at >= $1 AND o.received_at < $2"
+              " GROUP BY o.area, o.target, coalesce(n.country, '')";
+    auto rows = db.read(q, {sql::integer(f.from), sql::integer(f.to)});
+    std::map<std::pair<std::string, std::string>, FleetTarget *> byTarget;
+    for (auto &t : f.targets)
+        byTarget[{t.area, t.target}] = &t;
+    for (size_t i = 0; i < rows.size(); i++) {
+        auto it = byTarget.find({rows.str(i, "area"), rows.str(i, "target")});
+        if (it == byTarget.end())
+            continue;
+        FleetShare share;
+        if (by == "asn" && !rows.isNull(i, "asn"))
+            share.asn = rows.integer(i, "asn");
+        if (!rows.isNull(i, "name"))
+            share.name = rows.str(i, "name");
+        share.reports = rows.integer(i, "reports");
+        share.failing = rows.integer(i, "failing");
+        it->second->shares.push_back(std::move(share));
+    }
+    for (auto &t : f.targets)
+        std::sort(t.shares.begin(), t.shares.end(), [](const FleetShare &a, const FleetShare &b) {
+            if (a.failing != b.failing)
+                return a.failing > b.failing;
+            if (a.reports != b.reports)
+                return a.reports > b.reports;
+            // Unknown networks after known ones at a tie.
+            bool au = !a.asn && a.name.empty(), bu = !b.asn && b.name.empty();
+            return std::tie(au, a.asn, a.name) < std::tie(bu, b.asn, b.name);
+        });
+    return true;
 }
 
 std::vector<std::string> failingReports(sql::Db &db, const std::string &area,

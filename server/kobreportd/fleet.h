@@ -99,6 +99,13 @@ struct FleetBucket {
     int64_t reports = 0, failing = 0;
 };
 
+// One network's or country's part of a target's reports over the window.
+struct FleetShare {
+    std::optional<int64_t> asn; // by asn; nothing for reports of no known network
+    std::string name;           // the AS's name, or the country's code; "" unknown
+    int64_t reports = 0, failing = 0;
+};
+
 struct FleetTarget {
     std::string area, target;
     int64_t reports = 0, failing = 0; // in the whole window
@@ -109,6 +116,7 @@ struct FleetTarget {
     int64_t hour_failing_networks = 0; // client networks among hour_failing
     double baseline = 0;               // smoothed share
     bool broken = false;
+    std::vector<FleetShare> shares; // with a breakdown: most failing first
 };
 
 struct Fleet {
@@ -121,6 +129,11 @@ struct Fleet {
 std::optional<std::time_t> windowSeconds(const std::string &window);
 
 Fleet fleet(sql::Db &db, const std::string &window, std::time_t now);
+
+// Each target's reports over the window by the sender's network ("asn") or
+// country ("country"), as report_networks has them (networks.h); reports
+// without a row are one share of their own, unknown.  False for another by.
+bool breakDown(sql::Db &db, Fleet &f, const std::string &by);
 
 // References of the reports that found target failing since `since`,
 // newest first.

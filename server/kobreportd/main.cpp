@@ -21,6 +21,7 @@
 
 #include "accounts.h"
 #include "alerts.h"
+#include "networks.h"
 #include "webhook.h"
 #include "audit.h"
 #include "clock.h"
@@ -106,6 +107,7 @@ int printRoutes() {
 // What the server is started with.
 struct Settings {
     std::string listen, staffListen, db, webhook, webhookSecret, targets, publicUrl;
+    std::string asnDb, countryDb;
     int alertCheck = 60, minSenders = 5;
     Limits limits;
     StaffOptions staff;
@@ -156,6 +158,10 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.minSenders = static_cast<int>(n);
         else if (a == "--targets")
             o.targets = v;
+        else if (a == "--asn-db")
+            o.asnDb = v;
+        else if (a == "--country-db")
+            o.countryDb = v;
         else if (a == "--public-url")
             o.publicUrl = v;
         else if (a == "--tls-cert")
@@ -390,6 +396,9 @@ int main(int argc, char *argv[]) {
     WebhookOptions hook{o.webhook, "", publicUrl.url};
     if (!o.webhookSecret.empty() && !readWebhookSecret(o.webhookSecret, hook.secret))
         return fail("cannot read a secret from " + o.webhookSecret);
+    Networks networks;
+    if (std::string why; !networks.open(o.asnDb, o.countryDb, why))
+        return fail(why);
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -456,7 +465,7 @@ int main(int argc, char *argv[]) {
     AlertTask alerts(*database, metrics, std::move(hook), o.alertCheck);
     Health health(*database, quotas.get());
     Guard guard(*accounts, tls, publicUrl);
-    Intake intake(*store, limits, metrics, quotas.get());
+    Intake intake(*store, limits, metrics, quotas.get(), &networks);
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     RouteTable table;
     intake.addRoutes(table);

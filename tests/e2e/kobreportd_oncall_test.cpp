@@ -1,11 +1,13 @@
 // What the engineer on call gets from kobreportd, on both databases: alert
 // deliveries that chat tools take, signed and tried again, and counted when
-// they fail; Prometheus rules and a dashboard on the names /metrics answers.
+// they fail; Prometheus rules and a dashboard on the names /metrics answers;
+// failures by the sender's network and country.
 
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
 #include "store_fixture.h"
+#include "upload_request.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -255,4 +257,156 @@ TEST_P(Oncall, TheShippedRulesAndDashboardUseTheNamesTheScrapeAnswers) {
         }
         EXPECT_GT(n, 8u) << file;
     }
+}
+
+namespace {
+
+// The test's MaxMind DB files (asn.mmdb, country.mmdb) in dir, made by the
+// perl script beside this file; false when its module is missing.
+bool makeNetworkFiles(const kobtest::TempDir &dir, std::string &why) {
+    auto r =
+        kobtest::runProgram({"/usr/bin/perl", KOB_SOURCE_E2E "/make_test_mmdb.pl", dir.path()});
+    why = r.out + r.err;
+    if (r.exited(77))
+        return false;
+    EXPECT_TRUE(r.exited(0)) << why;
+    return r.exited(0);
+}
+
+// An upload from the proxy at 127.0.0.1 on behalf of client ("" for none).
+reportd::Response viaProxy(int port, const std::string &client, const std::string &desc) {
+    std::string body = reportgen::body(desc, std::nullopt, std::nullopt);
+    std::string head = reportgen::head("report.kobvane.example", body.size());
+    if (!client.empty())
+        head = head.substr(0, head.size() - 2) + "X-Forwarded-For: " + client + "\r\n\r\n";
+    return reportd::exchangeAt("127.0.0.1", port, {head, body}, 30, "127.0.0.1");
+}
+
+// The documentation networks' senders: AS64500 (JP) three, one of them
+// healthy; AS64501 (JP) one; AS64502 (DE) two, both healthy; and one from
+// the proxy itself, which no file names.
+void sendFromNetworks(int port, const std::string &failing) {
+    const std::string healthy = reportgen::report(reportgen::healthyRun());
+    const std::pair<const char *, bool> senders[] = {{"192.0.2.10", true},
+                                                     {"192.0.2.11", true},
+                                                     {"192.0.2.12", false},
+                                                     {"198.51.100.5", true},
+                                                     {"203.0.113.7", false},
+                                                     {"203.0.113.8", false},
+                                                     {"", true}};
+    for (const auto &[client, fails] : senders)
+        ASSERT_EQ(viaProxy(port, client, fails ? failing : healthy).status, 200) << client;
+}
+
+} // namespace
+
+TEST_P(Oncall, FailuresBreakDownByTheSendersNetworkAndCountryWithoutKeepingTheAddress) {
+    std::string why;
+    if (!makeNetworkFiles(dir, why))
+        GTEST_SKIP() << why;
+    reportd::Server s(KOBREPORTD_BIN, db,
+                      {"--trusted-proxy", "127.0.0.1", "--asn-db", dir.file("asn.mmdb"),
+                       "--country-db", dir.file("country.mmdb")});
+    sendFromNetworks(s.port(), port443Down());
+
+    auto j = s.api("/api/fleet?window=6h&by=asn");
+    ASSERT_EQ(j.status, 200);
+    EXPECT_NE(j.body.find(",\"bucket_seconds\":3600,\"by\":\"asn\",\"targets\":["),
+              std::string::npos)
+        << j.body.substr(0, 300);
+    EXPECT_NE(j.body.find("{\"area\":\"tcp\",\"target\":\"" + k443 +
+                          "\",\"reports\":7,"
+                          "\"failing\":4,"),
+              std::string::npos)
+        << j.body;
+    EXPECT_NE(j.body.find("\"by_asn\":[{\"asn\":64500,\"name\":\"Example Telecom\",\"reports\":3,"
+                          "\"failing\":2},{\"asn\":64501,\"name\":\"Sample Broadband\","
+                          "\"reports\":1,\"failing\":1},{\"asn\":null,\"name\":\"\",\"reports\":1,"
+                          "\"failing\":1},{\"asn\":64502,\"name\":\"Demo Mobile\",\"reports\":2,"
+                          "\"failing\":0}]}"),
+              std::string::npos)
+        << j.body;
+    // A target nobody failed on: the same networks, none failing.
+    EXPECT_NE(j.body.find("\"target\":\"UDP pass-through\",\"reports\":7,\"failing\":0,"),
+              std::string::npos);
+    auto c = s.api("/api/fleet?window=6h&by=country");
+    EXPECT_NE(c.body.find("\"by_country\":[{\"country\":\"JP\",\"reports\":4,\"failing\":3},"
+                          "{\"country\":\"\",\"reports\":1,\"failing\":1},{\"country\":\"DE\","
+                          "\"reports\":2,\"failing\":0}]}"),
+              std::string::npos)
+        << c.body;
+    auto bad = s.api("/api/fleet?by=address");
+    EXPECT_EQ(bad.status, 400);
+    EXPECT_EQ(bad.body, "{\"error\":\"by is one of asn, country\"}");
+    // Without by, the answer is as it always was.
+    EXPECT_EQ(s.api("/api/fleet?window=6h").body.find("\"by"), std::string::npos);
+
+    auto page = s.signedIn("viewer").get("/fleet?window=6h&by=asn");
+    ASSERT_EQ(page.status, 200);
+    EXPECT_NE(page.body.find("<h2>Failing by network, last 6h</h2>"), std::string::npos)
+        << page.body;
+    EXPECT_NE(page.body.find("<tr><td>" + k443 +
+                             "</td><td>AS64500 Example Telecom</td><td class=\"num\">3</td>"
+                             "<td class=\"num\">2</td><td class=\"num\">67%</td></tr>\n<tr><td>" +
+                             k443 + "</td><td>AS64501 Sample Broadband</td>"),
+              std::string::npos)
+        << page.body;
+    EXPECT_NE(
+        page.body.find("</td><td>unknown</td><td class=\"num\">1</td><td class=\"num\">1</td>"),
+        std::string::npos);
+
+    // Stored: each known sender's network and country, and no address.
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks"), "6");
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks WHERE asn = 64500 AND"
+                    " as_name = 'Example Telecom' AND country = 'JP'"),
+              "3");
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks WHERE asn = 64502 AND"
+                    " as_name = 'Demo Mobile' AND country = 'DE'"),
+              "2");
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks WHERE"
+                    " CAST(report_id AS TEXT) || CAST(received_at AS TEXT) ||"
+                    " CAST(asn AS TEXT) || as_name || country LIKE '%.%'"),
+              "0");
+    for (const char *address : {"192.0.2.10", "198.51.100.5", "203.0.113.7"})
+        EXPECT_EQ(value(std::string("SELECT count(*) FROM outcomes WHERE area || target LIKE '%") +
+                        address + "%'"),
+                  "0");
+    // The breakdown's table holds exactly these columns.
+    EXPECT_EQ(value(GetParam() == "sqlite"
+                        ? "SELECT group_concat(name, ' ') FROM pragma_table_info('report_networks')"
+                        : "SELECT string_agg(column_name, ' ' ORDER BY ordinal_position) FROM"
+                          " information_schema.columns WHERE table_name = 'report_networks'"),
+              "report_id received_at asn as_name country");
+
+    // A deleted report takes its network with it: the second newest, the
+    // newest being the proxy's own.
+    auto refs = s.api("/api/reports");
+    auto at = refs.body.find("\"reference\":\"", refs.body.find("\"reference\":\"") + 1);
+    ASSERT_NE(at, std::string::npos);
+    std::string ref = refs.body.substr(at + 13, refs.body.find('"', at + 13) - at - 13);
+    EXPECT_EQ(s.api("/api/reports/" + ref, "DELETE").status, 200);
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks"), "5") << ref;
+}
+
+TEST_P(Oncall, WithoutTheFilesNoNetworkIsKept) {
+    reportd::Server s(KOBREPORTD_BIN, db, {"--trusted-proxy", "127.0.0.1"});
+    sendFromNetworks(s.port(), port443Down());
+    EXPECT_EQ(value("SELECT count(*) FROM report_networks"), "0");
+    auto j = s.api("/api/fleet?window=6h&by=asn");
+    EXPECT_NE(j.body.find("\"by_asn\":[{\"asn\":null,\"name\":\"\",\"reports\":7,\"failing\":4}]"),
+              std::string::npos)
+        << j.body;
+}
+
+TEST(OncallOptions, ANetworkFileThatIsNoMaxMindDBStopsTheStart) {
+    kobtest::TempDir dir;
+    kobtest::writeFile(dir.file("asn.mmdb"), "not a database\n");
+    auto r =
+        reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", dir.file("db.sqlite"),
+                                          "--asn-db", dir.file("asn.mmdb")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(
+        r.err.rfind("kobreportd: cannot read " + dir.file("asn.mmdb") + " as a MaxMind DB: ", 0),
+        0u)
+        << r.err;
 }

@@ -693,7 +693,7 @@ TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
 TEST(ReportdVersion, VersionNamesTheReleaseAndTheLayout) {
     auto r = kobtest::runProgram({KOBREPORTD_BIN, "--version"});
     EXPECT_TRUE(r.exited(0));
-    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 9)\n");
+    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 12)\n");
     EXPECT_EQ(r.err, "");
 }
 
@@ -708,7 +708,7 @@ TEST_F(Reportd, MetricsFollowPrometheusConventions) {
              // Bucket bounds as short decimals, so that le="0.005" matches.
              "kobreportd_upload_duration_seconds_bucket{le=\"0.005\"} ",
              "kobreportd_upload_duration_seconds_bucket{le=\"0.0025\"} ",
-             "\nkobreportd_build_info{version=\"" KOB_VERSION "\",layout=\"9\"} 1\n",
+             "\nkobreportd_build_info{version=\"" KOB_VERSION "\",layout=\"12\"} 1\n",
              "\nkobreportd_uploads_in_flight 0\n",
              "\nkobreportd_http_requests_total{listener=\"intake\",route=\"/"
              "healthz\",code=\"200\"} "

@@ -178,6 +178,11 @@ void Staff::addFleetApi(RouteTable &table) {
                 return;
             }
             Fleet f = fleet(store_.db(), w, now());
+            std::string by = req.param("by");
+            if (req.hasParam("by") && !breakDown(store_.db(), f, by)) {
+                jsonError(res, 400, "by is one of asn, country");
+                return;
+            }
             Json targets = Json::array();
             for (const auto &t : f.targets) {
                 Json buckets = Json::array();
@@ -197,13 +202,28 @@ void Staff::addFleetApi(RouteTable &table) {
                                       {"failing", t.baseline_failing},
                                       {"share", t.baseline}}},
                     {"buckets", std::move(buckets)}});
+                if (!req.hasParam("by"))
+                    continue;
+                Json shares = Json::array();
+                for (const auto &n : t.shares)
+                    shares.push_back(by == "asn"
+                                         ? Json{{"asn", n.asn ? Json(*n.asn) : Json(nullptr)},
+                                                {"name", n.name},
+                                                {"reports", n.reports},
+                                                {"failing", n.failing}}
+                                         : Json{{"country", n.name},
+                                                {"reports", n.reports},
+                                                {"failing", n.failing}});
+                targets.back()["by_" + by] = std::move(shares);
             }
-            json(res, 200,
-                 Json{{"window", f.window},
-                      {"from", isoTime(f.from)},
-                      {"to", isoTime(f.to)},
-                      {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)},
-                      {"targets", std::move(targets)}});
+            Json doc{{"window", f.window},
+                     {"from", isoTime(f.from)},
+                     {"to", isoTime(f.to)},
+                     {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)}};
+            if (req.hasParam("by"))
+                doc["by"] = by;
+            doc["targets"] = std::move(targets);
+            json(res, 200, doc);
         });
     // For Prometheus, with a metrics token (or any other API token).
     api(table, Method::Get, "/metrics", Role::Metrics,

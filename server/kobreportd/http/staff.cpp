@@ -556,7 +556,11 @@ void Staff::addFleetPages(RouteTable &table) {
              std::string w = req.hasParam("window") ? req.param("window") : "24h";
              if (!windowSeconds(w))
                  w = "24h";
-             show(res, 200, "The fleet", &who, pages::fleet(fleet(store_.db(), w, now()), links()));
+             Fleet f = fleet(store_.db(), w, now());
+             std::string by = req.param("by");
+             if (!breakDown(store_.db(), f, by))
+                 by.clear();
+             show(res, 200, "The fleet", &who, pages::fleet(f, links(), by));
          });
     page(table, Method::Get, "/fleet/reports", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {

@@ -62,9 +62,37 @@ Html chart(const FleetTarget &t, std::time_t bucketSeconds) {
     return h;
 }
 
+// A share's network as staff read it: "AS64500 Example Telecom", a country
+// code, or "unknown" for reports of no known network.
+std::string shareName(const FleetShare &n, const std::string &by) {
+    if (by == "asn")
+        return n.asn ? "AS" + std::to_string(*n.asn) + (n.name.empty() ? "" : " " + n.name)
+                     : "unknown";
+    return n.name.empty() ? "unknown" : n.name;
+}
+
+// Each failing target's reports by network or country, most failing first.
+Html breakdown(const Fleet &f, const std::string &by) {
+    Html b;
+    b << "<h2>Failing by " << text(by == "asn" ? "network" : "country") << ", last "
+      << text(f.window) << "</h2>\n<table class=\"fleet\" id=\"by\"><thead><tr><th>Target</th>"
+      << "<th>" << text(by == "asn" ? "Network" : "Country")
+      << "</th><th>Reports</th><th>Failing</th><th>Failing share</th></tr></thead><tbody>\n";
+    for (const auto &t : f.targets) {
+        if (!t.failing)
+            continue;
+        for (const auto &n : t.shares)
+            b << "<tr><td>" << text(t.target) << "</td><td>" << text(shareName(n, by))
+              << "</td><td class=\"num\">" << n.reports << "</td><td class=\"num\">" << n.failing
+              << "</td><td class=\"num\">" << text(percent(n.failing, n.reports)) << "</td></tr>\n";
+    }
+    b << "</tbody></table>\n";
+    return b;
+}
+
 } // namespace
 
-Html fleet(const Fleet &f, const Links &links) {
+Html fleet(const Fleet &f, const Links &links, const std::string &by) {
     Html b;
     b << "<h2>The fleet</h2><nav class=\"windows\">";
     for (const char *w : {"6h", "24h", "7d", "30d"}) {
@@ -72,6 +100,13 @@ Html fleet(const Fleet &f, const Links &links) {
         if (f.window == w)
             b << " class=\"current\"";
         b << ">last " << text(w) << "</a>";
+    }
+    for (const char *k : {"asn", "country"}) {
+        b << "<a href=\"" << links.href("/fleet") << "?window=" << text(f.window)
+          << "&amp;by=" << text(k) << "\"";
+        if (by == k)
+            b << " class=\"current\"";
+        b << ">by " << text(std::string(k) == "asn" ? "network" : "country") << "</a>";
     }
     b << "</nav>\n<h2>What is broken now</h2>\n";
     Html broken;
@@ -104,6 +139,8 @@ Html fleet(const Fleet &f, const Links &links) {
         b << "</td><td>" << chart(t, f.bucket_seconds) << "</td></tr>\n";
     }
     b << "</tbody></table>\n";
+    if (!by.empty())
+        b << breakdown(f, by);
     return b;
 }
 

@@ -70,7 +70,8 @@ html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<Acc
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
                   const Links &links);
 html::Html message(const std::string &text);
-html::Html fleet(const Fleet &f, const Links &links);
+// by: "" or the breakdown the targets' shares hold ("asn", "country").
+html::Html fleet(const Fleet &f, const Links &links, const std::string &by = "");
 
 // One side of a comparison: the report, its outcomes, and its interface
 // and route captures as this viewer may see them.

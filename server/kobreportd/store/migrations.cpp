@@ -175,6 +175,17 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+// The network and country each report was sent from, as the operator's
+// MaxMind DB files name them; never the address.  Reports stored before,
+// or without the files, have no row.
+void reportNetworks(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS report_networks ("
+                   " report_id {INT} PRIMARY KEY, received_at {INT} NOT NULL, asn {INT},"
+                   " as_name TEXT NOT NULL, country TEXT NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS report_networks_by_time ON report_networks"
+            " (received_at)");
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -202,6 +213,7 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
+    {12, reportNetworks},
 };
 // clang-format on
 

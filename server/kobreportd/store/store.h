@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fleet.h"
+#include "networks.h"
 #include "sql.h"
 
 namespace kobreportd {
@@ -32,6 +33,7 @@ struct NewReport {
     std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
     int rules = 0;                 // the version of the rules that judged it
     std::string findings;          // the triage's, as kobtriage::toStored writes them
+    Network network;               // where peer is, when --asn-db or --country-db say
 };
 
 struct StoredReport {
