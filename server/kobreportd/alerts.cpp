@@ -6,6 +6,7 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include <nlohmann/json.hpp>
 
 #include "kobtriage.h"
@@ -112,6 +113,7 @@ int AlertTask::check() {
             outbox_.push_back(std::move(doc));
         wake_.notify_all();
     }
+    changed += Incidents(db_).update(f, t);
     // For the scrape: what is open in the shared database, and when that
     // was last seen, so that a stale figure can be told from a fresh one.
     metrics_.alertsOpen(

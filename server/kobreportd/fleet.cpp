@@ -221,7 +221,15 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
             t->baseline_reports = before.integer(i, "reports");
             t->baseline_failing = before.integer(i, "failing");
         }
+    // Targets seen for a week have a baseline whatever their volume.
+    std::set<std::pair<std::string, std::string>> weekOld;
+    auto first = db.read("SELECT area, target, min(hour) AS first FROM outcome_hours"
+                         " WHERE reports > 0 GROUP BY area, target");
+    for (size_t i = 0; i < first.size(); i++)
+        if (first.integer(i, "first") * 3600 <= now - std::time_t{7} * 86400)
+            weekOld.insert({first.str(i, "area"), first.str(i, "target")});
     for (auto &[key, t] : byTarget) {
+        bool baselined = t.baseline_reports >= policy.min_baseline || weekOld.count(key) != 0;
         double p = (static_cast<double>(t.baseline_failing) + 1) /
                    (static_cast<double>(t.baseline_reports) + 2);
         t.baseline = p;
@@ -230,7 +238,7 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
             double s = static_cast<double>(t.hour_failing) / n;
             double z = (s - p) / std::sqrt(p * (1 - p) / n);
             t.broken = s - p >= kBrokenMinRise && z >= kBrokenZ &&
-                       t.hour_failing_networks >= policy.min_senders;
+                       t.hour_failing_networks >= policy.min_senders && baselined;
         }
     }
     for (auto &[key, t] : byTarget)

@@ -17,7 +17,9 @@
 //
 // ... and the failing reports of the last hour came from at least
 // min_senders client networks (a /24 for IPv4, a /48 for IPv6), so that
-// one sender cannot make a target look broken.
+// one sender cannot make a target look broken; and the target has a
+// baseline: min_baseline reports over those seven days, or a first report
+// at least a week old.
 //
 // Only the targets kobdiag probes count (FleetPolicy): a report may name
 // any heading, which stays in the report but never becomes a fleet row.
@@ -53,6 +55,9 @@ std::vector<Outcome> outcomesOf(const kobtriage::Report &report);
 struct FleetPolicy {
     std::set<std::pair<std::string, std::string>> targets; // (area, target)
     int min_senders = 5;
+    // Reports over the seven days before that a target needs to be broken,
+    // unless its first report is a week old: no baseline, no alert.
+    int min_baseline = 20;
 
     bool counts(const std::string &area, const std::string &target) const {
         return targets.count({area, target}) != 0;

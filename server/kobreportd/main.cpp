@@ -108,7 +108,7 @@ int printRoutes() {
 struct Settings {
     std::string listen, staffListen, db, webhook, webhookSecret, targets, publicUrl;
     std::string asnDb, countryDb;
-    int alertCheck = 60, minSenders = 5;
+    int alertCheck = 60, minSenders = 5, minBaseline = 20;
     Limits limits;
     StaffOptions staff;
     QuotaOptions quotas;
@@ -156,6 +156,8 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
             o.alertCheck = static_cast<int>(n);
         else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
             o.minSenders = static_cast<int>(n);
+        else if (a == "--alert-min-baseline" && number(v, 100000000, n))
+            o.minBaseline = static_cast<int>(n);
         else if (a == "--targets")
             o.targets = v;
         else if (a == "--asn-db")
@@ -215,6 +217,7 @@ bool setFleet(const Settings &o, std::string &error) {
         policy = std::move(*fromFile);
     }
     policy.min_senders = o.minSenders;
+    policy.min_baseline = o.minBaseline;
     setFleetPolicy(std::move(policy));
     return true;
 }

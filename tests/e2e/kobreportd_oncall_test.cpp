@@ -1,7 +1,7 @@
 // What the engineer on call gets from kobreportd, on both databases: alert
 // deliveries that chat tools take, signed and tried again, and counted when
 // they fail; Prometheus rules and a dashboard on the names /metrics answers;
-// failures by the sender's network and country.
+// failures by the sender's network and country; incidents.
 
 #include "kobtest.h"
 #include "reportd.h"
@@ -10,6 +10,7 @@
 #include "upload_request.h"
 
 #include <chrono>
+#include <functional>
 #include <condition_variable>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -409,4 +410,179 @@ TEST(OncallOptions, ANetworkFileThatIsNoMaxMindDBStopsTheStart) {
         r.err.rfind("kobreportd: cannot read " + dir.file("asn.mmdb") + " as a MaxMind DB: ", 0),
         0u)
         << r.err;
+}
+
+namespace {
+
+// A run of user `user` that found port 443 and the UDP pass-through failing.
+std::string bothDown(const std::string &user) {
+    auto run = reportgen::healthyRun();
+    run.username = user;
+    run.tcp[3] = reportgen::tcpTimeout();
+    run.udp.assign(5, reportgen::udpTimeout());
+    return reportgen::report(run);
+}
+
+// The JSON of /api/incidents once pred holds for it, up to a minute.
+std::string incidentsWhen(const reportd::Server &s,
+                          const std::function<bool(const std::string &)> &pred) {
+    std::string body;
+    for (int i = 0; i < 3000; i++) {
+        body = s.api("/api/incidents").body;
+        if (pred(body))
+            return body;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return body;
+}
+
+bool has(const std::string &text, const std::string &what) {
+    return text.find(what) != std::string::npos;
+}
+
+} // namespace
+
+// Two targets failing over the same reports within the hour are one
+// incident; it is acknowledged (audited), resolves itself when quiet, and
+// reopens when the failures come back.
+TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
+    const std::time_t t0 = 1800000000;
+    {
+        reportd::Server quiet(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        for (int i = 20; i >= 1; i--) {
+            setClock(t0 - i * 6 * 3600);
+            ASSERT_EQ(
+                reportd::upload(quiet.port(), reportgen::report(reportgen::healthyRun())).status,
+                200);
+        }
+        for (int i = 0; i < 6; i++) {
+            setClock(t0 + 60 * i);
+            ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(10 + i) + ".1", quiet.port(),
+                                          i == 2 ? reportgen::report(reportgen::healthyRun())
+                                                 : bothDown("user" + std::to_string(i)))
+                          .status,
+                      200);
+        }
+        EXPECT_EQ(quiet.stop(), 0);
+    }
+    setClock(t0 + 600);
+    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-check", "1"}, true, clockEnv());
+    const std::string summary = k443 + ", UDP pass-through: 5 of 6 reports failing since "
+                                       "2027-01-15 08:00 UTC, 5 users";
+    std::string j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"id\":1,"); });
+    EXPECT_EQ(j, "{\"incidents\":[{\"id\":1,\"status\":\"open\",\"started_at\":"
+                 "\"2027-01-15T08:00:00Z\",\"targets\":[{\"area\":\"tcp\",\"target\":\"" +
+                     k443 +
+                     "\"},{\"area\":\"udp\",\"target\":\"UDP pass-through\"}],\"reports\":6,"
+                     "\"failing\":5,\"users\":5,\"networks\":[],\"reopened\":0,"
+                     "\"acknowledged_by\":null,\"acknowledged_at\":null,\"resolved_at\":null,"
+                     "\"summary\":\"" +
+                     summary + "\"}]}");
+    EXPECT_EQ(value("SELECT count(*) FROM incidents"), "1");
+    EXPECT_EQ(value("SELECT count(*) FROM incident_targets WHERE incident_id = 1"), "2");
+    // The alerts stay one per target, as before.
+    EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "2");
+
+    // What is broken now is the incident, once, not a line per target.
+    std::string name;
+    reportd::Browser b = s.signedIn("viewer", &name);
+    auto fleetPage = b.get("/fleet");
+    EXPECT_NE(fleetPage.body.find("<ul class=\"broken\" id=\"broken\"><li class=\"fail\" "
+                                  "id=\"incident-1\"><a href=\"/incidents\">" +
+                                  summary + "</a> (open)</li>\n</ul>"),
+              std::string::npos)
+        << fleetPage.body;
+    auto page = b.get("/incidents");
+    ASSERT_EQ(page.status, 200);
+    EXPECT_NE(page.body.find("<tr id=\"incident-1\" class=\"fail\"><td>2027-01-15 08:00</td><td>" +
+                             k443 +
+                             " (tcp)<br>UDP pass-through (udp)</td><td class=\"num\">5 of "
+                             "6</td><td class=\"num\">5</td><td></td><td>open<form "
+                             "method=\"post\" action=\"/incidents/1/acknowledge\">"),
+              std::string::npos)
+        << page.body;
+    // Acknowledging is a form like any other: refused without its token.
+    reportd::Browser stranger = s.signedIn("viewer");
+    auto forged = reportd::request(s.staffPort(), "POST", "/incidents/1/acknowledge",
+                                   "Cookie: kob_session=" + stranger.cookie("kob_session") +
+                                       "\r\nContent-Type: application/x-www-form-urlencoded\r\n",
+                                   "csrf=wrong");
+    EXPECT_EQ(forged.status, 403) << forged.raw;
+    auto ack = b.post("/incidents/1/acknowledge", {});
+    EXPECT_EQ(ack.status, 303) << ack.raw;
+    EXPECT_EQ(b.post("/incidents/1/acknowledge", {}).status, 404);
+    EXPECT_EQ(value("SELECT status FROM incidents WHERE id = 1"), "acknowledged");
+    EXPECT_EQ(value("SELECT acknowledged_by FROM incidents WHERE id = 1"), name);
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'incident.acknowledged' AND"
+                    " account = '" +
+                    name + "' AND detail = 'incident 1'"),
+              "1");
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'incident.acknowledged'"), "1");
+
+    // Two hours on, healthy reports: quiet for an hour, so resolved.
+    setClock(t0 + 2 * 3600);
+    for (int i = 0; i < 6; i++)
+        ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(10 + i) + ".1", s.port(),
+                                      reportgen::report(reportgen::healthyRun()))
+                      .status,
+                  200);
+    j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"status\":\"resolved\""); });
+    EXPECT_TRUE(has(j, "\"status\":\"resolved\",\"started_at\":\"2027-01-15T08:00:00Z\",")) << j;
+    EXPECT_TRUE(has(j, "\"resolved_at\":\"2027-01-15T10:00:00Z\"")) << j;
+    auto calm = s.signedIn("viewer").get("/fleet").body; // the first session timed out
+    EXPECT_NE(calm.find("<p class=\"ok\" id=\"broken\">Nothing"), std::string::npos) << calm;
+
+    // The same failures again two hours later: the incident reopens.
+    setClock(t0 + 4 * 3600);
+    for (int i = 0; i < 6; i++)
+        ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(10 + i) + ".1", s.port(),
+                                      i == 2 ? reportgen::report(reportgen::healthyRun())
+                                             : bothDown("user" + std::to_string(i)))
+                      .status,
+                  200);
+    j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"reopened\":1"); });
+    EXPECT_TRUE(has(j, "{\"incidents\":[{\"id\":1,\"status\":\"open\",")) << j;
+    EXPECT_TRUE(has(j, "\"reopened\":1,\"acknowledged_by\":null,\"acknowledged_at\":null,"
+                       "\"resolved_at\":null,"))
+        << j;
+    EXPECT_EQ(value("SELECT count(*) FROM incidents"), "1");
+    EXPECT_EQ(s.stop(), 0);
+}
+
+// A target without a baseline (a new deployment) never alerts, however it
+// fails, unless the operator lowers --alert-min-baseline.
+TEST_P(Oncall, NoBaselineNoIncident) {
+    const std::time_t t0 = 1800000000;
+    {
+        reportd::Server quiet(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        for (int i = 0; i < 25; i++) {
+            setClock(t0 + 60 * i);
+            ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(10 + i) + ".1", quiet.port(),
+                                          bothDown("user" + std::to_string(i)))
+                          .status,
+                      200);
+        }
+        EXPECT_EQ(quiet.stop(), 0);
+    }
+    setClock(t0 + 25 * 60);
+    {
+        reportd::Server s(KOBREPORTD_BIN, db, {"--alert-check", "1"}, true, clockEnv());
+        ASSERT_TRUE(scraped(s, "kobreportd_alerts_checked_timestamp_seconds",
+                            std::to_string(t0 + 25 * 60)));
+        EXPECT_EQ(s.api("/api/incidents").body, "{\"incidents\":[]}");
+        auto f = s.api("/api/fleet");
+        EXPECT_TRUE(has(f.body, "\"target\":\"" + k443 +
+                                    "\",\"reports\":25,\"failing\":25,"
+                                    "\"broken\":false,"))
+            << f.body;
+        EXPECT_EQ(s.stop(), 0);
+    }
+    EXPECT_EQ(value("SELECT count(*) FROM alerts"), "0");
+    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-check", "1", "--alert-min-baseline", "0"}, true,
+                      clockEnv());
+    std::string j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"id\":"); });
+    EXPECT_TRUE(has(j, "\"targets\":[{\"area\":\"tcp\",\"target\":\"" + k443 +
+                           "\"},{\"area\":\"udp\",\"target\":\"UDP pass-through\"}],\"reports\":25,"
+                           "\"failing\":25,\"users\":25,"))
+        << j;
 }

@@ -5,6 +5,7 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "staff.h"
 
@@ -224,6 +225,36 @@ void Staff::addFleetApi(RouteTable &table) {
                 doc["by"] = by;
             doc["targets"] = std::move(targets);
             json(res, 200, doc);
+        });
+    api(table, Method::Get, "/api/incidents", Role::Viewer,
+        [this](const Request &, Response &res, const Principal &) {
+            Json list = Json::array();
+            for (const auto &i : Incidents(store_.db()).list(now(), false, 100)) {
+                Json targets = Json::array(), networks = Json::array();
+                for (const auto &[area, target] : i.targets)
+                    targets.push_back(Json{{"area", area}, {"target", target}});
+                for (const auto &n : i.networks)
+                    networks.push_back(Json{{"asn", *n.asn},
+                                            {"name", n.name},
+                                            {"reports", n.reports},
+                                            {"failing", n.failing}});
+                list.push_back(Json{
+                    {"id", i.id},
+                    {"status", i.status},
+                    {"started_at", isoTime(i.started_at)},
+                    {"targets", std::move(targets)},
+                    {"reports", i.reports},
+                    {"failing", i.failing},
+                    {"users", i.users},
+                    {"networks", std::move(networks)},
+                    {"reopened", i.reopened},
+                    {"acknowledged_by", orNull(i.acknowledged_by)},
+                    {"acknowledged_at",
+                     i.acknowledged_at ? Json(isoTime(*i.acknowledged_at)) : Json(nullptr)},
+                    {"resolved_at", i.resolved_at ? Json(isoTime(*i.resolved_at)) : Json(nullptr)},
+                    {"summary", i.summary()}});
+            }
+            json(res, 200, Json{{"incidents", std::move(list)}});
         });
     // For Prometheus, with a metrics token (or any other API token).
     api(table, Method::Get, "/metrics", Role::Metrics,

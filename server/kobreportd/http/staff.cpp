@@ -8,6 +8,7 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "mask.h"
 #include "pack.h"
@@ -560,7 +561,29 @@ void Staff::addFleetPages(RouteTable &table) {
              std::string by = req.param("by");
              if (!breakDown(store_.db(), f, by))
                  by.clear();
-             show(res, 200, "The fleet", &who, pages::fleet(f, links(), by));
+             show(res, 200, "The fleet", &who,
+                  pages::fleet(f, links(), by, Incidents(store_.db()).list(now(), true, 20)));
+         });
+    page(table, Method::Get, "/incidents", Role::Viewer,
+         [this](const Request &, Response &res, const Principal &who) {
+             show(res, 200, "Incidents", &who,
+                  pages::incidents(Incidents(store_.db()).list(now(), false, 100), viewer(who)));
+         });
+    // Anyone on call may acknowledge; the audit log says who did.
+    page(table, Method::Post, "/incidents/{id}/acknowledge", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             const std::string &id = req.matches[1];
+             bool digits = !id.empty() && id.size() < 16 &&
+                           id.find_first_not_of("0123456789") == std::string::npos;
+             if (!digits ||
+                 !Incidents(store_.db()).acknowledge(std::stoll(id), who.account, now())) {
+                 show(res, 404, "Incidents", &who,
+                      pages::message("No open incident " + id + " to acknowledge."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "incident.acknowledged", "",
+                           "incident " + id);
+             seeOther(res, links().path("/incidents"));
          });
     page(table, Method::Get, "/fleet/reports", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {

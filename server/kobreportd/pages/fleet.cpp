@@ -4,6 +4,7 @@
 #include "pages.h"
 
 #include <cstdio>
+#include <set>
 
 #include "clock.h"
 
@@ -92,7 +93,8 @@ Html breakdown(const Fleet &f, const std::string &by) {
 
 } // namespace
 
-Html fleet(const Fleet &f, const Links &links, const std::string &by) {
+Html fleet(const Fleet &f, const Links &links, const std::string &by,
+           const std::vector<Incident> &current) {
     Html b;
     b << "<h2>The fleet</h2><nav class=\"windows\">";
     for (const char *w : {"6h", "24h", "7d", "30d"}) {
@@ -110,8 +112,17 @@ Html fleet(const Fleet &f, const Links &links, const std::string &by) {
     }
     b << "</nav>\n<h2>What is broken now</h2>\n";
     Html broken;
+    // The incidents first; then broken targets that no check has put in one
+    // yet.
+    std::set<std::pair<std::string, std::string>> inIncident;
+    for (const auto &i : current) {
+        broken << "<li class=\"fail\" id=\"incident-" << i.id << "\"><a href=\""
+               << links.href("/incidents") << "\">" << text(i.summary()) << "</a> ("
+               << text(i.status) << ")</li>\n";
+        inIncident.insert(i.targets.begin(), i.targets.end());
+    }
     for (const auto &t : f.targets)
-        if (t.broken)
+        if (t.broken && !inIncident.count({t.area, t.target}))
             broken << "<li class=\"fail\">" << failingLink(t, "6h", links) << text(t.target)
                    << "</a> (" << text(t.area) << "): " << t.hour_failing << " of "
                    << t.hour_reports << " reports failing in the last hour ("

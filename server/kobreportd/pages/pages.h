@@ -13,6 +13,7 @@
 #include "audit.h"
 #include "fleet.h"
 #include "html.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "pack.h"
 #include "public_url.h"
@@ -70,8 +71,11 @@ html::Html accounts(const std::vector<AccountInfo> &users, const std::vector<Acc
 html::Html signIn(const std::string &csrf, const std::string &next, const std::string &message,
                   const Links &links);
 html::Html message(const std::string &text);
-// by: "" or the breakdown the targets' shares hold ("asn", "country").
-html::Html fleet(const Fleet &f, const Links &links, const std::string &by = "");
+// by: "" or the breakdown the targets' shares hold ("asn", "country");
+// current: the incidents not resolved, which are what is broken now.
+html::Html fleet(const Fleet &f, const Links &links, const std::string &by = "",
+                 const std::vector<Incident> &current = {});
+html::Html incidents(const std::vector<Incident> &list, const Viewer &v);
 
 // One side of a comparison: the report, its outcomes, and its interface
 // and route captures as this viewer may see them.
