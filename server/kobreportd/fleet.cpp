@@ -120,9 +120,14 @@ std::string senderNetwork(const std::string &address) {
 Triaged triage(std::string_view text) {
     auto report = kobtriage::parse(text);
     std::vector<Outcome> counted;
-    for (auto &o : outcomesOf(report))
-        if (fleetPolicy().counts(o.area, o.target))
-            counted.push_back(std::move(o));
+    bool noNetwork = std::any_of(report.verdicts.begin(), report.verdicts.end(),
+                                 [](const kobtriage::Verdict &v) { return v.rule == "net.none"; });
+    if (noNetwork)
+        counted.push_back({kNoNetworkArea, kNoNetwork, true});
+    else
+        for (auto &o : outcomesOf(report))
+            if (fleetPolicy().counts(o.area, o.target))
+                counted.push_back(std::move(o));
     return {report.username, report.summary(), std::move(counted), report.rules_version,
             text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string()};
 }

@@ -50,6 +50,12 @@ struct Outcome {
 
 std::vector<Outcome> outcomesOf(const kobtriage::Report &report);
 
+// A report that found no network at all (the rule net.none) fails every
+// probe for a reason of the user's own: it counts once, as this row, and
+// as no target's failure.
+inline constexpr const char *kNoNetworkArea = "network";
+inline constexpr const char *kNoNetwork = "no network at all";
+
 // Which targets the fleet counts and how many client networks make a
 // failure broken.  Set once at start-up, before any thread reads it.
 struct FleetPolicy {
@@ -60,7 +66,8 @@ struct FleetPolicy {
     int min_baseline = 20;
 
     bool counts(const std::string &area, const std::string &target) const {
-        return targets.count({area, target}) != 0;
+        return targets.count({area, target}) != 0 ||
+               (area == kNoNetworkArea && target == kNoNetwork);
     }
     // The targets of the kobdiag this tree builds: the pass-through, the
     // TCP probes by heading, the intranet gateways and the traceroute.

@@ -586,3 +586,80 @@ TEST_P(Oncall, NoBaselineNoIncident) {
                            "\"failing\":25,\"users\":25,"))
         << j;
 }
+
+// The fleet's charts read without hovering: axes, counts, volume and the
+// numbers as text; rows worst first; a report without any network counted
+// once as a row of its own and as no target's failure; the page reloads
+// itself unless told not to.
+TEST_P(Oncall, ChartsCarryAxesCountsAndTextAndNoNetworkIsItsOwnRow) {
+    const std::time_t t0 = 1800000000; // 2027-01-15 08:00 UTC
+    reportd::Server s(KOBREPORTD_BIN, db, {}, true, clockEnv());
+    setClock(t0 - 2 * 3600 + 100);
+    for (int i = 0; i < 3; i++)
+        ASSERT_EQ(reportd::upload(s.port(), i < 2 ? port443Down()
+                                                  : reportgen::report(reportgen::healthyRun()))
+                      .status,
+                  200);
+    setClock(t0 - 3600 + 100);
+    ASSERT_EQ(reportd::upload(s.port(), port443Down()).status, 200);
+    auto offline = reportgen::healthyRun();
+    offline.udp.assign(5, reportgen::udpTimeout());
+    offline.tcp.assign(7, reportgen::tcpFail(51, "Network is unreachable"));
+    ASSERT_EQ(reportd::upload(s.port(), reportgen::report(offline)).status, 200);
+    setClock(t0 + 600);
+
+    auto j = s.api("/api/fleet?window=6h");
+    EXPECT_TRUE(has(j.body, "{\"area\":\"network\",\"target\":\"no network at all\",\"reports\":1,"
+                            "\"failing\":1,"))
+        << j.body;
+    EXPECT_TRUE(
+        has(j.body, "{\"area\":\"tcp\",\"target\":\"" + k443 + "\",\"reports\":4,\"failing\":3,"))
+        << j.body;
+    EXPECT_TRUE(has(j.body, "{\"area\":\"udp\",\"target\":\"UDP pass-through\",\"reports\":4,"
+                            "\"failing\":0,"))
+        << j.body;
+    EXPECT_EQ(value("SELECT count(*) FROM outcomes WHERE failing = 1"), "4");
+
+    reportd::Browser b = s.signedIn("viewer");
+    auto page = b.get("/fleet?window=6h");
+    ASSERT_EQ(page.status, 200);
+    // Worst first: no network (1 of 1), then port 443 (3 of 4), then the rest.
+    auto rows = page.body.find("<tbody>\n<tr><td>network</td><td>no network at all</td>");
+    ASSERT_NE(rows, std::string::npos) << page.body;
+    auto second = page.body.find("<tr><td>", rows + 10);
+    const std::string worstTarget = "<tr><td>tcp</td><td>" + k443 + "</td>";
+    EXPECT_EQ(page.body.compare(second, worstTarget.size(), worstTarget), 0)
+        << page.body.substr(second, 100);
+    auto svg = page.body.find("<svg", page.body.find("<td>" + k443 + "</td>"));
+    std::string chart = page.body.substr(svg, page.body.find("</svg>", svg) - svg);
+    for (const std::string &part :
+         {std::string(" aria-label=\"failing share and reports per hour, UTC\""),
+          std::string(" text-anchor=\"end\">0%</text>"),
+          std::string(" text-anchor=\"end\">50%</text>"),
+          std::string(" text-anchor=\"end\">100%</text>"),
+          // Each bar's count, and the busiest bucket's volume on its row.
+          std::string(" text-anchor=\"middle\">2/3</text>"),
+          std::string(" text-anchor=\"middle\">1/1</text>"),
+          std::string(" text-anchor=\"end\">3</text>"),
+          // The time axis: the window's first, middle and last hours.
+          std::string(" text-anchor=\"start\">01-15 03:00</text>"),
+          std::string(" text-anchor=\"middle\">01-15 06:00</text>"),
+          std::string(" text-anchor=\"end\">01-15 08:00</text>"),
+          std::string("<title>2027-01-15 06:00: 2 of 3 failing</title>")})
+        EXPECT_TRUE(has(chart, part)) << part << "\n" << chart;
+    EXPECT_TRUE(has(page.body, "</svg><details><summary>Numbers</summary><ul><li>2027-01-15 "
+                               "06:00 UTC: 2 of 3 failing (67%)</li><li>2027-01-15 07:00 UTC: 1 "
+                               "of 1 failing (100%)</li></ul></details>"))
+        << page.body;
+    EXPECT_FALSE(has(page.body, "<script"));
+    // It reloads itself every minute, and a link stops that.
+    EXPECT_TRUE(has(page.body, "<meta http-equiv=\"refresh\" content=\"60\">"));
+    EXPECT_TRUE(has(page.body, "This page reloads itself every minute. <a "
+                               "href=\"/fleet?window=6h&amp;refresh=off\">Stop reloading</a>"))
+        << page.body;
+    auto still = b.get("/fleet?window=6h&refresh=off");
+    EXPECT_FALSE(has(still.body, "http-equiv=\"refresh\""));
+    EXPECT_TRUE(has(still.body, "<a href=\"/fleet?window=6h\">Reload every minute</a>"));
+    // Other pages do not reload.
+    EXPECT_FALSE(has(b.get("/incidents").body, "http-equiv=\"refresh\""));
+}

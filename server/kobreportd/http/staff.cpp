@@ -157,11 +157,12 @@ pages::Viewer Staff::viewer(const Principal &who) const {
 }
 
 void Staff::show(Response &res, int status, const std::string &title, const Principal *who,
-                 const html::Html &body, const std::string &query) {
+                 const html::Html &body, const std::string &query, int refresh) {
     pages::Viewer v;
     v.links = links();
     if (who)
         v = viewer(*who);
+    v.refresh = refresh;
     res.status = status;
     res.setContent(pages::frame(title, v, query, body), "text/html; charset=utf-8");
 }
@@ -561,8 +562,12 @@ void Staff::addFleetPages(RouteTable &table) {
              std::string by = req.param("by");
              if (!breakDown(store_.db(), f, by))
                  by.clear();
+             // On a wall screen the page keeps itself current, unless asked not to.
+             bool refreshing = req.param("refresh") != "off";
              show(res, 200, "The fleet", &who,
-                  pages::fleet(f, links(), by, Incidents(store_.db()).list(now(), true, 20)));
+                  pages::fleet(f, links(), by, Incidents(store_.db()).list(now(), true, 20),
+                               refreshing),
+                  "", refreshing ? kFleetRefresh : 0);
          });
     page(table, Method::Get, "/incidents", Role::Viewer,
          [this](const Request &, Response &res, const Principal &who) {

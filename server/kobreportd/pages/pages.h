@@ -29,6 +29,7 @@ struct Viewer {
     const Principal *who = nullptr; // null on the sign-in page
     std::string csrf;
     Links links;
+    int refresh = 0; // seconds; the page reloads itself after them
 };
 
 // Every page writes its links, form actions and its stylesheet's address
@@ -73,8 +74,9 @@ html::Html signIn(const std::string &csrf, const std::string &next, const std::s
 html::Html message(const std::string &text);
 // by: "" or the breakdown the targets' shares hold ("asn", "country");
 // current: the incidents not resolved, which are what is broken now.
+// refreshing: whether the page reloads itself (the link turns it off or on).
 html::Html fleet(const Fleet &f, const Links &links, const std::string &by = "",
-                 const std::vector<Incident> &current = {});
+                 const std::vector<Incident> &current = {}, bool refreshing = false);
 html::Html incidents(const std::vector<Incident> &list, const Viewer &v);
 
 // One side of a comparison: the report, its outcomes, and its interface
