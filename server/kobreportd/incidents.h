@@ -21,7 +21,7 @@
 namespace kobreportd {
 
 constexpr std::time_t kIncidentQuiet = 3600;
-constexpr std::time_t kIncidentReopen = 6 * 3600;
+constexpr std::time_t kIncidentReopen = std::time_t{6} * 3600;
 
 struct Incident {
     int64_t id = 0;

@@ -206,6 +206,27 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
     return true;
 }
 
+// The database's file system for the scrape, when the probe can tell.
+std::function<Metrics::DiskSpace()> diskSpace(sql::Db &database, const std::string &db) {
+    return [probe = diskProbe(database, db)]() -> Metrics::DiskSpace {
+        auto d = probe();
+        if (!d.free_bytes || !d.total_bytes)
+            return std::nullopt;
+        return std::pair{*d.free_bytes, *d.total_bytes};
+    };
+}
+
+// The webhook's secret and the network files; false with error set when
+// one cannot be read.
+bool readAlertFiles(const Settings &o, WebhookOptions &hook, Networks &networks,
+                    std::string &error) {
+    if (!o.webhookSecret.empty() && !readWebhookSecret(o.webhookSecret, hook.secret)) {
+        error = "cannot read a secret from " + o.webhookSecret;
+        return false;
+    }
+    return networks.open(o.asnDb, o.countryDb, error);
+}
+
 // Before any thread: the fleet's targets and how many networks make a
 // target broken.  False with error set when the list cannot be read.
 bool setFleet(const Settings &o, std::string &error) {
@@ -397,10 +418,8 @@ int main(int argc, char *argv[]) {
         publicUrl = std::move(*parsed);
     }
     WebhookOptions hook{o.webhook, "", publicUrl.url};
-    if (!o.webhookSecret.empty() && !readWebhookSecret(o.webhookSecret, hook.secret))
-        return fail("cannot read a secret from " + o.webhookSecret);
     Networks networks;
-    if (std::string why; !networks.open(o.asnDb, o.countryDb, why))
+    if (std::string why; !readAlertFiles(o, hook, networks, why))
         return fail(why);
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
@@ -453,14 +472,8 @@ int main(int argc, char *argv[]) {
         metrics.setBuild(KOB_VERSION, currentLayout());
         metrics.setStoreSize([probe = diskProbe(*database, db)] { return probe().db_bytes; });
         metrics.setWalSize(walProbe(*database, db));
-        metrics.setDiskGuard(
-            [probe = diskProbe(*database, db)]() -> Metrics::DiskSpace {
-                auto d = probe();
-                if (!d.free_bytes || !d.total_bytes)
-                    return std::nullopt;
-                return std::pair{*d.free_bytes, *d.total_bytes};
-            },
-            o.quotas.min_free_disk, o.quotas.max_db_size);
+        metrics.setDiskGuard(diskSpace(*database, db), o.quotas.min_free_disk,
+                             o.quotas.max_db_size);
     } catch (const StoreError &e) {
         return fail(e.what());
     }
