@@ -17,7 +17,8 @@ jobs=$(nproc)
 # What the operator's side builds with; the client needs none of it.
 hidden_packages=(libpq-dev libsodium-dev libzstd-dev nlohmann-json3-dev libcpp-httplib-dev
   libsqlite3-dev libssl-dev libmicrohttpd-dev libgnutls28-dev libcurl4-gnutls-dev
-  libcurl4-openssl-dev libhowardhinnant-date-dev liboath-dev libqrencode-dev)
+  libcurl4-openssl-dev libhowardhinnant-date-dev liboath-dev libqrencode-dev
+  libmaxminddb-dev)
 
 fail() {
   echo "client-only: $*" >&2
@@ -46,7 +47,8 @@ set -euo pipefail
 mount -t overlay overlay -o "lowerdir=/usr,upperdir=$OVERLAY/upper,workdir=$OVERLAY/work" /usr
 for h in /usr/include/sodium.h /usr/include/zstd.h /usr/include/httplib.h \
          /usr/include/nlohmann/json.hpp /usr/include/postgresql/libpq-fe.h /usr/include/sqlite3.h \
-         /usr/include/liboath/oath.h /usr/include/qrencode.h; do
+         /usr/include/liboath/oath.h /usr/include/qrencode.h
+         /usr/include/maxminddb.h; do
   if [ -e "$h" ]; then echo "client-only: $h is still visible" >&2; exit 1; fi
 done
 rm -rf "$BUILD"
@@ -60,13 +62,13 @@ unshare --mount --propagation private env OVERLAY="$overlay" BUILD="$build" JOBS
 
 # The configure log names none of them, and no shipped client program links
 # one.
-if grep -n -i -E 'sodium|zstd|httplib|nlohmann|postgres|sqlite|openssl|microhttpd|gnutls|curl|oath|qrencode' \
+if grep -n -i -E 'sodium|zstd|httplib|nlohmann|postgres|sqlite|openssl|microhttpd|gnutls|curl|oath|qrencode|maxminddb' \
   "$build.configure.log"; then
   fail "the client-only configure looked for a server dependency"
 fi
 for program in bin/kobdiag/kobdiag tools/koblog tools/kobstat lib/libkob/libkob.so lib/libkobec/libkobec.so; do
   [ -e "$build/$program" ] || fail "$build/$program was not built"
-  if ldd "$build/$program" | grep -E 'sodium|zstd|libpq|sqlite|ssl|crypto|microhttpd|gnutls|curl|oath|qrencode'; then
+  if ldd "$build/$program" | grep -E 'sodium|zstd|libpq|sqlite|ssl|crypto|microhttpd|gnutls|curl|oath|qrencode|maxminddb'; then
     fail "$program links a server dependency"
   fi
 done

@@ -17,6 +17,8 @@ packages=(
   libhowardhinnant-date-dev tzdata
   # the second factor: TOTP codes and the enrolment's QR code
   liboath-dev libqrencode-dev
+  # the sender's network and country for the fleet, and the test databases
+  libmaxminddb-dev libmaxmind-db-writer-perl
   # the example nginx site in front of kobreportd, run by its test on loopback
   nginx
   libclang-rt-14-dev valgrind strace clang-tidy cppcheck python3

@@ -6,21 +6,44 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include <nlohmann/json.hpp>
 
 #include "kobtriage.h"
 #include "log.h"
+#include "html.h"
 
 namespace kobreportd {
 
-AlertTask::AlertTask(sql::Db &db, Metrics &metrics, std::string url, int intervalSeconds)
-    : db_(db), metrics_(metrics), url_(std::move(url)), interval_(intervalSeconds) {
+namespace {
+
+// The one line a chat tool shows: what happened to which target, the
+// last hour's count, and where to look.
+std::string summary(const char *event, const FleetTarget &t, const WebhookOptions &hook) {
+    char share[16];
+    std::snprintf(share, sizeof share, "%.0f%%",
+                  t.hour_reports ? 100.0 * static_cast<double>(t.hour_failing) /
+                                       static_cast<double>(t.hour_reports)
+                                 : 0.0);
+    std::string what = std::string(event) == "raised" ? "Broken now: " : "Recovered: ";
+    return what + t.target + " (" + t.area + "): " + std::to_string(t.hour_failing) + " of " +
+           std::to_string(t.hour_reports) + " reports failing in the last hour (" + share +
+           "), against " + std::to_string(t.baseline_failing) + " of " +
+           std::to_string(t.baseline_reports) + " over the seven days before; " +
+           webhookLink(hook, "/fleet/reports?area=" + html::percentEncode(t.area) +
+                                 "&target=" + html::percentEncode(t.target) + "&window=6h");
+}
+
+} // namespace
+
+AlertTask::AlertTask(sql::Db &db, Metrics &metrics, WebhookOptions webhook, int intervalSeconds)
+    : db_(db), metrics_(metrics), hook_(std::move(webhook)), interval_(intervalSeconds) {
     // The library's global setup is not thread-safe: done here, before the
     // sender exists.
-    if (!url_.empty())
+    if (!hook_.url.empty())
         curl_global_init(CURL_GLOBAL_DEFAULT);
     checker_ = std::thread([this] { run(); });
-    if (!url_.empty())
+    if (!hook_.url.empty())
         sender_ = std::thread([this] { deliver(); });
 }
 
@@ -75,6 +98,7 @@ int AlertTask::check() {
         std::string doc = kobtriage::dumpJson(nlohmann::ordered_json{
             {"event", event},
             {"at", isoTime(t)},
+            {"text", summary(event, target, hook_)},
             {"area", target.area},
             {"target", target.target},
             {"share", share},
@@ -85,10 +109,11 @@ int AlertTask::check() {
             {"baseline_reports", target.baseline_reports},
             {"samples", failingReports(db_, target.area, target.target, t - 3600, 5)}});
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!url_.empty())
+        if (!hook_.url.empty())
             outbox_.push_back(std::move(doc));
         wake_.notify_all();
     }
+    changed += Incidents(db_).update(f, t);
     // For the scrape: what is open in the shared database, and when that
     // was last seen, so that a stale figure can be told from a fresh one.
     metrics_.alertsOpen(
@@ -114,7 +139,11 @@ bool AlertTask::post(const std::string &body) {
     if (!c)
         return false;
     struct curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    curl_easy_setopt(c, CURLOPT_URL, url_.c_str());
+    // Signed at each try, so that the time it names is the time it is sent.
+    if (!hook_.secret.empty())
+        headers = curl_slist_append(
+            headers, ("X-Kob-Signature: " + webhookSignature(hook_.secret, now(), body)).c_str());
+    curl_easy_setopt(c, CURLOPT_URL, hook_.url.c_str());
     curl_easy_setopt(c, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(c, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
@@ -141,19 +170,29 @@ void AlertTask::deliver() {
         if (stop_)
             return;
         std::string body = outbox_.front();
-        // Back-off from one second, doubling to a minute, for about an hour.
+        // A few tries, one second apart and doubling: a receiver that is
+        // down for longer is told by the next change, and the scrape counts
+        // what it missed.
         int wait = 1;
         bool sent = false;
-        for (int attempt = 0; attempt < 64 && !sent && !stop_; attempt++) {
+        for (int attempt = 0; attempt < hook_.tries && !sent && !stop_; attempt++) {
             lock.unlock();
             sent = post(body);
             lock.lock();
-            if (!sent)
+            if (sent)
+                break;
+            metrics_.webhookFailed();
+            if (attempt + 1 < hook_.tries)
                 wake_.wait_for(lock, std::chrono::seconds(wait), [this] { return stop_; });
-            wait = std::min(wait * 2, 60);
+            wait *= 2;
         }
-        if (!sent && !stop_)
-            log::error("alert_dropped", {{"reason", "the webhook did not accept it"}});
+        if (sent)
+            metrics_.webhookDelivered();
+        else if (!stop_) {
+            metrics_.webhookDropped();
+            log::error("alert_dropped",
+                       {{"reason", "the webhook did not accept it"}, {"tries", hook_.tries}});
+        }
         outbox_.pop_front();
     }
 }

@@ -2,8 +2,9 @@
 // it is cleared when the last hour's failing share has come back to within
 // half the rise of its baseline (kBrokenMinRise / 2), so that a share
 // hovering at the threshold does not raise and clear over and over.  Each
-// change is posted as JSON to a webhook, retried with back-off, by a
-// thread of its own: the intake never waits for it.  Open alerts live in
+// change is posted as JSON to a webhook (webhook.h), signed when a secret
+// is set, tried a few times with back-off, by a thread of its own: the
+// intake never waits for it.  Open alerts live in
 // the database, so instances sharing one raise each alert once.
 
 #ifndef KOBREPORTD_ALERTS_H
@@ -17,14 +18,15 @@
 
 #include "metrics.h"
 #include "sql.h"
+#include "webhook.h"
 
 namespace kobreportd {
 
 class AlertTask {
   public:
-    // Checks the fleet every intervalSeconds and posts to url (empty: the
-    // alerts are kept and shown, and posted nowhere).
-    AlertTask(sql::Db &db, Metrics &metrics, std::string url, int intervalSeconds);
+    // Checks the fleet every intervalSeconds and posts to the webhook (no
+    // URL: the alerts are kept and shown, and posted nowhere).
+    AlertTask(sql::Db &db, Metrics &metrics, WebhookOptions webhook, int intervalSeconds);
     ~AlertTask();
     AlertTask(const AlertTask &) = delete;
     AlertTask &operator=(const AlertTask &) = delete;
@@ -39,7 +41,7 @@ class AlertTask {
 
     sql::Db &db_;
     Metrics &metrics_;
-    std::string url_;
+    WebhookOptions hook_;
     int interval_;
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <tuple>
 
 #include "kobrun.h"
 #include "kobreportd_targets.h"
@@ -119,9 +120,14 @@ std::string senderNetwork(const std::string &address) {
 Triaged triage(std::string_view text) {
     auto report = kobtriage::parse(text);
     std::vector<Outcome> counted;
-    for (auto &o : outcomesOf(report))
-        if (fleetPolicy().counts(o.area, o.target))
-            counted.push_back(std::move(o));
+    bool noNetwork = std::any_of(report.verdicts.begin(), report.verdicts.end(),
+                                 [](const kobtriage::Verdict &v) { return v.rule == "net.none"; });
+    if (noNetwork)
+        counted.push_back({kNoNetworkArea, kNoNetwork, true});
+    else
+        for (auto &o : outcomesOf(report))
+            if (fleetPolicy().counts(o.area, o.target))
+                counted.push_back(std::move(o));
     return {report.username,
             report.summary(),
             std::move(counted),
@@ -224,7 +230,15 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
             t->baseline_reports = before.integer(i, "reports");
             t->baseline_failing = before.integer(i, "failing");
         }
+    // Targets seen for a week have a baseline whatever their volume.
+    std::set<std::pair<std::string, std::string>> weekOld;
+    auto first = db.read("SELECT area, target, min(hour) AS first FROM outcome_hours"
+                         " WHERE reports > 0 GROUP BY area, target");
+    for (size_t i = 0; i < first.size(); i++)
+        if (first.integer(i, "first") * 3600 <= now - std::time_t{7} * 86400)
+            weekOld.insert({first.str(i, "area"), first.str(i, "target")});
     for (auto &[key, t] : byTarget) {
+        bool baselined = t.baseline_reports >= policy.min_baseline || weekOld.count(key) != 0;
         double p = (static_cast<double>(t.baseline_failing) + 1) /
                    (static_cast<double>(t.baseline_reports) + 2);
         t.baseline = p;
@@ -233,12 +247,57 @@ Fleet fleet(sql::Db &db, const std::string &window, std::time_t now) {
             double s = static_cast<double>(t.hour_failing) / n;
             double z = (s - p) / std::sqrt(p * (1 - p) / n);
             t.broken = s - p >= kBrokenMinRise && z >= kBrokenZ &&
-                       t.hour_failing_networks >= policy.min_senders;
+                       t.hour_failing_networks >= policy.min_senders && baselined;
         }
     }
     for (auto &[key, t] : byTarget)
         f.targets.push_back(std::move(t));
     return f;
+}
+
+bool breakDown(sql::Db &db, Fleet &f, const std::string &by) {
+    if (by != "asn" && by != "country")
+        return false;
+    // An AS may change its name over the window: the latest is shown.
+    std::string q =
+        by == "asn"
+            ? "SELECT o.area AS area, o.target AS target, n.asn AS asn, max(n.as_name) AS name,"
+              " count(*) AS reports, CAST(sum(o.failing) AS BIGINT) AS failing FROM outcomes o"
+              " LEFT JOIN report_networks n ON n.report_id = o.report_id"
+              " WHERE o.received_at >= $1 AND o.received_at < $2 GROUP BY o.area, o.target, n.asn"
+            : "SELECT o.area AS area, o.target AS target, coalesce(n.country, '') AS name,"
+              " count(*) AS reports, CAST(sum(o.failing) AS BIGINT) AS failing FROM outcomes o"
+              " LEFT JOIN report_networks n ON n.report_id = o.report_id"
+              " WHERE o.received_at >= $1 AND o.received_at < $2"
+              " GROUP BY o.area, o.target, coalesce(n.country, '')";
+    auto rows = db.read(q, {sql::integer(f.from), sql::integer(f.to)});
+    std::map<std::pair<std::string, std::string>, FleetTarget *> byTarget;
+    for (auto &t : f.targets)
+        byTarget[{t.area, t.target}] = &t;
+    for (size_t i = 0; i < rows.size(); i++) {
+        auto it = byTarget.find({rows.str(i, "area"), rows.str(i, "target")});
+        if (it == byTarget.end())
+            continue;
+        FleetShare share;
+        if (by == "asn" && !rows.isNull(i, "asn"))
+            share.asn = rows.integer(i, "asn");
+        if (!rows.isNull(i, "name"))
+            share.name = rows.str(i, "name");
+        share.reports = rows.integer(i, "reports");
+        share.failing = rows.integer(i, "failing");
+        it->second->shares.push_back(std::move(share));
+    }
+    for (auto &t : f.targets)
+        std::sort(t.shares.begin(), t.shares.end(), [](const FleetShare &a, const FleetShare &b) {
+            if (a.failing != b.failing)
+                return a.failing > b.failing;
+            if (a.reports != b.reports)
+                return a.reports > b.reports;
+            // Unknown networks after known ones at a tie.
+            bool au = !a.asn && a.name.empty(), bu = !b.asn && b.name.empty();
+            return std::tie(au, a.asn, a.name) < std::tie(bu, b.asn, b.name);
+        });
+    return true;
 }
 
 std::vector<std::string> failingReports(sql::Db &db, const std::string &area,

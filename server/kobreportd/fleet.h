@@ -17,7 +17,9 @@
 //
 // ... and the failing reports of the last hour came from at least
 // min_senders client networks (a /24 for IPv4, a /48 for IPv6), so that
-// one sender cannot make a target look broken.
+// one sender cannot make a target look broken; and the target has a
+// baseline: min_baseline reports over those seven days, or a first report
+// at least a week old.
 //
 // Only the targets kobdiag probes count (FleetPolicy): a report may name
 // any heading, which stays in the report but never becomes a fleet row.
@@ -49,14 +51,24 @@ struct Outcome {
 
 std::vector<Outcome> outcomesOf(const kobtriage::Report &report);
 
+// A report that found no network at all (the rule net.none) fails every
+// probe for a reason of the user's own: it counts once, as this row, and
+// as no target's failure.
+inline constexpr const char *kNoNetworkArea = "network";
+inline constexpr const char *kNoNetwork = "no network at all";
+
 // Which targets the fleet counts and how many client networks make a
 // failure broken.  Set once at start-up, before any thread reads it.
 struct FleetPolicy {
     std::set<std::pair<std::string, std::string>> targets; // (area, target)
     int min_senders = 5;
+    // Reports over the seven days before that a target needs to be broken,
+    // unless its first report is a week old: no baseline, no alert.
+    int min_baseline = 20;
 
     bool counts(const std::string &area, const std::string &target) const {
-        return targets.count({area, target}) != 0;
+        return targets.count({area, target}) != 0 ||
+               (area == kNoNetworkArea && target == kNoNetwork);
     }
     // The targets of the kobdiag this tree builds: the pass-through, the
     // TCP probes by heading, the intranet gateways and the traceroute.
@@ -101,6 +113,13 @@ struct FleetBucket {
     int64_t reports = 0, failing = 0;
 };
 
+// One network's or country's part of a target's reports over the window.
+struct FleetShare {
+    std::optional<int64_t> asn; // by asn; nothing for reports of no known network
+    std::string name;           // the AS's name, or the country's code; "" unknown
+    int64_t reports = 0, failing = 0;
+};
+
 struct FleetTarget {
     std::string area, target;
     int64_t reports = 0, failing = 0; // in the whole window
@@ -111,6 +130,7 @@ struct FleetTarget {
     int64_t hour_failing_networks = 0; // client networks among hour_failing
     double baseline = 0;               // smoothed share
     bool broken = false;
+    std::vector<FleetShare> shares; // with a breakdown: most failing first
 };
 
 struct Fleet {
@@ -123,6 +143,11 @@ struct Fleet {
 std::optional<std::time_t> windowSeconds(const std::string &window);
 
 Fleet fleet(sql::Db &db, const std::string &window, std::time_t now);
+
+// Each target's reports over the window by the sender's network ("asn") or
+// country ("country"), as report_networks has them (networks.h); reports
+// without a row are one share of their own, unknown.  False for another by.
+bool breakDown(sql::Db &db, Fleet &f, const std::string &by);
 
 // References of the reports that found target failing since `since`,
 // newest first.

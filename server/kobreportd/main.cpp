@@ -22,6 +22,8 @@
 #include "accounts.h"
 #include "alerts.h"
 #include "auth_proxy.h"
+#include "networks.h"
+#include "webhook.h"
 #include "audit.h"
 #include "clock.h"
 #include "commands.h"
@@ -109,8 +111,10 @@ int printRoutes() {
 
 // What the server is started with.
 struct Settings {
-    std::string listen, staffListen, db, webhook, targets, publicUrl, commonPasswords, ticketUrl;
-    int alertCheck = 60, minSenders = 5;
+    std::string listen, staffListen, db, webhook, webhookSecret, targets, publicUrl,
+        commonPasswords, ticketUrl;
+    std::string asnDb, countryDb;
+    int alertCheck = 60, minSenders = 5, minBaseline = 20;
     Limits limits;
     StaffOptions staff;
     QuotaOptions quotas;
@@ -183,14 +187,22 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
         else if (a == "--alert-webhook" && (std::string(v).rfind("http://", 0) == 0 ||
                                             std::string(v).rfind("https://", 0) == 0))
             o.webhook = v;
+        else if (a == "--alert-webhook-secret")
+            o.webhookSecret = v;
         else if (a == "--alert-check" && number(v, 86400, n) && n > 0)
             o.alertCheck = static_cast<int>(n);
         else if (a == "--alert-min-senders" && number(v, 1000000, n) && n > 0)
             o.minSenders = static_cast<int>(n);
+        else if (a == "--alert-min-baseline" && number(v, 100000000, n))
+            o.minBaseline = static_cast<int>(n);
         else if (a == "--targets")
             o.targets = v;
         else if (a == "--common-passwords")
             o.commonPasswords = v;
+        else if (a == "--asn-db")
+            o.asnDb = v;
+        else if (a == "--country-db")
+            o.countryDb = v;
         else if (a == "--public-url")
             o.publicUrl = v;
         else if (a == "--ticket-url" && validTicketPattern(v))
@@ -245,6 +257,27 @@ bool parseOptions(int argc, char *argv[], Settings &o) {
     return true;
 }
 
+// The database's file system for the scrape, when the probe can tell.
+std::function<Metrics::DiskSpace()> diskSpace(sql::Db &database, const std::string &db) {
+    return [probe = diskProbe(database, db)]() -> Metrics::DiskSpace {
+        auto d = probe();
+        if (!d.free_bytes || !d.total_bytes)
+            return std::nullopt;
+        return std::pair{*d.free_bytes, *d.total_bytes};
+    };
+}
+
+// The webhook's secret and the network files; false with error set when
+// one cannot be read.
+bool readAlertFiles(const Settings &o, WebhookOptions &hook, Networks &networks,
+                    std::string &error) {
+    if (!o.webhookSecret.empty() && !readWebhookSecret(o.webhookSecret, hook.secret)) {
+        error = "cannot read a secret from " + o.webhookSecret;
+        return false;
+    }
+    return networks.open(o.asnDb, o.countryDb, error);
+}
+
 // Before any thread: the fleet's targets and how many networks make a
 // target broken.  False with error set when the list cannot be read.
 bool setFleet(const Settings &o, std::string &error) {
@@ -256,6 +289,7 @@ bool setFleet(const Settings &o, std::string &error) {
         policy = std::move(*fromFile);
     }
     policy.min_senders = o.minSenders;
+    policy.min_baseline = o.minBaseline;
     setFleetPolicy(std::move(policy));
     return true;
 }
@@ -436,6 +470,10 @@ int main(int argc, char *argv[]) {
     }
     if (int status = checkProxySignIn(o))
         return status;
+    WebhookOptions hook{o.webhook, "", publicUrl.url};
+    Networks networks;
+    if (std::string why; !readAlertFiles(o, hook, networks, why))
+        return fail(why);
     if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
         return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
                     "proxies named there");
@@ -492,11 +530,13 @@ int main(int argc, char *argv[]) {
         metrics.setBuild(KOB_VERSION, currentLayout());
         metrics.setStoreSize([probe = diskProbe(*database, db)] { return probe().db_bytes; });
         metrics.setWalSize(walProbe(*database, db));
+        metrics.setDiskGuard(diskSpace(*database, db), o.quotas.min_free_disk,
+                             o.quotas.max_db_size);
     } catch (const StoreError &e) {
         return fail(e.what());
     }
 
-    AlertTask alerts(*database, metrics, o.webhook, o.alertCheck);
+    AlertTask alerts(*database, metrics, std::move(hook), o.alertCheck);
     Health health(*database, quotas.get());
     Guard guard(*accounts, tls, publicUrl);
     guard.requireSecondFactor(o.secondFactors);
@@ -504,7 +544,7 @@ int main(int argc, char *argv[]) {
     if (!o.authProxy.user_header.empty())
         guard.signInThroughProxy(&authProxy);
     SecondFactors factors(*database, *audit, secondFactorKeyFile(o, *database));
-    Intake intake(*store, limits, metrics, quotas.get());
+    Intake intake(*store, limits, metrics, quotas.get(), &networks);
     Staff staffSide(*store, *accounts, *audit, metrics, guard, tls, staff.retain_days);
     staffSide.setPasswordRules(std::move(*passwordRules));
     staffSide.useSecondFactors(factors, o.secondFactors);

@@ -173,6 +173,12 @@ void Metrics::setWalSize(std::function<std::optional<uint64_t>()> size) {
     walSize_ = std::move(size);
 }
 
+void Metrics::setDiskGuard(std::function<DiskSpace()> space, double minFree, uint64_t maxDbSize) {
+    diskSpace_ = std::move(space);
+    minFree_ = minFree;
+    maxDbSize_ = maxDbSize;
+}
+
 void Metrics::databaseCall(double seconds, bool failed) {
     database_.observe(seconds);
     if (failed)
@@ -230,6 +236,22 @@ std::string Metrics::serverText() const {
                "The size on disk of the database's write-ahead log.", "gauge");
         sample(out, "kobreportd_database_wal_bytes", static_cast<double>(*size));
     }
+    if (auto space = diskSpace_ ? diskSpace_() : std::nullopt) {
+        header(out, "kobreportd_disk_free_bytes",
+               "Free bytes on the database's file system, as the disk guard sees them.", "gauge");
+        sample(out, "kobreportd_disk_free_bytes", static_cast<double>(space->first));
+        header(out, "kobreportd_disk_size_bytes", "The size of the database's file system.",
+               "gauge");
+        sample(out, "kobreportd_disk_size_bytes", static_cast<double>(space->second));
+    }
+    header(out, "kobreportd_disk_min_free_ratio",
+           "The share of the file system the disk guard keeps free (--min-free-disk).", "gauge");
+    sample(out, "kobreportd_disk_min_free_ratio", minFree_);
+    if (maxDbSize_) {
+        header(out, "kobreportd_database_max_size_bytes",
+               "The database's cap, beyond which uploads are refused (--max-db-size).", "gauge");
+        sample(out, "kobreportd_database_max_size_bytes", static_cast<double>(maxDbSize_));
+    }
     out += database_.text("kobreportd_database_query_duration_seconds",
                           "Time one read or one write transaction (its commit included) took the "
                           "database, waiting for a connection or the writer's turn included.");
@@ -278,6 +300,15 @@ std::string Metrics::text() const {
     header(out, "kobreportd_alerts_raised_total", "Alerts raised by this instance since the start.",
            "counter");
     sample(out, "kobreportd_alerts_raised_total", static_cast<double>(alerts_));
+    header(out, "kobreportd_webhook_deliveries_total",
+           "Alert deliveries the webhook accepted since the start.", "counter");
+    sample(out, "kobreportd_webhook_deliveries_total", static_cast<double>(webhookDelivered_));
+    header(out, "kobreportd_webhook_failures_total",
+           "Webhook posts refused or unanswered, each try counted.", "counter");
+    sample(out, "kobreportd_webhook_failures_total", static_cast<double>(webhookFailures_));
+    header(out, "kobreportd_webhook_dropped_total",
+           "Alert deliveries given up after their last try.", "counter");
+    sample(out, "kobreportd_webhook_dropped_total", static_cast<double>(webhookDropped_));
     // Left out until a check has run: no figure rather than a false zero.
     if (alertsAt_) {
         header(out, "kobreportd_alerts_open", "Alerts open in the database at the last check.",

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 
 namespace kobreportd {
 
@@ -51,6 +52,11 @@ class Metrics {
     // The write-ahead log's bytes on disk, read at each scrape; nothing for
     // a database that keeps no such file of ours (PostgreSQL).
     void setWalSize(std::function<std::optional<uint64_t>()> size);
+    // The disk guard's figures, read at each scrape: the database's file
+    // system as free and total bytes (nothing when it cannot tell, as for
+    // PostgreSQL), the share kept free and the database's cap (0: none).
+    using DiskSpace = std::optional<std::pair<uint64_t, uint64_t>>;
+    void setDiskGuard(std::function<DiskSpace()> space, double minFree, uint64_t maxDbSize);
     // One read, transaction or clean-up the database ran, and whether the
     // database failed it.
     void databaseCall(double seconds, bool failed);
@@ -68,6 +74,11 @@ class Metrics {
     void triage(double seconds) { triage_.observe(seconds); }
     void stored() { stored_++; }
     void alertRaised() { alerts_++; }
+    // One webhook post that was refused or not answered; one delivery
+    // accepted; one given up after its last try.
+    void webhookFailed() { webhookFailures_++; }
+    void webhookDelivered() { webhookDelivered_++; }
+    void webhookDropped() { webhookDropped_++; }
     // The alerts open in the database, as the check at `at` found them.
     void alertsOpen(int64_t n, std::time_t at) {
         alertsOpen_ = n;
@@ -87,12 +98,16 @@ class Metrics {
     std::array<std::atomic<uint64_t>, kCodes.size() + 1> uploads_{}; // the last: any other
     std::array<std::atomic<uint64_t>, kRefusals.size()> refusals_{};
     std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0}, expired_{0};
+    std::atomic<uint64_t> webhookFailures_{0}, webhookDelivered_{0}, webhookDropped_{0};
     std::atomic<int64_t> inflight_{0}, retentionAt_{0}, alertsOpen_{0}, alertsAt_{0};
     Histogram duration_, triage_, database_{Histogram::kDatabaseBounds};
     std::atomic<uint64_t> databaseErrors_{0};
     std::string version_ = "unknown";
     int layout_ = 0;
     std::function<std::optional<uint64_t>()> storeSize_, walSize_;
+    std::function<DiskSpace()> diskSpace_;
+    double minFree_ = 0;
+    uint64_t maxDbSize_ = 0;
     // Requests by listener, route and code; the routes are the table's
     // patterns and the codes a handful, so this stays small.
     mutable std::mutex requestsMutex_;

@@ -136,7 +136,10 @@ expect_contents kobreportd usr/sbin/kobreportd usr/share/man/man8/kobreportd.8.g
     usr/share/kobreportd/common-passwords.txt \
     lib/systemd/system/kobreportd.service usr/lib/sysusers.d/kobreportd.conf etc/default/kobreportd \
     usr/share/doc/kobreportd/examples/nginx-kobreportd.conf \
-    usr/share/doc/kobreportd/examples/nginx-kobreportd-sso.conf
+    usr/share/doc/kobreportd/examples/nginx-kobreportd-sso.conf \
+    usr/share/doc/kobreportd/examples/kobreportd-alerts.yml \
+    usr/share/doc/kobreportd/examples/kobreportd-alerts.test.yml \
+    usr/share/doc/kobreportd/examples/kobreportd-dashboard.json
 field() { dpkg-deb -f "$(deb "$1")" "${@:2}"; }
 for pkg in "${packages[@]}"; do
     [ "$(field "$pkg" Version)" = "$version" ] || fail "$pkg has Version $(field "$pkg" Version)"

@@ -5,6 +5,7 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "staff.h"
 
@@ -187,6 +188,11 @@ void Staff::addFleetApi(RouteTable &table) {
                 return;
             }
             Fleet f = fleet(store_.db(), w, now());
+            std::string by = req.param("by");
+            if (req.hasParam("by") && !breakDown(store_.db(), f, by)) {
+                jsonError(res, 400, "by is one of asn, country");
+                return;
+            }
             Json targets = Json::array();
             for (const auto &t : f.targets) {
                 Json buckets = Json::array();
@@ -206,13 +212,58 @@ void Staff::addFleetApi(RouteTable &table) {
                                       {"failing", t.baseline_failing},
                                       {"share", t.baseline}}},
                     {"buckets", std::move(buckets)}});
+                if (!req.hasParam("by"))
+                    continue;
+                Json shares = Json::array();
+                for (const auto &n : t.shares)
+                    shares.push_back(by == "asn"
+                                         ? Json{{"asn", n.asn ? Json(*n.asn) : Json(nullptr)},
+                                                {"name", n.name},
+                                                {"reports", n.reports},
+                                                {"failing", n.failing}}
+                                         : Json{{"country", n.name},
+                                                {"reports", n.reports},
+                                                {"failing", n.failing}});
+                targets.back()["by_" + by] = std::move(shares);
             }
-            json(res, 200,
-                 Json{{"window", f.window},
-                      {"from", isoTime(f.from)},
-                      {"to", isoTime(f.to)},
-                      {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)},
-                      {"targets", std::move(targets)}});
+            Json doc{{"window", f.window},
+                     {"from", isoTime(f.from)},
+                     {"to", isoTime(f.to)},
+                     {"bucket_seconds", static_cast<int64_t>(f.bucket_seconds)}};
+            if (req.hasParam("by"))
+                doc["by"] = by;
+            doc["targets"] = std::move(targets);
+            json(res, 200, doc);
+        });
+    api(table, Method::Get, "/api/incidents", Role::Viewer,
+        [this](const Request &, Response &res, const Principal &) {
+            Json list = Json::array();
+            for (const auto &i : Incidents(store_.db()).list(now(), false, 100)) {
+                Json targets = Json::array(), networks = Json::array();
+                for (const auto &[area, target] : i.targets)
+                    targets.push_back(Json{{"area", area}, {"target", target}});
+                for (const auto &n : i.networks)
+                    networks.push_back(Json{{"asn", *n.asn},
+                                            {"name", n.name},
+                                            {"reports", n.reports},
+                                            {"failing", n.failing}});
+                list.push_back(Json{
+                    {"id", i.id},
+                    {"status", i.status},
+                    {"started_at", isoTime(i.started_at)},
+                    {"targets", std::move(targets)},
+                    {"reports", i.reports},
+                    {"failing", i.failing},
+                    {"users", i.users},
+                    {"networks", std::move(networks)},
+                    {"reopened", i.reopened},
+                    {"acknowledged_by", orNull(i.acknowledged_by)},
+                    {"acknowledged_at",
+                     i.acknowledged_at ? Json(isoTime(*i.acknowledged_at)) : Json(nullptr)},
+                    {"resolved_at", i.resolved_at ? Json(isoTime(*i.resolved_at)) : Json(nullptr)},
+                    {"summary", i.summary()}});
+            }
+            json(res, 200, Json{{"incidents", std::move(list)}});
         });
     // For Prometheus, with a metrics token (or any other API token).
     api(table, Method::Get, "/metrics", Role::Metrics,

@@ -61,8 +61,9 @@ int RateLimiter::take(const std::string &address) {
     return static_cast<int>(std::ceil((1 - b.tokens) / perSecond));
 }
 
-Intake::Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas)
-    : store_(store), limits_(limits), metrics_(metrics), quotas_(quotas),
+Intake::Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas,
+               const Networks *networks)
+    : store_(store), limits_(limits), metrics_(metrics), quotas_(quotas), networks_(networks),
       rate_(limits.rate_per_minute) {}
 
 void Intake::addRoutes(RouteTable &table) {
@@ -189,6 +190,8 @@ void Intake::upload(const Request &req, Response &res) {
         nr.issue = std::move(t.issue);
     }
     nr.peer = req.client_address;
+    if (networks_ && networks_->any())
+        nr.network = networks_->lookup(req.client_address);
     try {
         std::string ref = store_.insert(nr);
         metrics_.stored();

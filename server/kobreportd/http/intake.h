@@ -13,6 +13,7 @@
 #include <string>
 
 #include "metrics.h"
+#include "networks.h"
 #include "quotas.h"
 #include "routes.h"
 #include "server.h"
@@ -64,8 +65,10 @@ constexpr const char *kUploadPath = "/report/problem.php";
 // from the listener.
 class Intake {
   public:
-    // quotas may be null: no budget and no disk guard.
-    Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas = nullptr);
+    // quotas may be null: no budget and no disk guard; networks too: no
+    // sender's network is kept.
+    Intake(Store &store, const Limits &limits, Metrics &metrics, Quotas *quotas = nullptr,
+           const Networks *networks = nullptr);
     void addRoutes(RouteTable &table);
     UploadHooks hooks();
 
@@ -76,6 +79,7 @@ class Intake {
     Limits limits_;
     Metrics &metrics_;
     Quotas *quotas_;
+    const Networks *networks_;
     RateLimiter rate_;
     std::atomic<int> inflight_{0};
 };

@@ -8,6 +8,7 @@
 
 #include "clock.h"
 #include "fleet.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "mask.h"
 #include "pack.h"
@@ -152,11 +153,12 @@ pages::Viewer Staff::viewer(const Principal &who) const {
 }
 
 void Staff::show(Response &res, int status, const std::string &title, const Principal *who,
-                 const html::Html &body, const std::string &query) {
+                 const html::Html &body, const std::string &query, int refresh) {
     pages::Viewer v;
     v.links = links();
     if (who)
         v = viewer(*who);
+    v.refresh = refresh;
     res.status = status;
     res.setContent(pages::frame(title, v, query, body), "text/html; charset=utf-8");
 }
@@ -625,7 +627,39 @@ void Staff::addFleetPages(RouteTable &table) {
              std::string w = req.hasParam("window") ? req.param("window") : "24h";
              if (!windowSeconds(w))
                  w = "24h";
-             show(res, 200, "The fleet", &who, pages::fleet(fleet(store_.db(), w, now()), links()));
+             Fleet f = fleet(store_.db(), w, now());
+             std::string by = req.param("by");
+             if (!breakDown(store_.db(), f, by))
+                 by.clear();
+             // On a wall screen the page keeps itself current, unless asked not to.
+             // Asked for: a page that reloads on its own is one a person did
+             // not choose to leave (and screen readers lose their place).
+             bool refreshing = req.param("refresh") == "on";
+             show(res, 200, "The fleet", &who,
+                  pages::fleet(f, links(), by, Incidents(store_.db()).list(now(), true, 20),
+                               refreshing),
+                  "", refreshing ? kFleetRefresh : 0);
+         });
+    page(table, Method::Get, "/incidents", Role::Viewer,
+         [this](const Request &, Response &res, const Principal &who) {
+             show(res, 200, "Incidents", &who,
+                  pages::incidents(Incidents(store_.db()).list(now(), false, 100), viewer(who)));
+         });
+    // Anyone on call may acknowledge; the audit log says who did.
+    page(table, Method::Post, "/incidents/{id}/acknowledge", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             const std::string &id = req.matches[1];
+             bool digits = !id.empty() && id.size() < 16 &&
+                           id.find_first_not_of("0123456789") == std::string::npos;
+             if (!digits ||
+                 !Incidents(store_.db()).acknowledge(std::stoll(id), who.account, now())) {
+                 show(res, 404, "Incidents", &who,
+                      pages::message("No open incident " + id + " to acknowledge."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "incident.acknowledged", "",
+                           "incident " + id);
+             seeOther(res, links().path("/incidents"));
          });
     page(table, Method::Get, "/fleet/reports", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {

@@ -150,8 +150,10 @@ class Staff {
     pages::Viewer viewer(const Principal &who) const;
     // Where the pages are, as the browser reaches them.
     const Links &links() const { return guard_.links(); }
+    // refresh: seconds after which the browser loads the page again, 0 never.
     void show(Response &res, int status, const std::string &title, const Principal *who,
-              const html::Html &body, const std::string &query = "");
+              const html::Html &body, const std::string &query = "", int refresh = 0);
+    static constexpr int kFleetRefresh = 60;
     void notFound(Response &res, const Principal &who, const std::string &ref);
     void reportPage(const Request &req, Response &res, const Principal &who, bool reveal);
     void accountsPage(Response &res, const Principal &who, const std::string &msg,

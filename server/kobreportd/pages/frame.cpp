@@ -148,9 +148,10 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
                   const Html &body) {
     Html h;
     h << "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
-         "<title>"
-      << text(title) << "</title><link rel=\"stylesheet\" href=\""
+         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">";
+    if (v.refresh > 0)
+        h << "<meta http-equiv=\"refresh\" content=\"" << v.refresh << "\">";
+    h << "<title>" << text(title) << "</title><link rel=\"stylesheet\" href=\""
       << v.links.href("/static/style.css")
       << "\"></head>\n<body><a class=\"skip\" href=\"#content\">Skip to the content</a>"
          "<header><h1><a href=\""

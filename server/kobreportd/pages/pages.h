@@ -14,6 +14,7 @@
 #include "fleet.h"
 #include "html.h"
 #include "issues.h"
+#include "incidents.h"
 #include "kobtriage.h"
 #include "pack.h"
 #include "public_url.h"
@@ -29,6 +30,7 @@ struct Viewer {
     const Principal *who = nullptr; // null on the sign-in page
     std::string csrf;
     Links links;
+    int refresh = 0; // seconds; the page reloads itself after them
 };
 
 // Every page writes its links, form actions and its stylesheet's address
@@ -99,7 +101,12 @@ html::Html signInCode(const std::string &csrf, const std::string &next, const st
                       const Links &links);
 // text as a QR code, drawn as SVG squares (no image file, no script).
 html::Html qrCode(const std::string &text);
-html::Html fleet(const Fleet &f, const Links &links);
+// by: "" or the breakdown the targets' shares hold ("asn", "country");
+// current: the incidents not resolved, which are what is broken now.
+// refreshing: whether the page reloads itself (the link turns it off or on).
+html::Html fleet(const Fleet &f, const Links &links, const std::string &by = "",
+                 const std::vector<Incident> &current = {}, bool refreshing = false);
+html::Html incidents(const std::vector<Incident> &list, const Viewer &v);
 
 // One side of a comparison: the report, its outcomes, and its interface
 // and route captures as this viewer may see them.

@@ -243,6 +243,15 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);
+    // The sender's network in a table of its own, which never holds the
+    // address: it outlives the raw text's expiry.
+    if (r.network.known())
+        c.query("INSERT INTO report_networks (report_id, received_at, asn, as_name, country)"
+                " VALUES ($1, $2, $3, $4, $5)",
+                {sql::integer(id), sql::integer(r.received_at),
+                 r.network.asn ? sql::integer(*r.network.asn) : sql::null(),
+                 sql::text(cleanText(r.network.as_name.substr(0, 200))),
+                 sql::text(cleanText(r.network.country.substr(0, 8)))});
     return ref;
 }
 

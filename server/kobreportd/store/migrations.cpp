@@ -248,6 +248,25 @@ void issuesAndWorkflow(sql::Dialect d, sql::Conn &c) {
     c.query("CREATE INDEX IF NOT EXISTS audit_by_reference ON audit (action, reference, id)");
 }
 
+// The network and country each report was sent from, as the operator's
+// MaxMind DB files name them; never the address.  Reports stored before,
+// or without the files, have no row.  And incidents: broken targets that
+// fail together, with their status (incidents.h).
+void networksAndIncidents(sql::Dialect d, sql::Conn &c) {
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS report_networks ("
+                   " report_id {INT} PRIMARY KEY, received_at {INT} NOT NULL, asn {INT},"
+                   " as_name TEXT NOT NULL, country TEXT NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS report_networks_by_time ON report_networks"
+            " (received_at)");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS incidents ("
+                   " id {ID}, started_at {INT} NOT NULL, last_active {INT} NOT NULL,"
+                   " status TEXT NOT NULL, acknowledged_by TEXT, acknowledged_at {INT},"
+                   " resolved_at {INT}, reopened {INT} NOT NULL)"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS incident_targets ("
+                   " incident_id {INT} NOT NULL, area TEXT NOT NULL, target TEXT NOT NULL,"
+                   " PRIMARY KEY (incident_id, area, target))"));
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -284,6 +303,7 @@ constexpr Step kSteps[] = {
     {11, secondFactorsAndProxySignIn},
     {12, staffZones},
     {13, issuesAndWorkflow},
+    {14, networksAndIncidents},
 };
 // clang-format on
 

@@ -178,6 +178,8 @@ bool Store::remove(const std::string &reference) {
         if (!found)
             return;
         dropOutcomes(c, rows.integer(0, "id"));
+        c.query("DELETE FROM report_networks WHERE report_id = $1",
+                {sql::integer(rows.integer(0, "id"))});
     });
     if (found)
         db_.scrub();

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fleet.h"
+#include "networks.h"
 #include "sql.h"
 
 namespace kobreportd {
@@ -33,6 +34,7 @@ struct NewReport {
     int rules = 0;                 // the version of the rules that judged it
     std::string findings;          // the triage's, as kobtriage::toStored writes them
     IssueKey issue;                // the issue it belongs to (issues.h)
+    Network network;               // where peer is, when --asn-db or --country-db say
 };
 
 struct StoredReport {
