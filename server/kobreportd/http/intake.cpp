@@ -186,6 +186,9 @@ void Intake::upload(const Request &req, Response &res) {
         nr.outcomes = std::move(t.outcomes);
         nr.rules = t.rules;
         nr.findings = std::move(t.findings);
+        nr.level = std::move(t.level);
+        nr.version = std::move(t.version);
+        nr.verdicts = std::move(t.verdicts);
     }
     nr.peer = req.client_address;
     try {

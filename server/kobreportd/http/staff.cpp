@@ -226,6 +226,44 @@ pages::CompareSide Staff::side(const StoredReport &s) {
     return c;
 }
 
+std::string Staff::viewerZone(const Principal &) {
+    return "UTC";
+}
+
+std::optional<ReportFilter> Staff::filterOf(const Request &req, Response &res,
+                                            const Principal &who, bool page) {
+    auto f = parseFilter(req.params, store_.db().dialect(), viewerZone(who));
+    if (auto *why = std::get_if<std::string>(&f)) {
+        if (page) {
+            show(res, 400, "Problem reports", &who, pages::message("Not searched: " + *why + "."));
+        } else {
+            res.status = 400;
+            res.setContent(kobtriage::dumpJson(nlohmann::ordered_json{{"error", *why}}),
+                           "application/json");
+        }
+        return std::nullopt;
+    }
+    return std::move(std::get<ReportFilter>(f));
+}
+
+bool Staff::exported(const Request &req, Response &res, const Principal &who,
+                     const ReportFilter &filter, bool page) {
+    if (req.param("format").empty())
+        return false;
+    if (exportList(req, res, who, filter))
+        return true;
+    const char *why = "format is csv or jsonl";
+    if (page) {
+        show(res, 400, "Problem reports", &who,
+             pages::message(std::string("Not exported: ") + why + "."));
+    } else {
+        res.status = 400;
+        res.setContent(kobtriage::dumpJson(nlohmann::ordered_json{{"error", why}}),
+                       "application/json");
+    }
+    return true;
+}
+
 void Staff::notFound(Response &res, const Principal &who, const std::string &ref) {
     html::Html b;
     b << "<p id=\"message\">No report " << html::text(ref) << ".</p>";
@@ -428,11 +466,19 @@ void Staff::addSignInRoutes(RouteTable &table) {
 void Staff::addReportPages(RouteTable &table) {
     page(table, Method::Get, "/", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
-             std::string q = req.hasParam("q") ? req.param("q") : "";
+             auto filter = filterOf(req, res, who, true);
+             if (!filter || exported(req, res, who, *filter, true))
+                 return;
+             // A whole reference opens its report.
+             if (!filter->exact.empty() && store_.head(filter->exact)) {
+                 seeOther(res, links().path("/reports/") + filter->exact);
+                 return;
+             }
              int64_t pg = pageNumber(req);
-             auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize);
-             show(res, 200, "Problem reports", &who, pages::list(list, q, pg, kPageSize, links()),
-                  q);
+             auto list = store_.list(*filter, (pg - 1) * kPageSize, kPageSize);
+             std::string q = req.hasParam("q") ? req.param("q") : "";
+             show(res, 200, "Problem reports", &who,
+                  pages::list(list, filter->given, pg, kPageSize, links()), q);
          });
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {

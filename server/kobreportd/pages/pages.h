@@ -36,7 +36,11 @@ struct Viewer {
 std::string frame(const std::string &title, const Viewer &v, const std::string &query,
                   const html::Html &body);
 
-html::Html list(const ListPage &page, const std::string &query, int64_t pageNumber,
+// The list's filters in effect, as ReportFilter::given holds them.
+using Filters = std::vector<std::pair<std::string, std::string>>;
+// name=value&... percent-encoded, for links to the same list.
+std::string filterQuery(const Filters &given);
+html::Html list(const ListPage &page, const Filters &filters, int64_t pageNumber,
                 int64_t pageSize, const Links &links);
 // What a page shows of one client log: its first and last bytes within
 // the page's bounds, and how many lie between.

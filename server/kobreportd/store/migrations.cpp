@@ -5,6 +5,7 @@
 
 #include "log.h"
 #include "pack.h"
+#include "text.h"
 
 namespace kobreportd {
 
@@ -175,6 +176,65 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+// What the list's filters search by, each with an index so that any one
+// filter stays quick on a million reports: the worst verdict's level and
+// kobdiag's version on the report, every verdict's rule and area beside it,
+// the user's comment in the database's own full-text index (an FTS5 table
+// on SQLite, a tsvector column on PostgreSQL), references by their last
+// six digits and by their beginning, and the views staff saved.  Reports
+// stored before are marked for `kobreportd retriage`, which fills in their
+// levels, versions and verdicts.
+void searchFilters(sql::Dialect d, sql::Conn &c) {
+    bool pg = d == sql::Dialect::Postgres;
+    c.query("ALTER TABLE reports ADD COLUMN level TEXT NOT NULL DEFAULT ''");
+    c.query("ALTER TABLE reports ADD COLUMN version TEXT");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_level ON reports (level, id)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_version ON reports (version, id)");
+    c.query(pg ? "CREATE INDEX IF NOT EXISTS reports_by_tail ON reports"
+                 " ((substr(reference, length(reference) - 5)))"
+               : "CREATE INDEX IF NOT EXISTS reports_by_tail ON reports"
+                 " (substr(reference, length(reference) - 5))");
+    // A reference's beginning is found with LIKE, which these indexes serve.
+    c.query(pg ? "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
+                 " (reference text_pattern_ops)"
+               : "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
+                 " (reference COLLATE NOCASE)");
+    // A part of a user name is looked for in this, not in the whole rows.
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_users ON reports"
+            " (form_username, report_username, id)");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS report_verdicts ("
+                   " report_id {INT} NOT NULL, rule TEXT NOT NULL, area TEXT NOT NULL,"
+                   " level TEXT NOT NULL, problem {INT} NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_rule ON report_verdicts"
+            " (rule, report_id)");
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_area ON report_verdicts"
+            " (area, problem, report_id)");
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_report ON report_verdicts"
+            " (report_id)");
+    if (pg) {
+        c.query("ALTER TABLE reports ADD COLUMN words tsvector");
+        c.query("CREATE INDEX IF NOT EXISTS reports_by_words ON reports USING gin (words)");
+    } else {
+        c.query("CREATE VIRTUAL TABLE IF NOT EXISTS report_words USING fts5(comment)");
+    }
+    auto comments = c.query("SELECT id, why FROM reports WHERE why IS NOT NULL AND"
+                            " raw_expired = 0");
+    for (size_t i = 0; i < comments.size(); i++) {
+        std::string text = cleanText(comments.str(i, "why"));
+        sql::Param id = sql::integer(comments.integer(i, "id"));
+        if (pg)
+            c.query("UPDATE reports SET words = to_tsvector('simple', $1) WHERE id = $2",
+                    {sql::text(text), id});
+        else
+            c.query("INSERT INTO report_words (rowid, comment) VALUES ($2, $1)",
+                    {sql::text(text), id});
+    }
+    c.query("UPDATE reports SET rules = 0 WHERE raw_expired = 0");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS saved_views ("
+                   " id {ID}, account TEXT NOT NULL, name TEXT NOT NULL, query TEXT NOT NULL,"
+                   " shared {INT} NOT NULL, created_at {INT} NOT NULL, UNIQUE (account, name))"));
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -202,6 +262,7 @@ constexpr Step kSteps[] = {
     {7, foldedSignIns},
     {8, packedFindings},
     {9, referenceDays},
+    {14, searchFilters},
 };
 // clang-format on
 

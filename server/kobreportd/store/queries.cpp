@@ -6,6 +6,7 @@
 #include "migrations.h"
 #include "outcomes.h"
 #include "pack.h"
+#include "search.h"
 #include "text.h"
 
 namespace kobreportd {
@@ -14,10 +15,12 @@ namespace {
 
 // The columns of a list's row, and of a whole report.
 constexpr const char *kListColumns =
-    "id, reference, received_at, form_username, report_username, summary, size, raw_expired";
+    "id, reference, received_at, form_username, report_username, summary, size, raw_expired,"
+    " level, version";
 
 ListItem listItem(const sql::Rows &r, size_t i) {
     ListItem it;
+    it.id = r.integer(i, "id");
     it.reference = r.str(i, "reference");
     it.received_at = static_cast<std::time_t>(r.integer(i, "received_at"));
     it.form_username = r.opt(i, "form_username");
@@ -25,6 +28,8 @@ ListItem listItem(const sql::Rows &r, size_t i) {
     it.summary = r.str(i, "summary");
     it.size = r.integer(i, "size");
     it.raw_expired = r.integer(i, "raw_expired") != 0;
+    it.level = r.str(i, "level");
+    it.version = r.opt(i, "version");
     return it;
 }
 
@@ -86,25 +91,36 @@ std::function<std::string()> Store::storedPieces(int64_t id) {
     return db_.pieces("reports", "desc", id);
 }
 
-ListPage Store::list(const std::string &query, int64_t offset, int64_t limit) {
-    const char *like = db_.dialect() == sql::Dialect::Postgres ? "ILIKE" : "LIKE";
-    std::string where = std::string(" WHERE reference IS NOT NULL AND ($1 = '' OR"
-                                    " upper(reference) = upper($1) OR reference ") +
-                        like + " $2 ESCAPE '\\' OR form_username " + like +
-                        " $3 ESCAPE '\\' OR report_username " + like + " $3 ESCAPE '\\')";
-    std::string q = cleanText(query), esc = likeEscape(q);
-    std::string prefix = esc + "%", part = "%" + esc + "%";
+ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) {
+    const Conditions &w = filter.where;
+    std::string where = " WHERE reference IS NOT NULL" + w.sql();
+    auto params = w.params();
     ListPage page;
-    page.total = db_.read("SELECT count(*) AS n FROM reports" + where,
-                          {sql::text(q), sql::text(prefix), sql::text(part)})
-                     .integer(0, "n");
+    page.total = db_.read("SELECT count(*) AS n FROM reports" + where, params).integer(0, "n");
+    params.push_back(sql::integer(limit));
+    params.push_back(sql::integer(offset));
     auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +
-                             " ORDER BY id DESC LIMIT $4 OFFSET $5",
-                         {sql::text(q), sql::text(prefix), sql::text(part), sql::integer(limit),
-                          sql::integer(offset)});
+                             " ORDER BY id DESC LIMIT " + w.next(1) + " OFFSET " + w.next(2),
+                         params);
     for (size_t i = 0; i < rows.size(); i++)
         page.items.push_back(listItem(rows, i));
     return page;
+}
+
+std::vector<ListItem> Store::listBefore(const ReportFilter &filter, int64_t before,
+                                        int64_t limit) {
+    const Conditions &w = filter.where;
+    auto params = w.params();
+    params.push_back(sql::integer(before));
+    params.push_back(sql::integer(limit));
+    auto rows = db_.read(std::string("SELECT ") + kListColumns +
+                             " FROM reports WHERE reference IS NOT NULL" + w.sql() + " AND id < " +
+                             w.next(1) + " ORDER BY id DESC LIMIT " + w.next(2),
+                         params);
+    std::vector<ListItem> out;
+    for (size_t i = 0; i < rows.size(); i++)
+        out.push_back(listItem(rows, i));
+    return out;
 }
 
 std::vector<Outcome> Store::outcomes(int64_t id) {
@@ -146,6 +162,8 @@ bool Store::remove(const std::string &reference) {
         if (!found)
             return;
         dropOutcomes(c, rows.integer(0, "id"));
+        dropSearchable(c, db_.dialect(), rows.integer(0, "id"));
+        purgeDroppedWords(c, db_.dialect());
     });
     if (found)
         db_.scrub();

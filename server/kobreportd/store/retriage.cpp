@@ -9,6 +9,7 @@
 
 #include "outcomes.h"
 #include "pack.h"
+#include "search.h"
 #include "text.h"
 #include "log.h"
 
@@ -84,14 +85,17 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
             // meanwhile is left as it now is.
             auto changed = c.query(
                 "UPDATE reports SET summary = $1, report_username = $2,"
-                " rules = $3, findings_zstd = $5 WHERE id = $4 AND rules < $3"
-                " AND raw_expired = 0 RETURNING id",
+                " rules = $3, findings_zstd = $5, level = $6, version = $7 WHERE id = $4 AND"
+                " rules < $3 AND raw_expired = 0 RETURNING id",
                 {sql::text(cleanText(t.summary)), sql::optText(user), sql::integer(t.rules),
                  sql::integer(id),
-                 t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings))});
+                 t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings)),
+                 sql::text(t.level),
+                 t.version ? sql::text(cleanText(*t.version)) : sql::optText(std::nullopt)});
             if (changed.empty())
                 continue;
             step.retriaged++;
+            replaceVerdicts(c, id, t.verdicts);
             if (same(id, t.outcomes))
                 continue;
             dropOutcomes(c, id);

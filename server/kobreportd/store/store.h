@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fleet.h"
+#include "search.h"
 #include "sql.h"
 
 namespace kobreportd {
@@ -32,6 +33,9 @@ struct NewReport {
     std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
     int rules = 0;                 // the version of the rules that judged it
     std::string findings;          // the triage's, as kobtriage::toStored writes them
+    std::string level;             // the worst verdict's: "fail", "warn" or "ok"
+    std::optional<std::string> version; // kobdiag's
+    std::vector<RuleVerdict> verdicts;
 };
 
 struct StoredReport {
@@ -54,6 +58,7 @@ struct StoredReport {
 };
 
 struct ListItem {
+    int64_t id = 0;
     std::string reference;
     std::time_t received_at = 0;
     std::optional<std::string> form_username;
@@ -61,6 +66,8 @@ struct ListItem {
     std::string summary;
     int64_t size = 0;
     bool raw_expired = false;
+    std::string level; // "" for a report judged before levels were kept
+    std::optional<std::string> version;
 };
 
 struct ListPage {
@@ -87,9 +94,11 @@ class Store {
     // A report's text as stored, a megabyte at a time, "" after the last:
     // a large text is never fetched whole from the database.
     std::function<std::string()> storedPieces(int64_t id);
-    // Newest first.  query matches a reference (whole or its beginning) or
-    // part of a user name, without regard to case.
-    ListPage list(const std::string &query, int64_t offset, int64_t limit);
+    // Newest first, the reports the filter takes (search.h).
+    ListPage list(const ReportFilter &filter, int64_t offset, int64_t limit);
+    // The same from the report before id `before` on, without the count:
+    // an export reads the whole list a batch at a time.
+    std::vector<ListItem> listBefore(const ReportFilter &filter, int64_t before, int64_t limit);
     // One user's reports (by the form's or the report's user name), newest
     // first, with each one's outcomes.
     struct UserReport {
