@@ -210,7 +210,7 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     reportd::sqliteValue(db, "UPDATE kob_meta SET value = '8' WHERE key = 'schema'");
     auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kobreportd: not migrating the database to layout 9: cannot write " + copy +
+    EXPECT_EQ(r.err, "kobreportd: not migrating the database to layout 14: cannot write " + copy +
                          ": it exists already\n");
     EXPECT_EQ(reportd::sqliteValue(copy, "SELECT count(*) FROM reports"), "1");
     EXPECT_EQ(reportd::sqliteValue(db, "SELECT value FROM kob_meta WHERE key = 'schema'"), "8");
@@ -248,7 +248,7 @@ TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
     EXPECT_EQ(s.api("/api/reports").status, 200);
     value("UPDATE kob_meta SET value = '" + std::to_string(kLayout + 1) + "' WHERE key = 'schema'");
     const std::string why = "Service unavailable: the database was upgraded to layout 10 by a "
-                            "newer kobreportd; this one reads layout 9\n";
+                            "newer kobreportd; this one reads layout 14\n";
     // The layout is looked at once a second: readiness says when it was.
     for (int i = 0; i < 300 && reportd::get(s.port(), "/readyz").status != 503; i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

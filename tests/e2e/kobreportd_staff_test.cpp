@@ -592,7 +592,7 @@ TEST_P(Staff, FindingsKeptPlainByTheLastLayoutAreCompressedOnStart) {
           ", findings = '{\"header\":{\"user\":\"kim\"}}'");
     value("UPDATE kob_meta SET value = '7' WHERE key = 'schema'");
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "14");
     EXPECT_EQ(value("SELECT length(findings) FROM reports"), "0");
     EXPECT_NE(value("SELECT findings_zstd FROM reports"), "<none>");
     auto json = s.api("/api/reports/" + ref);
@@ -693,7 +693,7 @@ TEST_P(Staff, ADatabaseOfTheFirstLayoutIsBroughtUpToDateOnStart) {
     EXPECT_EQ(s.api("/api/reports/KOB-20260101-000001/raw?reveal=1").body, "old\n");
     std::string ref = reportd::reference(reportd::upload(s.port(), "new\n"));
     EXPECT_EQ(ref.size(), 22u) << ref;
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "14");
     // The old text stays as it was; the new one is compressed.
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = 'KOB-20260101-000001'"), "0");
     EXPECT_EQ(value("SELECT desc_zstd FROM reports WHERE reference = '" + ref + "'"), "1");
@@ -733,7 +733,7 @@ TEST_P(Staff, ADatabaseOfTheLastLayoutKeepsItsTextsAsTheyCameAndCompressesNewOne
     value("UPDATE kob_meta SET value = '4' WHERE key = 'schema'");
 
     reportd::Server s(KOBREPORTD_BIN, db);
-    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "9");
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"), "14");
     EXPECT_EQ(s.api("/api/reports/" + oldRef + "/raw?reveal=1").body, "old report\n");
     std::string newRef = reportd::reference(reportd::upload(s.port(), "new report\n"));
     EXPECT_EQ(s.api("/api/reports/" + newRef + "/raw?reveal=1").body, "new report\n");

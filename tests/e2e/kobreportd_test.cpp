@@ -693,7 +693,7 @@ TEST_F(Reportd, TheStaffListenerSpeaksTlsWithTheOperatorsCertificate) {
 TEST(ReportdVersion, VersionNamesTheReleaseAndTheLayout) {
     auto r = kobtest::runProgram({KOBREPORTD_BIN, "--version"});
     EXPECT_TRUE(r.exited(0));
-    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 9)\n");
+    EXPECT_EQ(r.out, "kobreportd " KOB_VERSION " (database layout 14)\n");
     EXPECT_EQ(r.err, "");
 }
 

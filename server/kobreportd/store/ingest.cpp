@@ -237,12 +237,13 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
         version = cleanText(*r.version);
     // PostgreSQL keeps the comment's words in the row, SQLite in its
     // full-text table (addSearchable).
+    std::string net = senderNetwork(peer);
     std::vector<sql::Param> params = {
         sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
         sql::optText(reportUser), sql::text(summary), sql::text(peer),
         sql::integer(static_cast<int64_t>(r.desc.size())),
         pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
-        sql::optBlob(r.why), sql::integer(r.rules), sql::text(senderNetwork(peer)),
+        sql::optBlob(r.why), sql::integer(r.rules), sql::text(net),
         sql::optBlob(p.findings), sql::text(r.level), sql::optText(version)};
     if (pg)
         params.push_back(sql::optText(comment));
@@ -251,7 +252,7 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
             " level, version" +
                 std::string(pg ? ", words" : "") + ") VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
                 std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12, $13, $14, $15" +
-                std::string(pg ? ", to_tsvector('simple', coalesce($16, '')))" : ")"),
+                std::string(pg ? ", to_tsvector('simple', coalesce($16::text, '')))" : ")"),
             params);
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);

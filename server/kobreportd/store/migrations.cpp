@@ -223,7 +223,7 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
         std::string text = cleanText(comments.str(i, "why"));
         sql::Param id = sql::integer(comments.integer(i, "id"));
         if (pg)
-            c.query("UPDATE reports SET words = to_tsvector('simple', $1) WHERE id = $2",
+            c.query("UPDATE reports SET words = to_tsvector('simple', $1::text) WHERE id = $2",
                     {sql::text(text), id});
         else
             c.query("INSERT INTO report_words (rowid, comment) VALUES ($2, $1)",

@@ -105,7 +105,7 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
             for (const auto &x : ws)
                 all += (all.empty() ? "" : " ") + x;
             branches.push_back("SELECT id FROM reports WHERE words @@ plainto_tsquery('simple', " +
-                               w.bind(all) + ")");
+                               w.bind(all) + "::text)");
         } else {
             // Each word a quoted string: FTS5's query syntax is not the user's.
             std::string match;
