@@ -708,7 +708,7 @@ TEST_F(Reportd, MetricsFollowPrometheusConventions) {
              // Bucket bounds as short decimals, so that le="0.005" matches.
              "kobreportd_upload_duration_seconds_bucket{le=\"0.005\"} ",
              "kobreportd_upload_duration_seconds_bucket{le=\"0.0025\"} ",
-             "\nkobreportd_build_info{version=\"" KOB_VERSION "\",layout=\"9\"} 1\n",
+             "\nkobreportd_build_info{version=\"" KOB_VERSION "\",layout=\"14\"} 1\n",
              "\nkobreportd_uploads_in_flight 0\n",
              "\nkobreportd_http_requests_total{listener=\"intake\",route=\"/"
              "healthz\",code=\"200\"} "

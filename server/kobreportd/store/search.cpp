@@ -82,9 +82,7 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
         f.exact = "KOB-" + digits.substr(0, 8) + "-" + digits.substr(8);
         branches.push_back("SELECT id FROM reports WHERE reference = " + w.bind(f.exact));
     } else if (shaped && digits.size() == 6 && !named) {
-        branches.push_back("SELECT id FROM reports WHERE substr(reference, length(reference) - 5)"
-                           " = " +
-                           w.bind(digits));
+        branches.push_back("SELECT id FROM reports WHERE ref_tail = " + w.bind(digits));
     } else if (shaped && (named || digits.size() >= 8)) {
         std::string prefix =
             "KOB-" + (digits.size() > 8 ? digits.substr(0, 8) + "-" + digits.substr(8) : digits);
