@@ -176,6 +176,8 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
                    " day TEXT PRIMARY KEY, issued {INT} NOT NULL)"));
 }
 
+bool tableExists(sql::Dialect d, sql::Conn &c, const char *name);
+
 // What the list's filters search by, each with an index so that any one
 // filter stays quick on a million reports: the worst verdict's level and
 // kobdiag's version on the report, every verdict's rule and area beside it,
@@ -186,15 +188,27 @@ void referenceDays(sql::Dialect d, sql::Conn &c) {
 // levels, versions and verdicts.
 void searchFilters(sql::Dialect d, sql::Conn &c) {
     bool pg = d == sql::Dialect::Postgres;
-    c.query("ALTER TABLE reports ADD COLUMN level TEXT NOT NULL DEFAULT ''");
-    c.query("ALTER TABLE reports ADD COLUMN version TEXT");
+    // Each part only once, should the step be run on a layout that has it.
+    auto has = [&](const char *column) {
+        const char *q = pg ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
+                             " table_schema = current_schema() AND table_name = 'reports' AND"
+                             " column_name = $1"
+                           : "SELECT count(*) AS n FROM pragma_table_xinfo('reports') WHERE"
+                             " name = $1";
+        return c.query(q, {sql::text(column)}).integer(0, "n") > 0;
+    };
+    if (!has("level"))
+        c.query("ALTER TABLE reports ADD COLUMN level TEXT NOT NULL DEFAULT ''");
+    if (!has("version"))
+        c.query("ALTER TABLE reports ADD COLUMN version TEXT");
     c.query("CREATE INDEX IF NOT EXISTS reports_by_level ON reports (level, id)");
     c.query("CREATE INDEX IF NOT EXISTS reports_by_version ON reports (version, id)");
     // A column the database computes, not an index on the expression: SQLite
     // writes no blob in pieces into a table indexed on an expression.
-    c.query(std::string("ALTER TABLE reports ADD COLUMN ref_tail TEXT GENERATED ALWAYS AS"
-                        " (substr(reference, length(reference) - 5)) ") +
-            (pg ? "STORED" : "VIRTUAL"));
+    if (!has("ref_tail"))
+        c.query(std::string("ALTER TABLE reports ADD COLUMN ref_tail TEXT GENERATED ALWAYS AS"
+                            " (substr(reference, length(reference) - 5)) ") +
+                (pg ? "STORED" : "VIRTUAL"));
     c.query("CREATE INDEX IF NOT EXISTS reports_by_tail ON reports (ref_tail)");
     // A reference's beginning is found with LIKE, which these indexes serve.
     c.query(pg ? "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
@@ -204,6 +218,9 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
     // A part of a user name is looked for in this, not in the whole rows.
     c.query("CREATE INDEX IF NOT EXISTS reports_by_users ON reports"
             " (form_username, report_username, id)");
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS saved_views ("
+                   " id {ID}, account TEXT NOT NULL, name TEXT NOT NULL, query TEXT NOT NULL,"
+                   " shared {INT} NOT NULL, created_at {INT} NOT NULL, UNIQUE (account, name))"));
     c.query(ddl(d, "CREATE TABLE IF NOT EXISTS report_verdicts ("
                    " report_id {INT} NOT NULL, rule TEXT NOT NULL, area TEXT NOT NULL,"
                    " level TEXT NOT NULL, problem {INT} NOT NULL)"));
@@ -213,6 +230,8 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
             " (area, problem, report_id)");
     c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_report ON report_verdicts"
             " (report_id)");
+    if (pg ? has("words") : tableExists(d, c, "report_words"))
+        return;
     if (pg) {
         c.query("ALTER TABLE reports ADD COLUMN words tsvector");
         c.query("CREATE INDEX IF NOT EXISTS reports_by_words ON reports USING gin (words)");
@@ -232,9 +251,6 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
                     {sql::text(text), id});
     }
     c.query("UPDATE reports SET rules = 0 WHERE raw_expired = 0");
-    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS saved_views ("
-                   " id {ID}, account TEXT NOT NULL, name TEXT NOT NULL, query TEXT NOT NULL,"
-                   " shared {INT} NOT NULL, created_at {INT} NOT NULL, UNIQUE (account, name))"));
 }
 
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
