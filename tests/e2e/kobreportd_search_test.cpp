@@ -332,3 +332,58 @@ TEST_P(Search, TheAPIReadsABrowsersSessionAndRefusesItsChangesWithoutTheFormToke
                                   "Cookie: kob_session=nothing\r\n");
     EXPECT_EQ(bogus.status, 401);
 }
+
+TEST_P(Search, AFilteredListIsSavedUnderANameSharedOrNotAndAudited) {
+    std::string annName, benName;
+    reportd::Browser ann = server->signedIn("viewer", &annName);
+    reportd::Browser ben = server->signedIn("viewer", &benName);
+    ASSERT_EQ(ann.get("/?level=fail").status, 200);
+    // Without the form's token: refused, nothing saved.
+    auto forged = reportd::request(server->staffPort(), "POST", "/views",
+                                   "Content-Type: application/x-www-form-urlencoded\r\nCookie: "
+                                   "kob_session=" +
+                                       ann.cookie("kob_session") + "\r\n",
+                                   "name=x&query=level%3Dfail");
+    EXPECT_EQ(forged.status, 403);
+    EXPECT_EQ(value("SELECT count(*) FROM saved_views"), "0");
+
+    auto mine = ann.post("/views", {{"name", "Failing"}, {"query", "level=fail"}});
+    EXPECT_EQ(mine.status, 303);
+    EXPECT_EQ(reportd::header(mine, "Location"), "/?level=fail");
+    auto ours = ann.post("/views", {{"name", "Tunnel <today>"},
+                                    {"query", "q=tunnel&from=2026-11-21"},
+                                    {"shared", "1"}});
+    EXPECT_EQ(ours.status, 303);
+    EXPECT_EQ(ann.post("/views", {{"name", "Failing"}, {"query", "level=warn"}}).status, 409);
+    EXPECT_EQ(ann.post("/views", {{"name", "Bad"}, {"query", "\"><b>"}}).status, 400);
+
+    auto annList = ann.get("/");
+    EXPECT_NE(annList.body.find("<a href=\"/?level=fail\">Failing</a>"), std::string::npos)
+        << annList.body;
+    EXPECT_NE(annList.body.find("<a href=\"/?q=tunnel&amp;from=2026-11-21\">Tunnel "
+                                "&lt;today&gt;</a> <span class=\"shared\">shared by " +
+                                annName + "</span>"),
+              std::string::npos);
+    // The other sees the shared one only, and cannot delete it.
+    auto benList = ben.get("/");
+    EXPECT_EQ(benList.body.find(">Failing</a>"), std::string::npos);
+    EXPECT_NE(benList.body.find(">Tunnel &lt;today&gt;</a>"), std::string::npos);
+    std::string id = value("SELECT id FROM saved_views WHERE name = 'Tunnel <today>'");
+    EXPECT_EQ(ben.post("/views/" + id + "/delete", {}).status, 404);
+    // The saved link gives the list it was saved from.
+    auto shared = ben.get("/?q=tunnel&from=2026-11-21");
+    EXPECT_NE(shared.body.find("data-reference=\"" + refs[Dave] + "\""), std::string::npos);
+    EXPECT_EQ(shared.body.find("data-reference=\"" + refs[Alice] + "\""), std::string::npos);
+    ann.get("/");
+    EXPECT_EQ(ann.post("/views/" + id + "/delete", {}).status, 303);
+    EXPECT_EQ(value("SELECT count(*) FROM saved_views"), "1");
+
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'view.saved' AND account = '" +
+                    annName + "'"),
+              "2");
+    EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'view.saved' ORDER BY id DESC"
+                    " LIMIT 1"),
+              "Tunnel <today> (shared): q=tunnel&from=2026-11-21");
+    EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'view.deleted'"),
+              "Tunnel <today> of " + annName);
+}

@@ -226,6 +226,62 @@ pages::CompareSide Staff::side(const StoredReport &s) {
     return c;
 }
 
+namespace {
+
+// A list's query as the list page writes it: percent-encoded fields.
+bool plainQuery(const std::string &q) {
+    if (q.size() > 2000)
+        return false;
+    for (unsigned char c : q)
+        if (!std::isalnum(c) && std::strchr("-._~%&=+", c) == nullptr)
+            return false;
+    return true;
+}
+
+} // namespace
+
+void Staff::addViewPages(RouteTable &table) {
+    page(table, Method::Post, "/views", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string name = req.param("name"), query = req.param("query");
+             bool shared = req.param("shared") == "1";
+             if (name.empty() || name.size() > 80 || !plainQuery(query)) {
+                 show(res, 400, "Problem reports", &who,
+                      pages::message("Not saved: a name of up to 80 characters and the list's "
+                                     "filters are needed."));
+                 return;
+             }
+             if (!store_.saveView(who.account, name, query, shared, now())) {
+                 show(res, 409, "Problem reports", &who,
+                      pages::message("Not saved: you have a view called " + name + " already."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "view.saved", "",
+                           name + (shared ? " (shared): " : ": ") + query);
+             seeOther(res, links().path("/") + (query.empty() ? "" : "?" + query));
+         });
+    page(table, Method::Post, "/views/{id}/delete", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             int64_t id = 0;
+             const std::string &s = req.matches[1];
+             bool number = !s.empty() && s.size() < 19;
+             for (char c : s)
+                 number = number && c >= '0' && c <= '9';
+             std::optional<SavedView> gone;
+             if (number) {
+                 id = std::stoll(s);
+                 gone = store_.deleteView(id, who.account, who.role == Role::Admin);
+             }
+             if (!gone) {
+                 show(res, 404, "Problem reports", &who, pages::message("No such view of yours."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "view.deleted", "",
+                           gone->name + " of " + gone->account);
+             seeOther(res, links().path("/"));
+         });
+}
+
 std::string Staff::viewerZone(const Principal &) {
     return "UTC";
 }
@@ -478,8 +534,11 @@ void Staff::addReportPages(RouteTable &table) {
              auto list = store_.list(*filter, (pg - 1) * kPageSize, kPageSize);
              std::string q = req.hasParam("q") ? req.param("q") : "";
              show(res, 200, "Problem reports", &who,
-                  pages::list(list, filter->given, pg, kPageSize, links()), q);
+                  pages::list(list, filter->given, pg, kPageSize, store_.views(who.account),
+                              viewer(who)),
+                  q);
          });
+    addViewPages(table);
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
              reportPage(req, res, who, false);

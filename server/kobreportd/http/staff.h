@@ -105,6 +105,7 @@ class Staff {
     void addSignInRoutes(RouteTable &table);
     void addReportPages(RouteTable &table);
     void addAdminPages(RouteTable &table);
+    void addViewPages(RouteTable &table);
     void addFleetPages(RouteTable &table);
     void addReportApi(RouteTable &table);
     void addFleetApi(RouteTable &table);

@@ -77,13 +77,46 @@ Html filterForm(const Filters &filters, const Links &links) {
     return b;
 }
 
+// The saved views as links, the viewer's own with a button to delete it,
+// and a form to save the list as it is filtered now.
+Html savedViews(const std::vector<SavedView> &views, const std::string &query, const Viewer &v) {
+    const Links &links = v.links;
+    Html b;
+    b << "<section id=\"views\" aria-label=\"Saved views\"><h2>Saved views</h2>";
+    if (views.empty())
+        b << "<p>None yet.</p>";
+    else
+        b << "<ul>";
+    for (const auto &view : views) {
+        b << "<li><a href=\"" << links.href("/") << text(view.query.empty() ? "" : "?")
+          << text(view.query) << "\">" << text(view.name) << "</a>";
+        if (view.shared)
+            b << " <span class=\"shared\">shared by " << text(view.account) << "</span>";
+        if (v.who && (view.account == v.who->account || v.who->role == Role::Admin))
+            b << " <form class=\"inline\" method=\"post\" action=\""
+              << links.href("/views/") << view.id << "/delete\">" << csrfField(v)
+              << "<button type=\"submit\">Delete</button></form>";
+        b << "</li>";
+    }
+    if (!views.empty())
+        b << "</ul>";
+    b << "<form method=\"post\" action=\"" << links.href("/views") << "\">" << csrfField(v)
+      << "<input type=\"hidden\" name=\"query\" value=\"" << text(query)
+      << "\"><label>Save this list as <input type=\"text\" name=\"name\" required"
+         " maxlength=\"80\"></label> <label><input type=\"checkbox\" name=\"shared\""
+         " value=\"1\"> shared with everyone</label> <button type=\"submit\">Save</button>"
+         "</form></section>\n";
+    return b;
+}
+
 } // namespace
 
 Html list(const ListPage &list, const Filters &filters, int64_t pg, int64_t pageSize,
-          const Links &links) {
+          const std::vector<SavedView> &views, const Viewer &v) {
+    const Links &links = v.links;
     Html b;
     std::string query = filterQuery(filters);
-    b << filterForm(filters, links);
+    b << filterForm(filters, links) << savedViews(views, query, v);
     if (list.total == 0) {
         b << "<p class=\"count\" id=\"empty\">";
         if (filters.empty())

@@ -70,6 +70,15 @@ struct ListItem {
     std::optional<std::string> version;
 };
 
+// A list's filters kept under a name (store/views.cpp).
+struct SavedView {
+    int64_t id = 0;
+    std::string account; // who saved it
+    std::string name;
+    std::string query; // the list's URL query, percent-encoded
+    bool shared = false; // everyone sees it, not only its owner
+};
+
 struct ListPage {
     std::vector<ListItem> items;
     int64_t total = 0; // matching reports in all pages
@@ -106,6 +115,14 @@ class Store {
         std::vector<Outcome> outcomes;
     };
     std::vector<UserReport> byUser(const std::string &name, int64_t limit);
+    // The views an account sees: its own and the shared ones, by name.
+    std::vector<SavedView> views(const std::string &account);
+    // False when the account has a view of that name already.
+    bool saveView(const std::string &account, const std::string &name, const std::string &query,
+                  bool shared, std::time_t at);
+    // Its owner's (or, with anyone, anybody's); the view as it was, or
+    // nothing when there is no such view of theirs.
+    std::optional<SavedView> deleteView(int64_t id, const std::string &account, bool anyone);
     // The outcomes kept for a report at intake.
     std::vector<Outcome> outcomes(int64_t id);
     // Removes the report whole and leaves no copy of its text in the
