@@ -201,8 +201,12 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
         c.query("ALTER TABLE reports ADD COLUMN level TEXT NOT NULL DEFAULT ''");
     if (!has("version"))
         c.query("ALTER TABLE reports ADD COLUMN version TEXT");
-    c.query("CREATE INDEX IF NOT EXISTS reports_by_level ON reports (level, id)");
-    c.query("CREATE INDEX IF NOT EXISTS reports_by_version ON reports (version, id)");
+    // The list counts reports with a reference: the indexes hold it, so that a
+    // count reads no row.
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_level ON reports (level, id, reference)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_version ON reports (version, id, reference)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_time_counted ON reports"
+            " (received_at, reference)");
     // A column the database computes, not an index on the expression: SQLite
     // writes no blob in pieces into a table indexed on an expression.
     if (!has("ref_tail"))
@@ -215,9 +219,25 @@ void searchFilters(sql::Dialect d, sql::Conn &c) {
                  " (reference text_pattern_ops)"
                : "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
                  " (reference COLLATE NOCASE)");
-    // A part of a user name is looked for in this, not in the whole rows.
+    // A part of a user name is looked for in this, not in the whole rows;
+    // PostgreSQL finds it through trigrams, where the database lets
+    // pg_trgm be created (else it reads the names).
     c.query("CREATE INDEX IF NOT EXISTS reports_by_users ON reports"
             " (form_username, report_username, id)");
+    if (pg) {
+        c.query("SAVEPOINT trigrams");
+        try {
+            c.query("CREATE EXTENSION IF NOT EXISTS pg_trgm");
+            c.query("CREATE INDEX IF NOT EXISTS reports_by_form_user_part ON reports USING gin"
+                    " (form_username gin_trgm_ops)");
+            c.query("CREATE INDEX IF NOT EXISTS reports_by_report_user_part ON reports USING gin"
+                    " (report_username gin_trgm_ops)");
+            c.query("RELEASE SAVEPOINT trigrams");
+        } catch (const StoreError &e) {
+            c.query("ROLLBACK TO SAVEPOINT trigrams");
+            log::warn("no_trigram_index", {{"error", e.what()}});
+        }
+    }
     c.query(ddl(d, "CREATE TABLE IF NOT EXISTS saved_views ("
                    " id {ID}, account TEXT NOT NULL, name TEXT NOT NULL, query TEXT NOT NULL,"
                    " shared {INT} NOT NULL, created_at {INT} NOT NULL, UNIQUE (account, name))"));

@@ -90,6 +90,12 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
             prefix += "-";
         branches.push_back("SELECT id FROM reports WHERE reference LIKE " + w.bind(prefix + "%"));
     }
+    // A reference in one of its shapes is looked for as nothing else: no
+    // user is named so, and the lookups stay on the references' indexes.
+    if (!branches.empty()) {
+        w.add("id IN (" + branches.front() + ")");
+        return std::nullopt;
+    }
     if (!q.empty()) {
         const char *like = pg ? " ILIKE " : " LIKE ";
         std::string p = w.bind("%" + likeEscape(q) + "%");

@@ -35,6 +35,7 @@ class Conditions {
     void add(std::string condition) { conditions_.push_back(std::move(condition)); }
     // " AND (c1) AND (c2) ...", or "" when there are none.
     std::string sql() const;
+    bool empty() const { return conditions_.empty(); }
     // The values as bound, for as long as this lives unchanged.
     std::vector<sql::Param> params() const;
     // The placeholder of the statement's own n-th value (n from 1).
