@@ -122,9 +122,14 @@ Triaged triage(std::string_view text) {
     for (auto &o : outcomesOf(report))
         if (fleetPolicy().counts(o.area, o.target))
             counted.push_back(std::move(o));
-    Triaged t{report.username, report.summary(), std::move(counted), report.rules_version,
+    Triaged t{report.username,
+              report.summary(),
+              std::move(counted),
+              report.rules_version,
               text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string(),
-              "ok", report.version, {}};
+              "ok",
+              report.version,
+              {}};
     using L = kobtriage::Verdict::Level;
     for (const auto &v : report.verdicts) {
         t.verdicts.push_back({v.rule, v.area, kobtriage::levelName(v.level)});

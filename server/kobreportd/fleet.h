@@ -87,8 +87,8 @@ struct Triaged {
     std::string summary;
     std::vector<Outcome> outcomes;
     int rules = 0;
-    std::string findings; // all it found, as kobtriage::toStored writes it, or ""
-    std::string level;    // the worst verdict's: "fail", "warn" or "ok"
+    std::string findings;               // all it found, as kobtriage::toStored writes it, or ""
+    std::string level;                  // the worst verdict's: "fail", "warn" or "ok"
     std::optional<std::string> version; // kobdiag's, from the report's header
     std::vector<RuleVerdict> verdicts;
 };

@@ -163,9 +163,9 @@ TEST_P(Search, EachFilterAloneAndTogetherGivesExactlyItsReports) {
         EXPECT_EQ(a.body, r.body);
     }
     // What the filters read is stored beside each report.
-    EXPECT_EQ(value("SELECT level || ' ' || version FROM reports WHERE reference = '" +
-                    refs[Bob] + "'"),
-              "fail 4.3.0");
+    EXPECT_EQ(
+        value("SELECT level || ' ' || version FROM reports WHERE reference = '" + refs[Bob] + "'"),
+        "fail 4.3.0");
     EXPECT_EQ(value("SELECT count(*) FROM report_verdicts v JOIN reports r ON r.id = v.report_id"
                     " WHERE r.reference = '" +
                     refs[Bob] + "' AND v.rule = 'udp.blocked' AND v.problem = 1"),
@@ -219,8 +219,10 @@ TEST_P(Search, TheListPageFiltersByItsURLAndSaysWhatFoundNothing) {
     reportd::Browser staff = server->signedIn("viewer");
     auto fail = staff.get("/?level=fail&from=2026-11-21");
     EXPECT_EQ(fail.status, 200);
-    EXPECT_NE(fail.body.find("2 reports matching level \xe2\x80\x9c" "fail\xe2\x80\x9d, from "
-                             "\xe2\x80\x9c" "2026-11-21\xe2\x80\x9d</p>"),
+    EXPECT_NE(fail.body.find("2 reports matching level \xe2\x80\x9c"
+                             "fail\xe2\x80\x9d, from "
+                             "\xe2\x80\x9c"
+                             "2026-11-21\xe2\x80\x9d</p>"),
               std::string::npos)
         << fail.body;
     EXPECT_NE(fail.body.find("data-reference=\"" + refs[Carol] + "\""), std::string::npos);
@@ -291,11 +293,12 @@ TEST_P(Search, ExportsAreTheFilteredListMaskedForAViewerAndAudited) {
     // Quotes, commas and line breaks in a field are quoted as RFC 4180 says.
     kobtest::writeFile(clockFile, std::to_string(kLateDay1 + 86400) + "\n");
     auto odd = reportgen::healthyRun();
-    std::string oddRef = reportd::reference(reportd::upload(
-        server->port(), reportgen::report(odd), "say \"hi\", then\nleave", "quoted"));
+    std::string oddRef = reportd::reference(reportd::upload(server->port(), reportgen::report(odd),
+                                                            "say \"hi\", then\nleave", "quoted"));
     auto quoted = server->api("/api/reports?q=quoted&format=csv");
-    EXPECT_NE(quoted.body.find("\r\n" + oddRef + ",2026-11-21T23:59:30Z,\"say \"\"hi\"\", then\n"
-                                                 "leave\",\"say \"\"hi\"\", then\nleave\",alice,"),
+    EXPECT_NE(quoted.body.find("\r\n" + oddRef +
+                               ",2026-11-21T23:59:30Z,\"say \"\"hi\"\", then\n"
+                               "leave\",\"say \"\"hi\"\", then\nleave\",alice,"),
               std::string::npos)
         << quoted.body;
 
@@ -350,9 +353,9 @@ TEST_P(Search, AFilteredListIsSavedUnderANameSharedOrNotAndAudited) {
     auto mine = ann.post("/views", {{"name", "Failing"}, {"query", "level=fail"}});
     EXPECT_EQ(mine.status, 303);
     EXPECT_EQ(reportd::header(mine, "Location"), "/?level=fail");
-    auto ours = ann.post("/views", {{"name", "Tunnel <today>"},
-                                    {"query", "q=tunnel&from=2026-11-21"},
-                                    {"shared", "1"}});
+    auto ours = ann.post(
+        "/views",
+        {{"name", "Tunnel <today>"}, {"query", "q=tunnel&from=2026-11-21"}, {"shared", "1"}});
     EXPECT_EQ(ours.status, 303);
     EXPECT_EQ(ann.post("/views", {{"name", "Failing"}, {"query", "level=warn"}}).status, 409);
     EXPECT_EQ(ann.post("/views", {{"name", "Bad"}, {"query", "\"><b>"}}).status, 400);

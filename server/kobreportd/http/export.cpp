@@ -53,14 +53,10 @@ std::string Staff::shownUser(const ListItem &it) {
 
 nlohmann::ordered_json Staff::itemJson(const ListItem &it) {
     auto orNull = [](const std::optional<std::string> &s) { return s ? Json(*s) : Json(nullptr); };
-    return Json{{"reference", it.reference},
-                {"received_at", isoTime(it.received_at)},
-                {"username", shownUser(it)},
-                {"form_username", orNull(it.form_username)},
-                {"summary", it.summary},
-                {"size", it.size},
-                {"raw_expired", it.raw_expired},
-                {"level", it.level},
+    return Json{{"reference", it.reference},     {"received_at", isoTime(it.received_at)},
+                {"username", shownUser(it)},     {"form_username", orNull(it.form_username)},
+                {"summary", it.summary},         {"size", it.size},
+                {"raw_expired", it.raw_expired}, {"level", it.level},
                 {"version", orNull(it.version)}};
 }
 
@@ -105,8 +101,8 @@ bool Staff::exportList(const Request &req, Response &res, const Principal &who,
     };
     res.setHeader("Content-Type",
                   csv ? "text/csv; charset=utf-8; header=present" : "application/x-ndjson");
-    res.setHeader("Content-Disposition", std::string("attachment; filename=\"reports.") +
-                                             (csv ? "csv" : "jsonl") + "\"");
+    res.setHeader("Content-Disposition",
+                  std::string("attachment; filename=\"reports.") + (csv ? "csv" : "jsonl") + "\"");
     return true;
 }
 

@@ -286,8 +286,8 @@ std::string Staff::viewerZone(const Principal &) {
     return "UTC";
 }
 
-std::optional<ReportFilter> Staff::filterOf(const Request &req, Response &res,
-                                            const Principal &who, bool page) {
+std::optional<ReportFilter> Staff::filterOf(const Request &req, Response &res, const Principal &who,
+                                            bool page) {
     auto f = parseFilter(req.params, store_.db().dialect(), viewerZone(who));
     if (auto *why = std::get_if<std::string>(&f)) {
         if (page) {

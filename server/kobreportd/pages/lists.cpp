@@ -93,8 +93,8 @@ Html savedViews(const std::vector<SavedView> &views, const std::string &query, c
         if (view.shared)
             b << " <span class=\"shared\">shared by " << text(view.account) << "</span>";
         if (v.who && (view.account == v.who->account || v.who->role == Role::Admin))
-            b << " <form class=\"inline\" method=\"post\" action=\""
-              << links.href("/views/") << view.id << "/delete\">" << csrfField(v)
+            b << " <form class=\"inline\" method=\"post\" action=\"" << links.href("/views/")
+              << view.id << "/delete\">" << csrfField(v)
               << "<button type=\"submit\">Delete</button></form>";
         b << "</li>";
     }
@@ -126,16 +126,15 @@ Html list(const ListPage &list, const Filters &filters, int64_t pg, int64_t page
               << ". Each filter narrows the list: remove one to widen it.";
         b << "</p>\n";
     } else {
-        b << "<p class=\"count\">" << list.total
-          << text(list.total == 1 ? " report" : " reports");
+        b << "<p class=\"count\">" << list.total << text(list.total == 1 ? " report" : " reports");
         if (!filters.empty())
             b << " matching " << described(filters);
         b << "</p>\n";
     }
     std::string sep = query.empty() ? "?" : "?" + query + "&";
-    b << "<p class=\"export\">Download this list: <a id=\"export-csv\" href=\""
-      << links.href("/") << text(sep) << "format=csv\">CSV</a> <a id=\"export-jsonl\" href=\""
-      << links.href("/") << text(sep) << "format=jsonl\">JSON lines</a></p>\n";
+    b << "<p class=\"export\">Download this list: <a id=\"export-csv\" href=\"" << links.href("/")
+      << text(sep) << "format=csv\">CSV</a> <a id=\"export-jsonl\" href=\"" << links.href("/")
+      << text(sep) << "format=jsonl\">JSON lines</a></p>\n";
     if (list.total == 0)
         return b;
     b << "<table id=\"reports\"><thead><tr><th>Received (UTC)</th><th>User</th>"

@@ -42,8 +42,8 @@ using Filters = std::vector<std::pair<std::string, std::string>>;
 std::string filterQuery(const Filters &given);
 // The list with its filters, the views the viewer sees and a form to save
 // this one.
-html::Html list(const ListPage &page, const Filters &filters, int64_t pageNumber,
-                int64_t pageSize, const std::vector<SavedView> &views, const Viewer &v);
+html::Html list(const ListPage &page, const Filters &filters, int64_t pageNumber, int64_t pageSize,
+                const std::vector<SavedView> &views, const Viewer &v);
 // What a page shows of one client log: its first and last bytes within
 // the page's bounds, and how many lie between.
 struct LogEnds {

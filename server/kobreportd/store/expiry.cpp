@@ -83,12 +83,11 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                                  {sql::integer(id)});
                 if (k.empty())
                     continue; // deleted meanwhile
-                kept.push_back({id, k.integer(0, "received_at"), k.integer(0, "size"),
-                                k.integer(0, "rules"), k.str(0, "reference"),
-                                maskAddresses(k.str(0, "summary"), findings[i].targets),
-                                k.opt(0, "form_username"), k.opt(0, "report_username"),
-                                std::move(findings[i].packed), k.str(0, "level"),
-                                k.opt(0, "version")});
+                kept.push_back(
+                    {id, k.integer(0, "received_at"), k.integer(0, "size"), k.integer(0, "rules"),
+                     k.str(0, "reference"), maskAddresses(k.str(0, "summary"), findings[i].targets),
+                     k.opt(0, "form_username"), k.opt(0, "report_username"),
+                     std::move(findings[i].packed), k.str(0, "level"), k.opt(0, "version")});
                 dropWords(c, db_.dialect(), id);
             }
             for (const Kept &k : kept)

@@ -238,13 +238,22 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
     // PostgreSQL keeps the comment's words in the row, SQLite in its
     // full-text table (addSearchable).
     std::string net = senderNetwork(peer);
-    std::vector<sql::Param> params = {
-        sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
-        sql::optText(reportUser), sql::text(summary), sql::text(peer),
-        sql::integer(static_cast<int64_t>(r.desc.size())),
-        pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
-        sql::optBlob(r.why), sql::integer(r.rules), sql::text(net),
-        sql::optBlob(p.findings), sql::text(r.level), sql::optText(version)};
+    std::vector<sql::Param> params = {sql::integer(id),
+                                      sql::text(ref),
+                                      sql::integer(r.received_at),
+                                      sql::optText(formUser),
+                                      sql::optText(reportUser),
+                                      sql::text(summary),
+                                      sql::text(peer),
+                                      sql::integer(static_cast<int64_t>(r.desc.size())),
+                                      pieces ? sql::integer(static_cast<int64_t>(packed.size()))
+                                             : sql::blob(packed),
+                                      sql::optBlob(r.why),
+                                      sql::integer(r.rules),
+                                      sql::text(net),
+                                      sql::optBlob(p.findings),
+                                      sql::text(r.level),
+                                      sql::optText(version)};
     if (pg)
         params.push_back(sql::optText(comment));
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"

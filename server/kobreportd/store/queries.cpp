@@ -114,15 +114,13 @@ ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) 
     return page;
 }
 
-std::vector<ListItem> Store::listBefore(const ReportFilter &filter, int64_t before,
-                                        int64_t limit) {
+std::vector<ListItem> Store::listBefore(const ReportFilter &filter, int64_t before, int64_t limit) {
     const Conditions &w = filter.where;
     auto params = w.params();
     params.push_back(sql::integer(before));
     params.push_back(sql::integer(limit));
-    auto rows = db_.read(std::string("SELECT ") + kListColumns +
-                             " FROM reports" + listWhere(w) + " AND id < " +
-                             w.next(1) + " ORDER BY id DESC LIMIT " + w.next(2),
+    auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + listWhere(w) +
+                             " AND id < " + w.next(1) + " ORDER BY id DESC LIMIT " + w.next(2),
                          params);
     std::vector<ListItem> out;
     for (size_t i = 0; i < rows.size(); i++)

@@ -129,8 +129,8 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
 }
 
 std::optional<std::string> byRule(const std::string &value, ReportFilter &f) {
-    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE rule = " +
-                f.where.bind(value) + ")");
+    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE rule = " + f.where.bind(value) +
+                ")");
     return std::nullopt;
 }
 
@@ -144,8 +144,8 @@ std::optional<std::string> byLevel(const std::string &value, ReportFilter &f) {
 
 // An area with a problem: a failing or warning verdict in it.
 std::optional<std::string> byArea(const std::string &value, ReportFilter &f) {
-    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE area = " +
-                f.where.bind(value) + " AND problem = 1)");
+    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE area = " + f.where.bind(value) +
+                " AND problem = 1)");
     return std::nullopt;
 }
 
@@ -263,8 +263,8 @@ std::optional<std::pair<std::time_t, std::time_t>> zonedSpan(const std::string &
     return std::make_pair(at, at + step);
 }
 
-void addSearchable(sql::Conn &c, sql::Dialect d, int64_t id,
-                   const std::optional<std::string> &why, const std::vector<RuleVerdict> &verdicts) {
+void addSearchable(sql::Conn &c, sql::Dialect d, int64_t id, const std::optional<std::string> &why,
+                   const std::vector<RuleVerdict> &verdicts) {
     replaceVerdicts(c, id, verdicts);
     if (d == sql::Dialect::Sqlite && why && !why->empty())
         c.query("INSERT INTO report_words (rowid, comment) VALUES ($1, $2)",

@@ -81,8 +81,8 @@ std::optional<std::pair<std::time_t, std::time_t>> zonedSpan(const std::string &
 
 // Writes what the filters find a report by beside it: its verdicts, and
 // its comment's words (why, already cleaned) in the full-text index.
-void addSearchable(sql::Conn &c, sql::Dialect d, int64_t id,
-                   const std::optional<std::string> &why, const std::vector<RuleVerdict> &verdicts);
+void addSearchable(sql::Conn &c, sql::Dialect d, int64_t id, const std::optional<std::string> &why,
+                   const std::vector<RuleVerdict> &verdicts);
 // Replaces a report's verdicts (retriage).
 void replaceVerdicts(sql::Conn &c, int64_t id, const std::vector<RuleVerdict> &verdicts);
 // Takes the comment's words out of the full-text index (expiry, deletion).

@@ -30,10 +30,10 @@ struct NewReport {
     std::optional<std::string> report_username; // from the report's own header
     std::string summary;                        // the triage's one-line summary
     std::string peer;
-    std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
-    int rules = 0;                 // the version of the rules that judged it
-    std::string findings;          // the triage's, as kobtriage::toStored writes them
-    std::string level;             // the worst verdict's: "fail", "warn" or "ok"
+    std::vector<Outcome> outcomes;      // one per probe target, for the fleet's numbers
+    int rules = 0;                      // the version of the rules that judged it
+    std::string findings;               // the triage's, as kobtriage::toStored writes them
+    std::string level;                  // the worst verdict's: "fail", "warn" or "ok"
     std::optional<std::string> version; // kobdiag's
     std::vector<RuleVerdict> verdicts;
 };
@@ -75,7 +75,7 @@ struct SavedView {
     int64_t id = 0;
     std::string account; // who saved it
     std::string name;
-    std::string query; // the list's URL query, percent-encoded
+    std::string query;   // the list's URL query, percent-encoded
     bool shared = false; // everyone sees it, not only its owner
 };
 

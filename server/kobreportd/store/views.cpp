@@ -18,8 +18,8 @@ std::vector<SavedView> Store::views(const std::string &account) {
     return out;
 }
 
-bool Store::saveView(const std::string &account, const std::string &name,
-                     const std::string &query, bool shared, std::time_t at) {
+bool Store::saveView(const std::string &account, const std::string &name, const std::string &query,
+                     bool shared, std::time_t at) {
     std::string n = cleanText(name);
     auto rows = db_.write("INSERT INTO saved_views (account, name, query, shared, created_at)"
                           " VALUES ($1, $2, $3, $4, $5) ON CONFLICT (account, name) DO NOTHING"
