@@ -165,8 +165,15 @@ std::optional<std::string> bySpan(const std::string &value, ReportFilter &f,
                " YYYY-MM-DDThh:mm:ss)";
     if (from)
         f.where.add("received_at >= " + f.where.bind(static_cast<int64_t>(span->first)));
-    else
-        f.where.add("received_at < " + f.where.bind(static_cast<int64_t>(span->second)));
+    else {
+        // Ids grow with time: the bound on the id lets the newest-first walk
+        // start at the last report before `to` instead of passing every
+        // later one on its way there ("+ 0": the largest id is looked for
+        // among the times, not by walking the ids down).
+        std::string end = f.where.bind(static_cast<int64_t>(span->second));
+        f.where.add("received_at < " + end +
+                    " AND id <= (SELECT max(id + 0) FROM reports WHERE received_at < " + end + ")");
+    }
     return std::nullopt;
 }
 
