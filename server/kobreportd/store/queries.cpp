@@ -103,7 +103,7 @@ ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) 
     std::string where = listWhere(w);
     auto params = w.params();
     ListPage page;
-    page.total = db_.read("SELECT count(*) AS n FROM reports" + where, params).integer(0, "n");
+    page.total = db_.read(w.countSql(where), params).integer(0, "n");
     params.push_back(sql::integer(limit));
     params.push_back(sql::integer(offset));
     auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +

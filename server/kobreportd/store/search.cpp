@@ -24,6 +24,12 @@ std::string Conditions::sql() const {
     return s;
 }
 
+std::string Conditions::countSql(const std::string &where) const {
+    if (conditions_.size() == 1 && !ids_.empty())
+        return "SELECT count(*) AS n FROM (" + ids_ + ") AS ids";
+    return "SELECT count(*) AS n FROM reports" + where;
+}
+
 std::vector<sql::Param> Conditions::params() const {
     std::vector<sql::Param> p;
     p.reserve(values_.size());
@@ -93,7 +99,7 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
     // A reference in one of its shapes is looked for as nothing else: no
     // user is named so, and the lookups stay on the references' indexes.
     if (!branches.empty()) {
-        w.add("id IN (" + branches.front() + ")");
+        w.addIds(branches.front());
         return std::nullopt;
     }
     if (!q.empty()) {
@@ -124,13 +130,13 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
     std::string u;
     for (const auto &b : branches)
         u += (u.empty() ? "" : " UNION ") + b;
-    w.add("id IN (" + u + ")");
+    w.addIds(u);
     return std::nullopt;
 }
 
 std::optional<std::string> byRule(const std::string &value, ReportFilter &f) {
-    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE rule = " + f.where.bind(value) +
-                ")");
+    f.where.addIds("SELECT DISTINCT report_id AS id FROM report_verdicts WHERE rule = " +
+                   f.where.bind(value));
     return std::nullopt;
 }
 
@@ -144,8 +150,8 @@ std::optional<std::string> byLevel(const std::string &value, ReportFilter &f) {
 
 // An area with a problem: a failing or warning verdict in it.
 std::optional<std::string> byArea(const std::string &value, ReportFilter &f) {
-    f.where.add("id IN (SELECT report_id FROM report_verdicts WHERE area = " + f.where.bind(value) +
-                " AND problem = 1)");
+    f.where.addIds("SELECT DISTINCT report_id AS id FROM report_verdicts WHERE area = " +
+                   f.where.bind(value) + " AND problem = 1");
     return std::nullopt;
 }
 

@@ -33,6 +33,16 @@ class Conditions {
     std::string bind(std::string value);
     std::string bind(int64_t value);
     void add(std::string condition) { conditions_.push_back(std::move(condition)); }
+    // A condition that names the reports' ids by a query of its own, each id
+    // once.
+    void addIds(const std::string &ids) {
+        add("id IN (" + ids + ")");
+        ids_ = conditions_.size() == 1 ? ids : "";
+    }
+    // A statement counting the reports the conditions take: when the one
+    // condition is a query of ids, that query's rows, without a look at
+    // every report it names.
+    std::string countSql(const std::string &where) const;
     // " AND (c1) AND (c2) ...", or "" when there are none.
     std::string sql() const;
     bool empty() const { return conditions_.empty(); }
@@ -44,6 +54,7 @@ class Conditions {
   private:
     sql::Dialect dialect_;
     std::vector<std::string> conditions_;
+    std::string ids_; // the query of ids of the first condition, when it is one
     struct Value {
         bool isInt = false;
         int64_t i = 0;
