@@ -168,7 +168,7 @@ INSTANTIATE_TEST_SUITE_P(Stores, Restore, ::testing::Values("sqlite", "postgres"
                          [](const auto &info) { return info.param; });
 
 // The layout this kobreportd writes (kobreportd --version names it).
-constexpr int kLayout = 9;
+constexpr int kLayout = 14;
 
 // Before a file of an older layout is migrated, a copy of it as it was is
 // left beside it; a new file has nothing to copy.
@@ -190,7 +190,7 @@ TEST_F(Backup, AFileOfAnOlderLayoutIsCopiedBesideItBeforeItIsMigrated) {
     EXPECT_EQ(migrated.status, 0);
     EXPECT_EQ(migrated.err.rfind("{\"time\":\"", 0), 0u) << migrated.err;
     EXPECT_EQ(migrated.err.substr(migrated.err.find("\"level\"")),
-              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":9,\"path\":\"" +
+              "\"level\":\"info\",\"event\":\"migration_backup\",\"from\":8,\"to\":14,\"path\":\"" +
                   copy + "\"}\n");
     {
         reportd::Server s(KOBREPORTD_BIN, db);
@@ -232,12 +232,12 @@ TEST_P(Layout, ADatabaseOfANewerLayoutIsRefusedAtStart) {
     auto r = reportd::command(KOBREPORTD_BIN, {"--listen", "127.0.0.1:0", "--db", db});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
-                     "one knows up to 9)\n");
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 15, this "
+                     "one knows up to 14)\n");
     r = reportd::command(KOBREPORTD_BIN, {"user", "list", "--db", db});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 10, this "
-                     "one knows up to 9)\n");
+    EXPECT_EQ(r.err, "kobreportd: the database was written by a newer kobreportd (layout 15, this "
+                     "one knows up to 14)\n");
 }
 
 // Another instance migrated the shared database under a running one: the
@@ -247,7 +247,7 @@ TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
     EXPECT_EQ(reportd::upload(s.port(), "before\n").status, 200);
     EXPECT_EQ(s.api("/api/reports").status, 200);
     value("UPDATE kob_meta SET value = '" + std::to_string(kLayout + 1) + "' WHERE key = 'schema'");
-    const std::string why = "Service unavailable: the database was upgraded to layout 10 by a "
+    const std::string why = "Service unavailable: the database was upgraded to layout 15 by a "
                             "newer kobreportd; this one reads layout 14\n";
     // The layout is looked at once a second: readiness says when it was.
     for (int i = 0; i < 300 && reportd::get(s.port(), "/readyz").status != 503; i++)
@@ -264,9 +264,9 @@ TEST_P(Layout, ARunningServerStopsServingWhenANewerOneMigratesTheDatabase) {
     EXPECT_EQ(value("SELECT count(*) FROM reports"), "1");
     EXPECT_EQ(s.stop(), 0);
     const std::string line =
-        "\"level\":\"error\",\"event\":\"layout_newer\",\"layout\":10,\"own_layout\":9,"
-        "\"message\":\"the database was written by a newer kobreportd (layout 10, this one knows "
-        "up to 9); not serving until upgraded\"}\n";
+        "\"level\":\"error\",\"event\":\"layout_newer\",\"layout\":15,\"own_layout\":14,"
+        "\"message\":\"the database was written by a newer kobreportd (layout 15, this one knows "
+        "up to 14); not serving until upgraded\"}\n";
     std::string errors = s.errors();
     auto at = errors.find(line);
     EXPECT_NE(at, std::string::npos) << errors;
