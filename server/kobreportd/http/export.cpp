@@ -68,7 +68,7 @@ bool Staff::exportList(const Request &req, Response &res, const Principal &who,
         return false;
     std::string detail = format;
     for (const auto &[name, value] : filter.given)
-        detail += " " + name + "=" + value;
+        detail.append(" ").append(name).append("=").append(value);
     audit_.record(who.account, req.client_address, "reports.exported", "", detail);
     struct State {
         Store *store;

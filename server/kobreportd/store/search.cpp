@@ -63,7 +63,7 @@ std::vector<std::string> words(const std::string &q) {
 // "KOB-" and the dash after the date, its beginning, or its last six
 // digits), a part of a user name, or words of the user's comment, all of
 // them.  A whole reference is also remembered, for the page to open.
-std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
+std::optional<std::string> byQuery(const std::string &value, ReportFilter &f, const std::string &) {
     Conditions &w = f.where;
     bool pg = w.dialect() == sql::Dialect::Postgres;
     std::string q = cleanText(value);
@@ -134,14 +134,14 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f) {
     return std::nullopt;
 }
 
-std::optional<std::string> byRule(const std::string &value, ReportFilter &f) {
+std::optional<std::string> byRule(const std::string &value, ReportFilter &f, const std::string &) {
     f.where.addIds("SELECT DISTINCT report_id AS id FROM report_verdicts WHERE rule = " +
                    f.where.bind(value));
     return std::nullopt;
 }
 
 // A report's level is its worst verdict's.
-std::optional<std::string> byLevel(const std::string &value, ReportFilter &f) {
+std::optional<std::string> byLevel(const std::string &value, ReportFilter &f, const std::string &) {
     if (value != "fail" && value != "warn" && value != "ok")
         return "level is one of fail, warn, ok";
     f.where.add("level = " + f.where.bind(value));
@@ -149,13 +149,14 @@ std::optional<std::string> byLevel(const std::string &value, ReportFilter &f) {
 }
 
 // An area with a problem: a failing or warning verdict in it.
-std::optional<std::string> byArea(const std::string &value, ReportFilter &f) {
+std::optional<std::string> byArea(const std::string &value, ReportFilter &f, const std::string &) {
     f.where.addIds("SELECT DISTINCT report_id AS id FROM report_verdicts WHERE area = " +
                    f.where.bind(value) + " AND problem = 1");
     return std::nullopt;
 }
 
-std::optional<std::string> byVersion(const std::string &value, ReportFilter &f) {
+std::optional<std::string> byVersion(const std::string &value, ReportFilter &f,
+                                     const std::string &) {
     f.where.add("version = " + f.where.bind(value));
     return std::nullopt;
 }
@@ -183,6 +184,16 @@ std::optional<std::string> bySpan(const std::string &value, ReportFilter &f,
     return std::nullopt;
 }
 
+std::optional<std::string> fromTime(const std::string &value, ReportFilter &f,
+                                    const std::string &zone) {
+    return bySpan(value, f, zone, true);
+}
+
+std::optional<std::string> toTime(const std::string &value, ReportFilter &f,
+                                  const std::string &zone) {
+    return bySpan(value, f, zone, false);
+}
+
 struct FilterParam {
     const char *name;
     // Adds the value's condition to the filter, or says why it cannot.
@@ -191,20 +202,9 @@ struct FilterParam {
 };
 
 // One row a parameter.
-const FilterParam kFilterParams[] = {
-    {"q", [](const std::string &v, ReportFilter &f, const std::string &) { return byQuery(v, f); }},
-    {"rule",
-     [](const std::string &v, ReportFilter &f, const std::string &) { return byRule(v, f); }},
-    {"level",
-     [](const std::string &v, ReportFilter &f, const std::string &) { return byLevel(v, f); }},
-    {"area",
-     [](const std::string &v, ReportFilter &f, const std::string &) { return byArea(v, f); }},
-    {"from", [](const std::string &v, ReportFilter &f,
-                const std::string &zone) { return bySpan(v, f, zone, true); }},
-    {"to", [](const std::string &v, ReportFilter &f,
-              const std::string &zone) { return bySpan(v, f, zone, false); }},
-    {"version",
-     [](const std::string &v, ReportFilter &f, const std::string &) { return byVersion(v, f); }},
+constexpr FilterParam kFilterParams[] = {
+    {"q", byQuery},     {"rule", byRule}, {"level", byLevel},     {"area", byArea},
+    {"from", fromTime}, {"to", toTime},   {"version", byVersion},
 };
 
 } // namespace
