@@ -299,7 +299,8 @@ std::optional<ReportFilter> Staff::filterOf(const Request &req, Response &res, c
         }
         return std::nullopt;
     }
-    return std::move(std::get<ReportFilter>(f));
+    ReportFilter filter = std::move(std::get<ReportFilter>(f));
+    return filter;
 }
 
 bool Staff::exported(const Request &req, Response &res, const Principal &who,
