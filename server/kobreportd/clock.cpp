@@ -49,6 +49,22 @@ bool knownZone(const std::string &zone) {
     return zone == "UTC" || zoneOrNull(zone) != nullptr;
 }
 
+std::optional<std::time_t> localToUtc(std::time_t local, const std::string &zone) {
+    if (zone.empty() || zone == "UTC")
+        return local;
+    const date::time_zone *z = zoneOrNull(zone);
+    if (!z)
+        return std::nullopt;
+    auto at = date::local_seconds{std::chrono::seconds{local}};
+    auto info = z->get_info(at);
+    std::chrono::sys_seconds utc;
+    if (info.result == date::local_info::nonexistent)
+        utc = info.first.end;
+    else
+        utc = date::sys_seconds{at.time_since_epoch() - info.first.offset};
+    return static_cast<std::time_t>(utc.time_since_epoch().count());
+}
+
 std::vector<std::string> zoneNames() {
     std::vector<std::string> out;
     for (const auto &z : date::get_tzdb().zones)

@@ -6,6 +6,7 @@
 #define KOBREPORTD_CLOCK_H
 
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,10 @@ std::string utcTime(std::time_t t, const char *format);
 // An unknown zone is taken as UTC.
 std::string zonedTime(std::time_t t, const std::string &zone, const char *format);
 bool knownZone(const std::string &zone);
+// The moment a zone's clocks showed `local` (seconds as if it were UTC);
+// in a gap the clocks skipped, the moment after it, and in an hour they
+// repeated, the first.  Nothing for an unknown zone.
+std::optional<std::time_t> localToUtc(std::time_t local, const std::string &zone);
 // Every zone name the system knows, sorted.
 std::vector<std::string> zoneNames();
 

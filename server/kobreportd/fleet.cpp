@@ -128,12 +128,24 @@ Triaged triage(std::string_view text) {
         for (auto &o : outcomesOf(report))
             if (fleetPolicy().counts(o.area, o.target))
                 counted.push_back(std::move(o));
-    return {report.username,
-            report.summary(),
-            std::move(counted),
-            report.rules_version,
-            text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string(),
-            issueKey(report)};
+    Triaged t{report.username,
+              report.summary(),
+              std::move(counted),
+              report.rules_version,
+              text.size() > kStoredFindingsFrom ? kobtriage::toStored(report) : std::string(),
+              issueKey(report),
+              "ok",
+              report.version,
+              {}};
+    using L = kobtriage::Verdict::Level;
+    for (const auto &v : report.verdicts) {
+        t.verdicts.push_back({v.rule, v.area, kobtriage::levelName(v.level)});
+        if (v.level == L::Fail)
+            t.level = "fail";
+        else if (v.level == L::Warn && t.level != "fail")
+            t.level = "warn";
+    }
+    return t;
 }
 
 std::optional<std::time_t> windowSeconds(const std::string &w) {

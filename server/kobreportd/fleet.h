@@ -86,16 +86,25 @@ const FleetPolicy &fleetPolicy();
 // not an address.
 std::string senderNetwork(const std::string &address);
 
+// One verdict as the list's filters find it: the rule's id, its area and
+// its level (kobtriage::levelName).
+struct RuleVerdict {
+    std::string rule, area, level;
+};
+
 // What the store keeps of a report's triage: the user the report names,
-// the one-line summary, the outcomes of the targets the fleet counts and
-// the version of the rules.
+// the one-line summary, the outcomes of the targets the fleet counts, the
+// version of the rules, and what the filters search by.
 struct Triaged {
     std::optional<std::string> report_username;
     std::string summary;
     std::vector<Outcome> outcomes;
     int rules = 0;
-    std::string findings; // all it found, as kobtriage::toStored writes it, or ""
-    IssueKey issue;       // the issue it belongs to (issues.h)
+    std::string findings;               // all it found, as kobtriage::toStored writes it, or ""
+    IssueKey issue;                     // the issue it belongs to (issues.h)
+    std::string level;                  // the worst verdict's: "fail", "warn" or "ok"
+    std::optional<std::string> version; // kobdiag's, from the report's header
+    std::vector<RuleVerdict> verdicts;
 };
 // Reports larger than this keep all the triage found beside their text, so
 // that their page is made without the text; a smaller one's page reads its

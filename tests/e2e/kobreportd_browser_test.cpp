@@ -314,8 +314,9 @@ TEST(ReportdBrowser, HostileTextShowsLiterallyAndSearchTakesMetacharactersAsText
         {"\\", "1 report matching \u201c\\\u201d", {"back\\slash"}},
         {"k\\s", "1 report matching \u201ck\\s\u201d", {"back\\slash"}},
         {"'", "4 reports matching \u201c'\u201d", {sql, link, img, script}},
-        {"o'brien'; DROP", "1 report matching \u201co'brien'; DROP\u201d", {sql}},
-        {img, "1 report matching \u201c" + img + "\u201d", {img}},
+        // The hostile report's comment holds these words too.
+        {"o'brien'; DROP", "2 reports matching \u201co'brien'; DROP\u201d", {sql, script}},
+        {img, "2 reports matching \u201c" + img + "\u201d", {img, script}},
         {"slash", "2 reports matching \u201cslash\u201d", {"backslash", "back\\slash"}},
     };
     for (const auto &q : searches) {

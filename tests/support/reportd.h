@@ -13,7 +13,7 @@
 namespace reportd {
 
 // The database layout this kobreportd writes.
-constexpr int kLayout = 14;
+constexpr int kLayout = 15;
 
 struct Response {
     bool ok = false; // a response arrived

@@ -65,29 +65,15 @@ void Staff::addApiRoutes(RouteTable &table) {
 
 void Staff::addReportApi(RouteTable &table) {
     api(table, Method::Get, "/api/reports", Role::Viewer,
-        [this](const Request &req, Response &res, const Principal &) {
-            std::string q = req.hasParam("q") ? req.param("q") : "";
-            int64_t pg = pageNumber(req);
-            ListFilter filter;
-            std::string why;
-            if (!listFilter(req, filter, why)) {
-                json(res, 400, Json{{"error", why}});
+        [this](const Request &req, Response &res, const Principal &who) {
+            auto filter = filterOf(req, res, who, false);
+            if (!filter || exported(req, res, who, *filter, false))
                 return;
-            }
-            auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize, filter);
+            int64_t pg = pageNumber(req);
+            auto list = store_.list(*filter, (pg - 1) * kPageSize, kPageSize);
             Json reports = Json::array();
-            for (const auto &it : list.items) {
-                std::string user = it.form_username && !it.form_username->empty()
-                                       ? *it.form_username
-                                       : it.report_username.value_or("");
-                reports.push_back(Json{{"reference", it.reference},
-                                       {"received_at", isoTime(it.received_at)},
-                                       {"username", user},
-                                       {"form_username", orNull(it.form_username)},
-                                       {"summary", it.summary},
-                                       {"size", it.size},
-                                       {"raw_expired", it.raw_expired}});
-            }
+            for (const auto &it : list.items)
+                reports.push_back(itemJson(it));
             json(res, 200,
                  Json{{"total", list.total},
                       {"page", pg},

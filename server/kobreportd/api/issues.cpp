@@ -81,10 +81,9 @@ void Staff::addIssueApi(RouteTable &table) {
             return;
         }
         Json j = issueJson(*is, t, ticketUrl_);
-        ListFilter f;
-        f.issue = id;
+        auto f = issueReports(store_.db().dialect(), id);
         Json reports = Json::array();
-        for (const auto &it : store_.list("", 0, 200, f).items)
+        for (const auto &it : store_.list(f, 0, 200).items)
             reports.push_back(Json{{"reference", it.reference},
                                    {"received_at", isoTime(it.received_at)},
                                    {"form_username", orNull(it.form_username)},

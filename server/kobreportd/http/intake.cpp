@@ -188,6 +188,9 @@ void Intake::upload(const Request &req, Response &res) {
         nr.rules = t.rules;
         nr.findings = std::move(t.findings);
         nr.issue = std::move(t.issue);
+        nr.level = std::move(t.level);
+        nr.version = std::move(t.version);
+        nr.verdicts = std::move(t.verdicts);
     }
     nr.peer = req.client_address;
     if (networks_ && networks_->any())

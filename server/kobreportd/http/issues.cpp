@@ -20,24 +20,6 @@ WorkflowChange Staff::workflowChange(const Request &req) {
     return c;
 }
 
-bool Staff::listFilter(const Request &req, ListFilter &f, std::string &why) {
-    f.status = req.param("status");
-    f.owner = req.param("owner");
-    if (!f.status.empty() && !validStatus(f.status)) {
-        why = "status is one of new, open, resolved, ignored";
-        return false;
-    }
-    if (req.hasParam("issue") && !req.param("issue").empty()) {
-        auto id = parseIssueId(req.param("issue"));
-        if (!id) {
-            why = "issue is an issue's number";
-            return false;
-        }
-        f.issue = *id;
-    }
-    return true;
-}
-
 html::Html Staff::reportWorkflow(const std::string &reference, const Principal &who) {
     html::Html b;
     auto w = issues_.reportWorkflow(reference);
@@ -76,12 +58,11 @@ void Staff::addIssuePages(RouteTable &table) {
                  pages::message("No issue " + std::to_string(id) + "."));
             return;
         }
-        ListFilter f;
-        f.issue = id;
+        auto f = issueReports(store_.db().dialect(), id);
         html::Html body;
         if (!message.empty())
             body << "<p class=\"error\" id=\"message\">" << html::text(message) << "</p>\n";
-        body << pages::issue(*is, store_.list("", 0, 200, f),
+        body << pages::issue(*is, store_.list(f, 0, 200),
                              pages::workflow(links().path("/issues/") + std::to_string(id),
                                              Workflow{is->status, is->owner, is->ticket},
                                              issues_.notes("issue.noted", issueReference(id)),

@@ -286,8 +286,20 @@ std::optional<Principal> Guard::check(const Route &route, const Request &req, Re
         break;
     case Access::Api: {
         std::string auth = req.header("Authorization");
-        if (auth.rfind("Bearer ", 0) == 0)
+        if (auth.rfind("Bearer ", 0) == 0) {
             who = accounts_.bearer(auth.substr(7));
+        } else if (!req.hasHeader("Authorization")) {
+            // A signed-in browser reads the API as its pages do (the report
+            // page links its JSON); a change it asks for needs the form
+            // token and this server's origin, as a page's form does.
+            who = accounts_.session(cookie(req, kSessionCookie));
+            if (who && route.method != Method::Get &&
+                (!sameOrigin(req) ||
+                 !sameSecret(req.param("csrf"), Accounts::csrfToken(who->session)))) {
+                jsonError(res, 403, "a change from a browser session needs its form token");
+                return std::nullopt;
+            }
+        }
         if (!who) {
             res.setHeader("WWW-Authenticate", "Bearer realm=\"kobreportd\"");
             jsonError(res, 401, "a valid API token is required");

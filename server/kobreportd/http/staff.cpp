@@ -224,6 +224,101 @@ pages::CompareSide Staff::side(const StoredReport &s) {
     return c;
 }
 
+namespace {
+
+// A list's query as the list page writes it: percent-encoded fields.
+bool plainQuery(const std::string &q) {
+    if (q.size() > 2000)
+        return false;
+    for (unsigned char c : q)
+        if (!std::isalnum(c) && std::strchr("-._~%&=+", c) == nullptr)
+            return false;
+    return true;
+}
+
+} // namespace
+
+void Staff::addViewPages(RouteTable &table) {
+    page(table, Method::Post, "/views", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             std::string name = req.param("name"), query = req.param("query");
+             bool shared = req.param("shared") == "1";
+             if (name.empty() || name.size() > 80 || !plainQuery(query)) {
+                 show(res, 400, "Problem reports", &who,
+                      pages::message("Not saved: a name of up to 80 characters and the list's "
+                                     "filters are needed."));
+                 return;
+             }
+             if (!store_.saveView(who.account, name, query, shared, now())) {
+                 show(res, 409, "Problem reports", &who,
+                      pages::message("Not saved: you have a view called " + name + " already."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "view.saved", "",
+                           name + (shared ? " (shared): " : ": ") + query);
+             seeOther(res, links().path("/") + (query.empty() ? "" : "?" + query));
+         });
+    page(table, Method::Post, "/views/{id}/delete", Role::Viewer,
+         [this](const Request &req, Response &res, const Principal &who) {
+             int64_t id = 0;
+             const std::string &s = req.matches[1];
+             bool number = !s.empty() && s.size() < 19;
+             for (char c : s)
+                 number = number && c >= '0' && c <= '9';
+             std::optional<SavedView> gone;
+             if (number) {
+                 id = std::stoll(s);
+                 gone = store_.deleteView(id, who.account, who.role == Role::Admin);
+             }
+             if (!gone) {
+                 show(res, 404, "Problem reports", &who, pages::message("No such view of yours."));
+                 return;
+             }
+             audit_.record(who.account, req.client_address, "view.deleted", "",
+                           gone->name + " of " + gone->account);
+             seeOther(res, links().path("/"));
+         });
+}
+
+std::string Staff::viewerZone(const Principal &who) {
+    return who.zone;
+}
+
+std::optional<ReportFilter> Staff::filterOf(const Request &req, Response &res, const Principal &who,
+                                            bool page) {
+    auto f = parseFilter(req.params, store_.db().dialect(), viewerZone(who));
+    if (auto *why = std::get_if<std::string>(&f)) {
+        if (page) {
+            show(res, 400, "Problem reports", &who, pages::message("Not searched: " + *why + "."));
+        } else {
+            res.status = 400;
+            res.setContent(kobtriage::dumpJson(nlohmann::ordered_json{{"error", *why}}),
+                           "application/json");
+        }
+        return std::nullopt;
+    }
+    ReportFilter filter = std::move(std::get<ReportFilter>(f));
+    return filter;
+}
+
+bool Staff::exported(const Request &req, Response &res, const Principal &who,
+                     const ReportFilter &filter, bool page) {
+    if (req.param("format").empty())
+        return false;
+    if (exportList(req, res, who, filter))
+        return true;
+    const char *why = "format is csv or jsonl";
+    if (page) {
+        show(res, 400, "Problem reports", &who,
+             pages::message(std::string("Not exported: ") + why + "."));
+    } else {
+        res.status = 400;
+        res.setContent(kobtriage::dumpJson(nlohmann::ordered_json{{"error", why}}),
+                       "application/json");
+    }
+    return true;
+}
+
 void Staff::notFound(Response &res, const Principal &who, const std::string &ref) {
     html::Html b;
     b << "<p id=\"message\">No report " << html::text(ref) << ".</p>";
@@ -447,22 +542,26 @@ void Staff::addSignInRoutes(RouteTable &table) {
 void Staff::addReportPages(RouteTable &table) {
     page(table, Method::Get, "/", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
-             std::string q = req.hasParam("q") ? req.param("q") : "";
-             int64_t pg = pageNumber(req);
-             ListFilter filter;
-             std::string why;
-             if (!listFilter(req, filter, why)) {
-                 show(res, 400, "Problem reports", &who, pages::message(why), q);
+             auto filter = filterOf(req, res, who, true);
+             if (!filter || exported(req, res, who, *filter, true))
+                 return;
+             // A whole reference opens its report.
+             if (!filter->exact.empty() && store_.head(filter->exact)) {
+                 seeOther(res, links().path("/reports/") + filter->exact);
                  return;
              }
-             auto list = store_.list(q, (pg - 1) * kPageSize, kPageSize, filter);
+             int64_t pg = pageNumber(req);
+             auto list = store_.list(*filter, (pg - 1) * kPageSize, kPageSize);
+             std::string q = req.hasParam("q") ? req.param("q") : "";
              html::Html body;
              // After a deletion: said only of a report that is gone indeed.
              if (std::string gone = req.param("deleted"); !gone.empty() && !store_.head(gone))
                  body << pages::message("Deleted the report " + gone + ".");
-             body << pages::list(list, q, pg, kPageSize, links());
+             body << pages::list(list, filter->given, pg, kPageSize, store_.views(who.account),
+                                 viewer(who));
              show(res, 200, "Problem reports", &who, body, q);
          });
+    addViewPages(table);
     page(table, Method::Get, "/reports/{ref}", Role::Viewer,
          [this](const Request &req, Response &res, const Principal &who) {
              reportPage(req, res, who, false);

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "accounts.h"
 #include "audit.h"
 #include "issues.h"
@@ -96,9 +98,6 @@ class Staff {
     void setTicketUrl(std::string pattern) { ticketUrl_ = std::move(pattern); }
 
     static constexpr int64_t kPageSize = 50;
-    // The list's workflow filters from ?status=, ?owner= and ?issue=;
-    // false with why set for a status or an issue that cannot be.
-    static bool listFilter(const Request &req, ListFilter &filter, std::string &why);
     // The workflow's fields a form or an API call gives; those left out
     // stay as they are.
     static WorkflowChange workflowChange(const Request &req);
@@ -115,10 +114,18 @@ class Staff {
     void rawText(const Request &req, Response &res, const Principal &who, bool reveal,
                  bool numbered = false);
 
+    // The user a list shows for a report: the form's, else the report's.
+    static std::string shownUser(const ListItem &it);
+    // A list's row as /api/reports and the JSON lines export give it.
+    static nlohmann::ordered_json itemJson(const ListItem &it);
+    // The zone a staff member reads times in; UTC for everyone for now.
+    static std::string viewerZone(const Principal &who);
+
   private:
     void addSignInRoutes(RouteTable &table);
     void addReportPages(RouteTable &table);
     void addAdminPages(RouteTable &table);
+    void addViewPages(RouteTable &table);
     void addFleetPages(RouteTable &table);
     void addSettingsPages(RouteTable &table);
     void addReportApi(RouteTable &table);
@@ -160,6 +167,16 @@ class Staff {
                       const std::optional<std::string> &token = std::nullopt, int status = 200,
                       const std::optional<std::string> &resetLink = std::nullopt);
     std::string reportJson(const StoredReport &s);
+    // The list's filter from the request, or a 400 in res (page or JSON).
+    std::optional<ReportFilter> filterOf(const Request &req, Response &res, const Principal &who,
+                                         bool page);
+    // With format=csv or format=jsonl: the whole filtered list streamed as
+    // that, audited.  False, with nothing done, for another format.
+    bool exportList(const Request &req, Response &res, const Principal &who,
+                    const ReportFilter &filter);
+    // format given: the export, or a 400 for a format it does not know.
+    bool exported(const Request &req, Response &res, const Principal &who,
+                  const ReportFilter &filter, bool page);
     // Reports with their texts, once the budget has room for all of them
     // (taken at once: a second take while holding the first could wait
     // for ever).

@@ -101,7 +101,7 @@ Html pager(const std::string &base, const std::string &query, int64_t pageNumber
     auto link = [&](const char *rel, const char *label, int64_t n) {
         h << "<a rel=\"" << text(rel) << "\" href=\"" << text(base) << "?";
         if (!query.empty())
-            h << "q=" << uri(query) << "&amp;";
+            h << text(query) << "&amp;";
         h << "page=" << n << "\">" << text(label) << "</a>";
     };
     if (pageNumber > 1)
@@ -166,7 +166,7 @@ std::string frame(const std::string &title, const Viewer &v, const std::string &
               << v.links.href("/admin/accounts") << "\">Accounts</a>";
         h << "</nav><form method=\"get\" action=\"" << v.links.href("/")
           << "\"><input type=\"search\" name=\"q\" value=\"" << text(query)
-          << "\" placeholder=\"user name or reference\" aria-label=\"Search\">"
+          << "\" placeholder=\"reference, user or comment words\" aria-label=\"Search\">"
              "<button type=\"submit\">Search</button></form>"
              "<a class=\"who\" id=\"who\" href=\""
           << v.links.href("/settings") << "\" title=\"Settings\">" << text(v.who->account) << " ("

@@ -128,7 +128,7 @@ Html issue(const Issue &is, const ListPage &reports, const Html &workflowForms, 
       << sparkline(is.days, now) << "</dd></dl>\n"
       << workflowForms << "<h2>Reports</h2>\n<p><a href=\"" << links.href("/") << "?issue=" << is.id
       << "\">these reports in the list</a></p>\n"
-      << list(reports, "", 1, static_cast<int64_t>(reports.items.size()) + 1, links);
+      << reportsTable(reports, links);
     return b;
 }
 

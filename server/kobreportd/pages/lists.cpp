@@ -21,13 +21,129 @@ std::string displayUser(const std::optional<std::string> &form,
 
 } // namespace
 
-Html list(const ListPage &list, const std::string &q, int64_t pg, int64_t pageSize,
-          const Links &links) {
+std::string filterQuery(const Filters &given) {
+    std::string q;
+    for (const auto &[name, value] : given)
+        q += (q.empty() ? "" : "&") + name + "=" + html::percentEncode(value);
+    return q;
+}
+
+namespace {
+
+std::string given(const Filters &filters, const char *name) {
+    for (const auto &[n, v] : filters)
+        if (n == name)
+            return v;
+    return "";
+}
+
+// The filters as words: q “tunnel drops”, level “fail”.
+Html described(const Filters &filters) {
+    Html h;
+    bool first = true;
+    for (const auto &[name, value] : filters) {
+        h << text(first ? "" : ", ");
+        if (name != "q" || filters.size() > 1)
+            h << text(name) << " ";
+        h << "\u201c" << text(value) << "\u201d";
+        first = false;
+    }
+    return h;
+}
+
+// The list's filters as one GET form, so that the URL carries them.
+Html filterForm(const Filters &filters, const Links &links) {
     Html b;
-    b << "<p class=\"count\">" << list.total << text(list.total == 1 ? " report" : " reports");
-    if (!q.empty())
-        b << " matching \u201c" << text(q) << "\u201d";
-    b << "</p>\n<table id=\"reports\"><thead><tr><th>Received</th><th>User</th>"
+    b << "<form class=\"filters\" id=\"filters\" method=\"get\" action=\"" << links.href("/")
+      << "\">";
+    auto field = [&](const char *name, const char *label, const char *type, const char *hint) {
+        b << "<label>" << text(label) << " <input type=\"" << text(type) << "\" name=\""
+          << text(name) << "\" value=\"" << text(given(filters, name)) << "\" placeholder=\""
+          << text(hint) << "\"></label> ";
+    };
+    field("q", "Search", "search", "reference, user or comment words");
+    field("rule", "Rule", "text", "udp.blocked");
+    b << "<label>Level <select name=\"level\">";
+    for (const char *l : {"", "fail", "warn", "ok"})
+        b << "<option value=\"" << text(l) << "\""
+          << text(given(filters, "level") == l ? " selected" : "") << ">" << text(*l ? l : "any")
+          << "</option>";
+    b << "</select></label> ";
+    field("area", "Area", "text", "udp");
+    field("from", "From", "text", "YYYY-MM-DD");
+    field("to", "To", "text", "YYYY-MM-DD");
+    field("version", "Version", "text", "kobdiag version");
+    b << "<button type=\"submit\">Filter</button></form>\n";
+    return b;
+}
+
+// The saved views as links, the viewer's own with a button to delete it,
+// and a form to save the list as it is filtered now.
+Html savedViews(const std::vector<SavedView> &views, const std::string &query, const Viewer &v) {
+    const Links &links = v.links;
+    Html b;
+    b << "<section id=\"views\" aria-label=\"Saved views\"><h2>Saved views</h2>";
+    if (views.empty())
+        b << "<p>None yet.</p>";
+    else
+        b << "<ul>";
+    for (const auto &view : views) {
+        b << "<li><a href=\"" << links.href("/") << text(view.query.empty() ? "" : "?")
+          << text(view.query) << "\">" << text(view.name) << "</a>";
+        if (view.shared)
+            b << " <span class=\"shared\">shared by " << text(view.account) << "</span>";
+        if (v.who && (view.account == v.who->account || v.who->role == Role::Admin))
+            b << " <form class=\"inline\" method=\"post\" action=\"" << links.href("/views/")
+              << view.id << "/delete\">" << csrfField(v)
+              << "<button type=\"submit\">Delete</button></form>";
+        b << "</li>";
+    }
+    if (!views.empty())
+        b << "</ul>";
+    b << "<form method=\"post\" action=\"" << links.href("/views") << "\">" << csrfField(v)
+      << "<input type=\"hidden\" name=\"query\" value=\"" << text(query)
+      << "\"><label>Save this list as <input type=\"text\" name=\"name\" required"
+         " maxlength=\"80\"></label> <label><input type=\"checkbox\" name=\"shared\""
+         " value=\"1\"> shared with everyone</label> <button type=\"submit\">Save</button>"
+         "</form></section>\n";
+    return b;
+}
+
+} // namespace
+
+Html list(const ListPage &list, const Filters &filters, int64_t pg, int64_t pageSize,
+          const std::vector<SavedView> &views, const Viewer &v) {
+    const Links &links = v.links;
+    Html b;
+    std::string query = filterQuery(filters);
+    b << filterForm(filters, links) << savedViews(views, query, v);
+    if (list.total == 0) {
+        b << "<p class=\"count\" id=\"empty\">";
+        if (filters.empty())
+            b << "No reports are stored.";
+        else
+            b << "No report matches all of " << described(filters)
+              << ". Each filter narrows the list: remove one to widen it.";
+        b << "</p>\n";
+    } else {
+        b << "<p class=\"count\">" << list.total << text(list.total == 1 ? " report" : " reports");
+        if (!filters.empty())
+            b << " matching " << described(filters);
+        b << "</p>\n";
+    }
+    std::string sep = query.empty() ? "?" : "?" + query + "&";
+    b << "<p class=\"export\">Download this list: <a id=\"export-csv\" href=\"" << links.href("/")
+      << text(sep) << "format=csv\">CSV</a> <a id=\"export-jsonl\" href=\"" << links.href("/")
+      << text(sep) << "format=jsonl\">JSON lines</a></p>\n";
+    if (list.total == 0)
+        return b;
+    b << reportsTable(list, links) << pager(links.path("/"), query, pg, pageSize, list.total);
+    return b;
+}
+
+Html reportsTable(const ListPage &list, const Links &links) {
+    Html b;
+    b << "<table id=\"reports\"><thead><tr><th>Received</th><th>User</th>"
          "<th>Reference</th><th>Verdicts</th></tr></thead><tbody>\n";
     for (const auto &it : list.items) {
         bool good = it.summary == "no problem found";
@@ -38,7 +154,7 @@ Html list(const ListPage &list, const std::string &q, int64_t pg, int64_t pageSi
           << "</a></td><td class=\"" << text(good ? "ok" : "fail") << "\">" << text(it.summary)
           << "</td></tr>\n";
     }
-    b << "</tbody></table>\n" << pager(links.path("/"), q, pg, pageSize, list.total);
+    b << "</tbody></table>\n";
     return b;
 }
 

@@ -39,8 +39,16 @@ struct Viewer {
 std::string frame(const std::string &title, const Viewer &v, const std::string &query,
                   const html::Html &body);
 
-html::Html list(const ListPage &page, const std::string &query, int64_t pageNumber,
-                int64_t pageSize, const Links &links);
+// The list's filters in effect, as ReportFilter::given holds them.
+using Filters = std::vector<std::pair<std::string, std::string>>;
+// name=value&... percent-encoded, for links to the same list.
+std::string filterQuery(const Filters &given);
+// The list with its filters, the views the viewer sees and a form to save
+// this one.
+// A page of reports as a table, newest first.
+html::Html reportsTable(const ListPage &list, const Links &links);
+html::Html list(const ListPage &page, const Filters &filters, int64_t pageNumber, int64_t pageSize,
+                const std::vector<SavedView> &views, const Viewer &v);
 // What a page shows of one client log: its first and last bytes within
 // the page's bounds, and how many lie between.
 struct LogEnds {

@@ -15,7 +15,7 @@ namespace kobreportd::pages {
 html::Html csrfField(const Viewer &v);
 
 // "Newer" and "Older" links of a paged list at base (a path as the browser
-// reaches it), with its query.
+// reaches it), with its query (name=value&..., percent-encoded).
 html::Html pager(const std::string &base, const std::string &query, int64_t pageNumber,
                  int64_t pageSize, int64_t total);
 

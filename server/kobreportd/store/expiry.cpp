@@ -8,6 +8,7 @@
 #include "kobtriage.h"
 #include "mask.h"
 #include "pack.h"
+#include "search.h"
 #include "log.h"
 
 namespace kobreportd {
@@ -50,6 +51,8 @@ struct Kept {
     int64_t id, received_at, size, rules;
     std::string reference, summary;
     std::optional<std::string> form_username, report_username, findings;
+    std::string level; // the filters' fields outlive the text
+    std::optional<std::string> version;
 };
 
 } // namespace
@@ -76,30 +79,35 @@ int64_t Store::expireBefore(std::time_t cutoff) {
                 int64_t id = rows.integer(i, "id");
                 auto k = c.query("DELETE FROM reports WHERE id = $1 AND raw_expired = 0"
                                  " RETURNING reference, received_at, form_username,"
-                                 " report_username, summary, size, rules",
+                                 " report_username, summary, size, rules, level, version",
                                  {sql::integer(id)});
                 if (k.empty())
                     continue; // deleted meanwhile
-                kept.push_back({id, k.integer(0, "received_at"), k.integer(0, "size"),
-                                k.integer(0, "rules"), k.str(0, "reference"),
-                                maskAddresses(k.str(0, "summary"), findings[i].targets),
-                                k.opt(0, "form_username"), k.opt(0, "report_username"),
-                                std::move(findings[i].packed)});
+                kept.push_back(
+                    {id, k.integer(0, "received_at"), k.integer(0, "size"), k.integer(0, "rules"),
+                     k.str(0, "reference"), maskAddresses(k.str(0, "summary"), findings[i].targets),
+                     k.opt(0, "form_username"), k.opt(0, "report_username"),
+                     std::move(findings[i].packed), k.str(0, "level"), k.opt(0, "version")});
+                dropWords(c, db_.dialect(), id);
             }
             for (const Kept &k : kept)
                 c.query("INSERT INTO reports (id, reference, received_at, form_username,"
                         " report_username, summary, peer, size, \"desc\", why, raw_expired,"
-                        " findings, rules, desc_zstd, sender_net, findings_zstd) VALUES ($1, $2,"
-                        " $3, $4, $5, $6, '', $7, $8, NULL, 1, '', $9, 0, '', $10)",
+                        " findings, rules, desc_zstd, sender_net, findings_zstd, level, version)"
+                        " VALUES ($1, $2, $3, $4, $5, $6, '', $7, $8, NULL, 1, '', $9, 0, '', $10,"
+                        " $11, $12)",
                         {sql::integer(k.id), sql::text(k.reference), sql::integer(k.received_at),
                          sql::optText(k.form_username), sql::optText(k.report_username),
                          sql::text(k.summary), sql::integer(k.size), sql::blob(""),
-                         sql::integer(k.rules), sql::optBlob(k.findings)});
+                         sql::integer(k.rules), sql::optBlob(k.findings), sql::text(k.level),
+                         sql::optText(k.version)});
         });
         done += static_cast<int64_t>(rows.size());
     }
-    if (done)
+    if (done) {
+        db_.transaction([this](sql::Conn &c) { purgeDroppedWords(c, db_.dialect()); });
         db_.scrub();
+    }
     return done;
 }
 

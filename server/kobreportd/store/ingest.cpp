@@ -12,6 +12,7 @@
 #include "clock.h"
 #include "outcomes.h"
 #include "pack.h"
+#include "search.h"
 #include "text.h"
 
 namespace kobreportd {
@@ -229,20 +230,46 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
     // A large report goes into SQLite in pieces, not through one record
     // holding a second copy of it.
     bool pieces = !pg && packed.size() > kPieceWiseFrom;
+    std::optional<std::string> comment, version;
+    if (r.why)
+        comment = cleanText(*r.why);
+    if (r.version)
+        version = cleanText(*r.version);
+    // PostgreSQL keeps the comment's words in the row, SQLite in its
+    // full-text table (addSearchable).
+    std::string net = senderNetwork(peer);
     auto issue = issueFor(c, r.issue, r.received_at, true, ref);
+    std::vector<sql::Param> params = {sql::integer(id),
+                                      sql::text(ref),
+                                      sql::integer(r.received_at),
+                                      sql::optText(formUser),
+                                      sql::optText(reportUser),
+                                      sql::text(summary),
+                                      sql::text(peer),
+                                      sql::integer(static_cast<int64_t>(r.desc.size())),
+                                      pieces ? sql::integer(static_cast<int64_t>(packed.size()))
+                                             : sql::blob(packed),
+                                      sql::optBlob(r.why),
+                                      sql::integer(r.rules),
+                                      sql::text(net),
+                                      sql::optBlob(p.findings),
+                                      sql::text(r.level),
+                                      sql::optText(version),
+                                      issue ? sql::integer(*issue) : sql::null()};
+    if (pg)
+        params.push_back(sql::optText(comment));
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
             " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net, findings_zstd,"
-            " issue_id) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
-                std::string(pieces ? "zeroblob($9)" : "$9") + ", $10, $11, 1, $12, $13, $14)",
-            {sql::integer(id), sql::text(ref), sql::integer(r.received_at), sql::optText(formUser),
-             sql::optText(reportUser), sql::text(summary), sql::text(peer),
-             sql::integer(static_cast<int64_t>(r.desc.size())),
-             pieces ? sql::integer(static_cast<int64_t>(packed.size())) : sql::blob(packed),
-             sql::optBlob(r.why), sql::integer(r.rules), sql::text(senderNetwork(peer)),
-             sql::optBlob(p.findings), issue ? sql::integer(*issue) : sql::null()});
+            " level, version, issue_id" +
+                std::string(pg ? ", words" : "") + ") VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
+                std::string(pieces ? "zeroblob($9)" : "$9") +
+                ", $10, $11, 1, $12, $13, $14, $15, $16" +
+                std::string(pg ? ", to_tsvector('simple', coalesce($17::text, '')))" : ")"),
+            params);
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);
+    addSearchable(c, db_.dialect(), id, comment, r.verdicts);
     // The sender's network in a table of its own, which never holds the
     // address: it outlives the raw text's expiry.
     if (r.network.known())

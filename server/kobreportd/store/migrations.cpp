@@ -5,6 +5,7 @@
 
 #include "log.h"
 #include "pack.h"
+#include "text.h"
 
 namespace kobreportd {
 
@@ -267,6 +268,103 @@ void networksAndIncidents(sql::Dialect d, sql::Conn &c) {
                    " PRIMARY KEY (incident_id, area, target))"));
 }
 
+bool tableExists(sql::Dialect d, sql::Conn &c, const char *name);
+
+// What the list's filters search by, each with an index so that any one
+// filter stays quick on a million reports: the worst verdict's level and
+// kobdiag's version on the report, every verdict's rule and area beside it,
+// the user's comment in the database's own full-text index (an FTS5 table
+// on SQLite, a tsvector column on PostgreSQL), references by their last
+// six digits and by their beginning, and the views staff saved.  Reports
+// stored before are marked for `kobreportd retriage`, which fills in their
+// levels, versions and verdicts.
+void searchFilters(sql::Dialect d, sql::Conn &c) {
+    bool pg = d == sql::Dialect::Postgres;
+    // Each part only once, should the step be run on a layout that has it.
+    auto has = [&](const char *column) {
+        const char *q = pg ? "SELECT count(*) AS n FROM information_schema.columns WHERE"
+                             " table_schema = current_schema() AND table_name = 'reports' AND"
+                             " column_name = $1"
+                           : "SELECT count(*) AS n FROM pragma_table_xinfo('reports') WHERE"
+                             " name = $1";
+        return c.query(q, {sql::text(column)}).integer(0, "n") > 0;
+    };
+    if (!has("level"))
+        c.query("ALTER TABLE reports ADD COLUMN level TEXT NOT NULL DEFAULT ''");
+    if (!has("version"))
+        c.query("ALTER TABLE reports ADD COLUMN version TEXT");
+    // The list counts reports with a reference: the indexes hold it, so that a
+    // count reads no row.
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_level ON reports (level, id, reference)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_version ON reports (version, id, reference)");
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_time_counted ON reports"
+            " (received_at, reference)");
+    // A column the database computes, not an index on the expression: SQLite
+    // writes no blob in pieces into a table indexed on an expression.
+    if (!has("ref_tail"))
+        c.query(std::string("ALTER TABLE reports ADD COLUMN ref_tail TEXT GENERATED ALWAYS AS"
+                            " (substr(reference, length(reference) - 5)) ") +
+                (pg ? "STORED" : "VIRTUAL"));
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_tail ON reports (ref_tail)");
+    // A reference's beginning is found with LIKE, which these indexes serve.
+    c.query(pg ? "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
+                 " (reference text_pattern_ops)"
+               : "CREATE INDEX IF NOT EXISTS reports_by_prefix ON reports"
+                 " (reference COLLATE NOCASE)");
+    // A part of a user name is looked for in this, not in the whole rows;
+    // PostgreSQL finds it through trigrams, where the database lets
+    // pg_trgm be created (else it reads the names).
+    c.query("CREATE INDEX IF NOT EXISTS reports_by_users ON reports"
+            " (form_username, report_username, id)");
+    if (pg) {
+        c.query("SAVEPOINT trigrams");
+        try {
+            c.query("CREATE EXTENSION IF NOT EXISTS pg_trgm");
+            c.query("CREATE INDEX IF NOT EXISTS reports_by_form_user_part ON reports USING gin"
+                    " (form_username gin_trgm_ops)");
+            c.query("CREATE INDEX IF NOT EXISTS reports_by_report_user_part ON reports USING gin"
+                    " (report_username gin_trgm_ops)");
+            c.query("RELEASE SAVEPOINT trigrams");
+        } catch (const StoreError &e) {
+            c.query("ROLLBACK TO SAVEPOINT trigrams");
+            log::warn("no_trigram_index", {{"error", e.what()}});
+        }
+    }
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS saved_views ("
+                   " id {ID}, account TEXT NOT NULL, name TEXT NOT NULL, query TEXT NOT NULL,"
+                   " shared {INT} NOT NULL, created_at {INT} NOT NULL, UNIQUE (account, name))"));
+    c.query(ddl(d, "CREATE TABLE IF NOT EXISTS report_verdicts ("
+                   " report_id {INT} NOT NULL, rule TEXT NOT NULL, area TEXT NOT NULL,"
+                   " level TEXT NOT NULL, problem {INT} NOT NULL)"));
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_rule ON report_verdicts"
+            " (rule, report_id)");
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_area ON report_verdicts"
+            " (area, problem, report_id)");
+    c.query("CREATE INDEX IF NOT EXISTS report_verdicts_by_report ON report_verdicts"
+            " (report_id)");
+    if (pg ? has("words") : tableExists(d, c, "report_words"))
+        return;
+    if (pg) {
+        c.query("ALTER TABLE reports ADD COLUMN words tsvector");
+        c.query("CREATE INDEX IF NOT EXISTS reports_by_words ON reports USING gin (words)");
+    } else {
+        c.query("CREATE VIRTUAL TABLE IF NOT EXISTS report_words USING fts5(comment)");
+    }
+    auto comments = c.query("SELECT id, why FROM reports WHERE why IS NOT NULL AND"
+                            " raw_expired = 0");
+    for (size_t i = 0; i < comments.size(); i++) {
+        std::string text = cleanText(comments.str(i, "why"));
+        sql::Param id = sql::integer(comments.integer(i, "id"));
+        if (pg)
+            c.query("UPDATE reports SET words = to_tsvector('simple', $1::text) WHERE id = $2",
+                    {sql::text(text), id});
+        else
+            c.query("INSERT INTO report_words (rowid, comment) VALUES ($2, $1)",
+                    {sql::text(text), id});
+    }
+    c.query("UPDATE reports SET rules = 0 WHERE raw_expired = 0");
+}
+
 bool tableExists(sql::Dialect d, sql::Conn &c, const char *name) {
     const char *q =
         d == sql::Dialect::Postgres
@@ -304,6 +402,7 @@ constexpr Step kSteps[] = {
     {12, staffZones},
     {13, issuesAndWorkflow},
     {14, networksAndIncidents},
+    {15, searchFilters},
 };
 // clang-format on
 

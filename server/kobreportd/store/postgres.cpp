@@ -133,9 +133,9 @@ class PgDb : public Db {
 
     Dialect dialect() const override { return Dialect::Postgres; }
 
-    Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
+    Rows readRows(std::string_view sql, const Param *params, size_t count) override {
         Pool<Connection>::Lease c(pool_);
-        return c->query(sql, params.begin(), params.size());
+        return c->query(sql, params, count);
     }
 
     void runTransaction(const std::function<void(Conn &)> &body) override {

@@ -8,6 +8,7 @@
 #include "migrations.h"
 #include "outcomes.h"
 #include "pack.h"
+#include "search.h"
 #include "text.h"
 
 namespace kobreportd {
@@ -16,10 +17,12 @@ namespace {
 
 // The columns of a list's row, and of a whole report.
 constexpr const char *kListColumns =
-    "id, reference, received_at, form_username, report_username, summary, size, raw_expired";
+    "id, reference, received_at, form_username, report_username, summary, size, raw_expired,"
+    " level, version";
 
 ListItem listItem(const sql::Rows &r, size_t i) {
     ListItem it;
+    it.id = r.integer(i, "id");
     it.reference = r.str(i, "reference");
     it.received_at = static_cast<std::time_t>(r.integer(i, "received_at"));
     it.form_username = r.opt(i, "form_username");
@@ -27,7 +30,16 @@ ListItem listItem(const sql::Rows &r, size_t i) {
     it.summary = r.str(i, "summary");
     it.size = r.integer(i, "size");
     it.raw_expired = r.integer(i, "raw_expired") != 0;
+    it.level = r.str(i, "level");
+    it.version = r.opt(i, "version");
     return it;
+}
+
+// A report is listed once it has its reference.  A filter only finds
+// reports written whole with theirs (its verdicts, words, level and version
+// come with it), so it needs no check that would read every row it finds.
+std::string listWhere(const Conditions &w) {
+    return w.empty() ? " WHERE reference IS NOT NULL" : " WHERE TRUE" + w.sql();
 }
 
 StoredReport storedReport(const sql::Rows &r, size_t i, bool unpackText) {
@@ -88,32 +100,34 @@ std::function<std::string()> Store::storedPieces(int64_t id) {
     return db_.pieces("reports", "desc", id);
 }
 
-ListPage Store::list(const std::string &query, int64_t offset, int64_t limit,
-                     const ListFilter &filter) {
-    const char *like = db_.dialect() == sql::Dialect::Postgres ? "ILIKE" : "LIKE";
-    std::string where = std::string(" WHERE reference IS NOT NULL AND ($1 = '' OR"
-                                    " upper(reference) = upper($1) OR reference ") +
-                        like + " $2 ESCAPE '\\' OR form_username " + like +
-                        " $3 ESCAPE '\\' OR report_username " + like + " $3 ESCAPE '\\')";
-    // The workflow's filters; an empty one (0 for the issue) takes all.
-    where += " AND ($4 = '' OR status = $4) AND ($5 = '' OR owner = $5) AND"
-             " ($6 = 0 OR issue_id = $6)";
-    std::string q = cleanText(query), esc = likeEscape(q);
-    std::string prefix = esc + "%", part = "%" + esc + "%";
-    std::string owner = cleanText(filter.owner), status = cleanText(filter.status);
+ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) {
+    const Conditions &w = filter.where;
+    std::string where = listWhere(w);
+    auto params = w.params();
     ListPage page;
-    page.total = db_.read("SELECT count(*) AS n FROM reports" + where,
-                          {sql::text(q), sql::text(prefix), sql::text(part), sql::text(status),
-                           sql::text(owner), sql::integer(filter.issue)})
-                     .integer(0, "n");
+    page.total = db_.read(w.countSql(where), params).integer(0, "n");
+    params.push_back(sql::integer(limit));
+    params.push_back(sql::integer(offset));
     auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +
-                             " ORDER BY id DESC LIMIT $7 OFFSET $8",
-                         {sql::text(q), sql::text(prefix), sql::text(part), sql::text(status),
-                          sql::text(owner), sql::integer(filter.issue), sql::integer(limit),
-                          sql::integer(offset)});
+                             " ORDER BY id DESC LIMIT " + w.next(1) + " OFFSET " + w.next(2),
+                         params);
     for (size_t i = 0; i < rows.size(); i++)
         page.items.push_back(listItem(rows, i));
     return page;
+}
+
+std::vector<ListItem> Store::listBefore(const ReportFilter &filter, int64_t before, int64_t limit) {
+    const Conditions &w = filter.where;
+    auto params = w.params();
+    params.push_back(sql::integer(before));
+    params.push_back(sql::integer(limit));
+    auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + listWhere(w) +
+                             " AND id < " + w.next(1) + " ORDER BY id DESC LIMIT " + w.next(2),
+                         params);
+    std::vector<ListItem> out;
+    for (size_t i = 0; i < rows.size(); i++)
+        out.push_back(listItem(rows, i));
+    return out;
 }
 
 std::vector<Outcome> Store::outcomes(int64_t id) {
@@ -180,6 +194,8 @@ bool Store::remove(const std::string &reference) {
         dropOutcomes(c, rows.integer(0, "id"));
         c.query("DELETE FROM report_networks WHERE report_id = $1",
                 {sql::integer(rows.integer(0, "id"))});
+        dropSearchable(c, db_.dialect(), rows.integer(0, "id"));
+        purgeDroppedWords(c, db_.dialect());
     });
     if (found)
         db_.scrub();

@@ -9,6 +9,7 @@
 
 #include "outcomes.h"
 #include "pack.h"
+#include "search.h"
 #include "text.h"
 #include "log.h"
 
@@ -88,15 +89,19 @@ Store::RetriageStep Store::retriage(int64_t after, int rules,
                 c, t.issue, static_cast<std::time_t>(rows.integer(i, "received_at")), false, "");
             auto changed = c.query(
                 "UPDATE reports SET summary = $1, report_username = $2,"
-                " rules = $3, findings_zstd = $5, issue_id = $6 WHERE id = $4 AND rules < $3"
-                " AND raw_expired = 0 RETURNING id",
+                " rules = $3, findings_zstd = $5, level = $6, version = $7, issue_id = $8 WHERE"
+                " id = $4 AND"
+                " rules < $3 AND raw_expired = 0 RETURNING id",
                 {sql::text(cleanText(t.summary)), sql::optText(user), sql::integer(t.rules),
                  sql::integer(id),
                  t.findings.empty() ? sql::optBlob(std::nullopt) : sql::blob(pack(t.findings)),
+                 sql::text(t.level),
+                 t.version ? sql::text(cleanText(*t.version)) : sql::optText(std::nullopt),
                  issue ? sql::integer(*issue) : sql::null()});
             if (changed.empty())
                 continue;
             step.retriaged++;
+            replaceVerdicts(c, id, t.verdicts);
             if (same(id, t.outcomes))
                 continue;
             dropOutcomes(c, id);

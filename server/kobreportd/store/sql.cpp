@@ -73,7 +73,11 @@ template <typename F> decltype(auto) Db::observed(F &&call) {
 }
 
 Rows Db::read(std::string_view sql, std::initializer_list<Param> params) {
-    return observed([&] { return readRows(sql, params); });
+    return observed([&] { return readRows(sql, params.begin(), params.size()); });
+}
+
+Rows Db::read(std::string_view sql, const std::vector<Param> &params) {
+    return observed([&] { return readRows(sql, params.data(), params.size()); });
 }
 
 void Db::transaction(const std::function<void(Conn &)> &body) {

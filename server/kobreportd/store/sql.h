@@ -166,6 +166,8 @@ class Db {
     virtual Dialect dialect() const = 0;
     // A read on a connection of its own; never waits for a writer.
     Rows read(std::string_view sql, std::initializer_list<Param> params = {});
+    // For statements whose parameters are counted at run time.
+    Rows read(std::string_view sql, const std::vector<Param> &params);
     // Runs body in one transaction that is committed when body returns and
     // rolled back when it throws.  Writers take turns.
     void transaction(const std::function<void(Conn &)> &body);
@@ -195,7 +197,7 @@ class Db {
     void observe(Observer observer) { observer_ = std::move(observer); }
 
   protected:
-    virtual Rows readRows(std::string_view sql, std::initializer_list<Param> params) = 0;
+    virtual Rows readRows(std::string_view sql, const Param *params, size_t count) = 0;
     virtual void runTransaction(const std::function<void(Conn &)> &body) = 0;
     virtual void runScrub() = 0;
 

@@ -255,9 +255,9 @@ class SqliteDb : public Db {
 
     Dialect dialect() const override { return Dialect::Sqlite; }
 
-    Rows readRows(std::string_view sql, std::initializer_list<Param> params) override {
+    Rows readRows(std::string_view sql, const Param *params, size_t count) override {
         Pool<Handle>::Lease h(readers_);
-        return h->query(sql, params.begin(), params.size());
+        return h->query(sql, params, count);
     }
 
     // Straight from the blob's pages: substr() would read the whole value

@@ -18,6 +18,7 @@
 
 #include "fleet.h"
 #include "networks.h"
+#include "search.h"
 #include "sql.h"
 
 namespace kobreportd {
@@ -30,11 +31,14 @@ struct NewReport {
     std::optional<std::string> report_username; // from the report's own header
     std::string summary;                        // the triage's one-line summary
     std::string peer;
-    std::vector<Outcome> outcomes; // one per probe target, for the fleet's numbers
-    int rules = 0;                 // the version of the rules that judged it
-    std::string findings;          // the triage's, as kobtriage::toStored writes them
-    IssueKey issue;                // the issue it belongs to (issues.h)
-    Network network;               // where peer is, when --asn-db or --country-db say
+    std::vector<Outcome> outcomes;      // one per probe target, for the fleet's numbers
+    int rules = 0;                      // the version of the rules that judged it
+    std::string findings;               // the triage's, as kobtriage::toStored writes them
+    IssueKey issue;                     // the issue it belongs to (issues.h)
+    Network network;                    // where peer is, when --asn-db or --country-db say
+    std::string level;                  // the worst verdict's: "fail", "warn" or "ok"
+    std::optional<std::string> version; // kobdiag's
+    std::vector<RuleVerdict> verdicts;
 };
 
 struct StoredReport {
@@ -57,6 +61,7 @@ struct StoredReport {
 };
 
 struct ListItem {
+    int64_t id = 0;
     std::string reference;
     std::time_t received_at = 0;
     std::optional<std::string> form_username;
@@ -64,13 +69,17 @@ struct ListItem {
     std::string summary;
     int64_t size = 0;
     bool raw_expired = false;
+    std::string level; // "" for a report judged before levels were kept
+    std::optional<std::string> version;
 };
 
-// The workflow's filters of the list: a report's status and owner, and
-// its issue; each left out when empty (0 for the issue).
-struct ListFilter {
-    std::string status, owner;
-    int64_t issue = 0;
+// A list's filters kept under a name (store/views.cpp).
+struct SavedView {
+    int64_t id = 0;
+    std::string account; // who saved it
+    std::string name;
+    std::string query;   // the list's URL query, percent-encoded
+    bool shared = false; // everyone sees it, not only its owner
 };
 
 struct ListPage {
@@ -97,10 +106,11 @@ class Store {
     // A report's text as stored, a megabyte at a time, "" after the last:
     // a large text is never fetched whole from the database.
     std::function<std::string()> storedPieces(int64_t id);
-    // Newest first.  query matches a reference (whole or its beginning) or
-    // part of a user name, without regard to case.
-    ListPage list(const std::string &query, int64_t offset, int64_t limit,
-                  const ListFilter &filter = {});
+    // Newest first, the reports the filter takes (search.h).
+    ListPage list(const ReportFilter &filter, int64_t offset, int64_t limit);
+    // The same from the report before id `before` on, without the count:
+    // an export reads the whole list a batch at a time.
+    std::vector<ListItem> listBefore(const ReportFilter &filter, int64_t before, int64_t limit);
     // One user's reports (by the form's or the report's user name), newest
     // first, with each one's outcomes.
     struct UserReport {
@@ -115,6 +125,14 @@ class Store {
     // kSameUserNames in all, so a name many people share stays bounded).
     std::vector<std::string> sameUser(const std::string &name);
     static constexpr size_t kSameUserNames = 8;
+    // The views an account sees: its own and the shared ones, by name.
+    std::vector<SavedView> views(const std::string &account);
+    // False when the account has a view of that name already.
+    bool saveView(const std::string &account, const std::string &name, const std::string &query,
+                  bool shared, std::time_t at);
+    // Its owner's (or, with anyone, anybody's); the view as it was, or
+    // nothing when there is no such view of theirs.
+    std::optional<SavedView> deleteView(int64_t id, const std::string &account, bool anyone);
     // The outcomes kept for a report at intake.
     std::vector<Outcome> outcomes(int64_t id);
     // Removes the report whole and leaves no copy of its text in the
