@@ -670,6 +670,17 @@ TEST_P(Staff, EachPersonReadsTimesInTheirOwnZone) {
     // Someone else still reads UTC.
     EXPECT_NE(admin.get("/reports/" + ref).body.find("<dd>2027-01-15 08:00:00 UTC</dd>"),
               std::string::npos);
+    // A day in from and to is the viewer's day: 08:00 UTC is still the 15th
+    // in New York, and 02:00 UTC on the 15th was the 14th there.
+    setClock(1800000000 - 6 * 3600);
+    std::string late = reportd::reference(
+        reportd::upload(s.port(), reportgen::report(reportgen::healthyRun()), "zoe"));
+    ASSERT_FALSE(late.empty());
+    auto day14 = b.get("/?to=2027-01-14");
+    EXPECT_NE(day14.body.find(late), std::string::npos) << day14.body;
+    EXPECT_EQ(day14.body.find(ref), std::string::npos);
+    auto utc14 = admin.get("/?to=2027-01-14");
+    EXPECT_NE(utc14.body.find("id=\"empty\""), std::string::npos) << utc14.body;
     EXPECT_EQ(value("SELECT zone FROM users WHERE name = '" + viewer + "'"), "America/New_York");
     EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'account.zone'"), "America/New_York");
     EXPECT_EQ(s.stop(), 0);
