@@ -494,7 +494,7 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
         << fleetPage.body;
     auto page = b.get("/incidents");
     ASSERT_EQ(page.status, 200);
-    EXPECT_NE(page.body.find("<tr id=\"incident-1\" class=\"fail\"><td>2027-01-15 08:00</td><td>" +
+    EXPECT_NE(page.body.find("<tr id=\"incident-1\" class=\"fail\"><td>2027-01-15 08:00 UTC</td><td>" +
                              k443 +
                              " (tcp)<br>UDP pass-through (udp)</td><td class=\"num\">5 of "
                              "6</td><td class=\"num\">5</td><td></td><td>open<form "
@@ -645,7 +645,7 @@ TEST_P(Oncall, ChartsCarryAxesCountsAndTextAndNoNetworkIsItsOwnRow) {
           std::string(" text-anchor=\"start\">01-15 03:00</text>"),
           std::string(" text-anchor=\"middle\">01-15 06:00</text>"),
           std::string(" text-anchor=\"end\">01-15 08:00</text>"),
-          std::string("<title>2027-01-15 06:00: 2 of 3 failing</title>")})
+          std::string("<title>2027-01-15 06:00 UTC: 2 of 3 failing</title>")})
         EXPECT_TRUE(has(chart, part)) << part << "\n" << chart;
     EXPECT_TRUE(has(page.body, "</svg><details><summary>Numbers</summary><ul><li>2027-01-15 "
                                "06:00 UTC: 2 of 3 failing (67%)</li><li>2027-01-15 07:00 UTC: 1 "

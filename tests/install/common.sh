@@ -58,7 +58,8 @@ check_tree() {
         [ -f "$man/man${page##*.}/$page" ] || fail "manual page $page missing"
     done
 
-    # Nothing else: no lab build, no test programs, no benchmarks.
+    # Nothing else (but the server's list of common passwords): no lab
+    # build, no test programs, no benchmarks.
     local extra
     extra=$(cd "$root" && find . \( -type f -o -type l \) | sed 's|^\./||' | grep -Ev \
         -e "^$KOB_BINDIR/[^/]+$" \
@@ -67,7 +68,8 @@ check_tree() {
         -e "^$KOB_LIBDIR/libkob(ec)?\.(a|so(\.[0-9.]+)?)$" \
         -e "^$KOB_LIBDIR/pkgconfig/libkob(ec)?\.pc$" \
         -e "^$KOB_LIBDIR/cmake/kob/kob[A-Za-z-]*\.cmake$" \
-        -e "^$KOB_MANDIR/man[0-9]/[^/]+\.[0-9]$" || true)
+        -e "^$KOB_MANDIR/man[0-9]/[^/]+\.[0-9]$" \
+        -e "^share/kobreportd/common-passwords\.txt$" || true)
     [ -z "$extra" ] || fail "unexpected files installed: $extra"
     echo "ok: the installed tree under $root"
 }

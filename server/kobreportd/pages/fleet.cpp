@@ -24,7 +24,7 @@ std::string percent(int64_t part, int64_t whole) {
 }
 
 std::string bucketLabel(std::time_t t, std::time_t seconds) {
-    return utcTime(t, seconds < 86400 ? "%Y-%m-%d %H:00" : "%Y-%m-%d");
+    return shownTime(t, seconds < 86400 ? "%Y-%m-%d %H:%M %Z" : "%Y-%m-%d %Z");
 }
 
 Html failingLink(const FleetTarget &t, const char *window, const Links &links) {
@@ -35,7 +35,7 @@ Html failingLink(const FleetTarget &t, const char *window, const Links &links) {
 }
 
 // The failing share per bucket as bars, read without hovering: a share
-// axis (0, 50, 100%), a time axis in UTC under it, each bar's failing count
+// axis (0, 50, 100%), a time axis in the viewer's zone under it, each bar's failing count
 // of its reports written above it where there is room, and a second row
 // whose grey bars show each bucket's volume against the busiest one, so
 // that 1 of 1 does not look like 12 of 14.  Plain SVG attributes only, so
@@ -54,7 +54,7 @@ Html chart(const FleetTarget &t, std::time_t bucketSeconds) {
     h << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kLeft + plotWidth + 4
       << "\" height=\"" << volumeBase + kAxis + 2 << "\" role=\"img\" aria-label=\""
       << text("failing share and reports per " +
-              std::string(bucketSeconds < 86400 ? "hour" : "day") + ", UTC")
+              std::string(bucketSeconds < 86400 ? "hour" : "day") + ", " + shownZoneName())
       << "\" font-size=\"9\" font-family=\"sans-serif\">";
     // The share axis.
     for (int pct : {0, 50, 100}) {
@@ -94,7 +94,7 @@ Html chart(const FleetTarget &t, std::time_t bucketSeconds) {
         int x = kLeft + static_cast<int>(i) * bar + (i == 0 ? 0 : i == n - 1 ? bar : bar / 2);
         h << "<text x=\"" << x << "\" y=\"" << volumeBase + kAxis << "\" text-anchor=\""
           << text(anchor) << "\">"
-          << text(utcTime(t.buckets[i].start, bucketSeconds < 86400 ? "%m-%d %H:00" : "%m-%d"))
+          << text(shownTime(t.buckets[i].start, bucketSeconds < 86400 ? "%m-%d %H:%M" : "%m-%d"))
           << "</text>";
     }
     h << "</svg>";
@@ -107,9 +107,8 @@ Html numbers(const FleetTarget &t, std::time_t bucketSeconds) {
     h << "<details><summary>Numbers</summary><ul>";
     for (const auto &b : t.buckets)
         if (b.reports)
-            h << "<li>" << text(bucketLabel(b.start, bucketSeconds)) << " UTC: " << b.failing
-              << " of " << b.reports << " failing (" << text(percent(b.failing, b.reports))
-              << ")</li>";
+            h << "<li>" << text(bucketLabel(b.start, bucketSeconds)) << ": " << b.failing << " of "
+              << b.reports << " failing (" << text(percent(b.failing, b.reports)) << ")</li>";
     h << "</ul></details>";
     return h;
 }
@@ -195,7 +194,8 @@ Html fleet(const Fleet &f, const Links &links, const std::string &by,
     else
         b << "<ul class=\"broken\" id=\"broken\">" << broken << "</ul>\n";
     b << "<h2>Every target, last " << text(f.window) << " (per "
-      << text(f.bucket_seconds < 86400 ? "hour" : "day") << ", UTC)</h2>\n"
+      << text(f.bucket_seconds < 86400 ? "hour" : "day") << ", " << text(shownZoneName())
+      << ")</h2>\n"
       << "<table class=\"fleet\" id=\"fleet\"><thead><tr><th>Area</th><th>Target</th>"
          "<th>Reports</th><th>Failing</th><th>Failing share</th></tr></thead><tbody>\n";
     // Worst first: by failing share over the window, then by failures.

@@ -127,7 +127,15 @@ ShownZone::~ShownZone() {
 }
 
 std::string shownTime(std::time_t t) {
-    return zonedTime(t, shownZone, "%Y-%m-%d %H:%M:%S %Z");
+    return shownTime(t, "%Y-%m-%d %H:%M:%S %Z");
+}
+
+std::string shownTime(std::time_t t, const char *format) {
+    return zonedTime(t, shownZone, format);
+}
+
+std::string shownZoneName() {
+    return shownZone;
 }
 
 std::string runTime(const std::string &stated) {

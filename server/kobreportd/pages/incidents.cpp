@@ -25,7 +25,7 @@ Html incidents(const std::vector<Incident> &list, const Viewer &v) {
     for (const auto &i : list) {
         b << "<tr id=\"incident-" << i.id << "\" class=\""
           << text(i.status == "resolved" ? "ok" : "fail") << "\"><td>"
-          << text(utcTime(i.started_at, "%Y-%m-%d %H:%M")) << "</td><td>";
+          << text(shownTime(i.started_at, "%Y-%m-%d %H:%M %Z")) << "</td><td>";
         for (size_t k = 0; k < i.targets.size(); k++) {
             if (k)
                 b << "<br>";
@@ -46,7 +46,7 @@ Html incidents(const std::vector<Incident> &list, const Viewer &v) {
         if (i.acknowledged_by)
             b << " by " << text(*i.acknowledged_by);
         if (i.resolved_at)
-            b << " at " << text(utcTime(*i.resolved_at, "%Y-%m-%d %H:%M"));
+            b << " at " << text(shownTime(*i.resolved_at, "%Y-%m-%d %H:%M %Z"));
         if (i.status == "open")
             b << "<form method=\"post\" action=\"" << v.links.href("/incidents/") << i.id
               << "/acknowledge\">" << csrfField(v)

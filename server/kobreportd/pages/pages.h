@@ -138,6 +138,10 @@ html::Html failing(const std::string &area, const std::string &target,
 // A time as pages show it, "YYYY-MM-DD hh:mm:ss ZONE", in the zone of the
 // person the page on this thread is being made for.
 std::string shownTime(std::time_t t);
+// The same by a format of its own (strftime's, %Z the zone's abbreviation),
+// and the zone's name.
+std::string shownTime(std::time_t t, const char *format);
+std::string shownZoneName();
 // Sets that zone for as long as it lives (a request's handling on one
 // thread); outside one, times are shown in UTC.
 class ShownZone {
