@@ -494,11 +494,11 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
         << fleetPage.body;
     auto page = b.get("/incidents");
     ASSERT_EQ(page.status, 200);
-    EXPECT_NE(page.body.find("<tr id=\"incident-1\" class=\"fail\"><td>2027-01-15 08:00 UTC</td><td>" +
-                             k443 +
-                             " (tcp)<br>UDP pass-through (udp)</td><td class=\"num\">5 of "
-                             "6</td><td class=\"num\">5</td><td></td><td>open<form "
-                             "method=\"post\" action=\"/incidents/1/acknowledge\">"),
+    EXPECT_NE(page.body.find(
+                  "<tr id=\"incident-1\" class=\"fail\"><td>2027-01-15 08:00 UTC</td><td>" + k443 +
+                  " (tcp)<br>UDP pass-through (udp)</td><td class=\"num\">5 of "
+                  "6</td><td class=\"num\">5</td><td></td><td>open<form "
+                  "method=\"post\" action=\"/incidents/1/acknowledge\">"),
               std::string::npos)
         << page.body;
     // Acknowledging is a form like any other: refused without its token.
