@@ -436,6 +436,27 @@ void stopServing(HttpServer &intake, HttpServer *staff, Health &health, int sig)
 
 } // namespace
 
+// What the options name, read before anything starts: the public URL, the
+// proxy's sign-in, the alert and network files.  0, or the exit status.
+int prepare(const Settings &o, PublicUrl &publicUrl, WebhookOptions &hook, Networks &networks) {
+    if (!o.publicUrl.empty()) {
+        std::string why;
+        auto parsed = parsePublicUrl(o.publicUrl, why);
+        if (!parsed)
+            return fail(why + " (for example https://staff.example.net/kob/)");
+        publicUrl = std::move(*parsed);
+    }
+    if (int status = checkProxySignIn(o))
+        return status;
+    hook = WebhookOptions{o.webhook, "", publicUrl.url};
+    if (std::string why; !readAlertFiles(o, hook, networks, why))
+        return fail(why);
+    if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
+        return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
+                    "proxies named there");
+    return 0;
+}
+
 int main(int argc, char *argv[]) {
     if (argc == 2 && std::string(argv[1]) == "routes")
         return printRoutes();
@@ -461,22 +482,10 @@ int main(int argc, char *argv[]) {
         (!o.publicUrl.empty() && staffListen.empty()))
         return usage();
     PublicUrl publicUrl;
-    if (!o.publicUrl.empty()) {
-        std::string why;
-        auto parsed = parsePublicUrl(o.publicUrl, why);
-        if (!parsed)
-            return fail(why + " (for example https://staff.example.net/kob/)");
-        publicUrl = std::move(*parsed);
-    }
-    if (int status = checkProxySignIn(o))
-        return status;
-    WebhookOptions hook{o.webhook, "", publicUrl.url};
+    WebhookOptions hook;
     Networks networks;
-    if (std::string why; !readAlertFiles(o, hook, networks, why))
-        return fail(why);
-    if ((o.proxyIntake || o.proxyStaff) && o.proxies.empty())
-        return fail("--proxy-protocol needs --trusted-proxy: a preface is believed only from the "
-                    "proxies named there");
+    if (int status = prepare(o, publicUrl, hook, networks))
+        return status;
 
     // Writes to clients that went away must fail, not end the server.
     std::signal(SIGPIPE, SIG_IGN);

@@ -114,7 +114,8 @@ Html pager(const std::string &base, const std::string &query, int64_t pageNumber
 
 namespace {
 
-thread_local std::string shownZone = "UTC";
+// Empty for UTC: a string made empty cannot throw.
+thread_local std::string shownZone;
 
 } // namespace
 
@@ -135,7 +136,7 @@ std::string shownTime(std::time_t t, const char *format) {
 }
 
 std::string shownZoneName() {
-    return shownZone;
+    return shownZone.empty() ? "UTC" : shownZone;
 }
 
 std::string runTime(const std::string &stated) {

@@ -150,7 +150,7 @@ std::vector<std::string> Store::sameUser(const std::string &name) {
                          {sql::text(n)});
     for (size_t i = 0; i < rows.size() && names.size() < kSameUserNames; i++)
         for (const char *column : {"form_username", "report_username"}) {
-            std::string other = rows.str(i, column);
+            const std::string &other = rows.str(i, column);
             if (!other.empty() && names.size() < kSameUserNames &&
                 std::find(names.begin(), names.end(), other) == names.end())
                 names.push_back(other);
