@@ -1151,7 +1151,7 @@ TEST_P(Staff, FleetNumbersPerTargetAndHourAreWhatWasSent) {
     ASSERT_EQ(page.status, 200);
     EXPECT_NE(page.body.find("<p class=\"ok\" id=\"broken\">Nothing"), std::string::npos);
     EXPECT_NE(page.body.find("<title>" + iso(t0 - 2 * 3600).substr(0, 10) + " " +
-                             iso(t0 - 2 * 3600).substr(11, 2) + ":00: 2 of 3 failing</title>"),
+                             iso(t0 - 2 * 3600).substr(11, 2) + ":00 UTC: 2 of 3 failing</title>"),
               std::string::npos)
         << page.body;
     EXPECT_EQ(page.body.find("<script"), std::string::npos);
