@@ -47,7 +47,7 @@ set -euo pipefail
 mount -t overlay overlay -o "lowerdir=/usr,upperdir=$OVERLAY/upper,workdir=$OVERLAY/work" /usr
 for h in /usr/include/sodium.h /usr/include/zstd.h /usr/include/httplib.h \
          /usr/include/nlohmann/json.hpp /usr/include/postgresql/libpq-fe.h /usr/include/sqlite3.h \
-         /usr/include/liboath/oath.h /usr/include/qrencode.h
+         /usr/include/liboath/oath.h /usr/include/qrencode.h \
          /usr/include/maxminddb.h; do
   if [ -e "$h" ]; then echo "client-only: $h is still visible" >&2; exit 1; fi
 done
