@@ -160,8 +160,7 @@ void Staff::addPasswordPages(RouteTable &table) {
         {Method::Post, "/reset/{secret}", Listener::Staff, Access::Open, Role::Viewer,
          [this, gone](const Request &req, Response &res, const Principal *) {
              std::string pre = cookie(req, kSignInCookie), secret = req.matches[1];
-             if (pre.size() != 64 || !guard_.sameOrigin(req) ||
-                 !sameSecret(req.param("csrf"), Accounts::csrfToken(pre))) {
+             if (!preSignInForm(req, pre)) {
                  show(res, 403, "Set a password", nullptr,
                       pages::message("This form has expired or did not come from this "
                                      "server. Open the link again."));

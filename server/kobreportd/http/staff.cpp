@@ -148,6 +148,11 @@ void Staff::api(RouteTable &table, Method m, const std::string &pattern, Role ne
                }});
 }
 
+bool Staff::preSignInForm(const Request &req, const std::string &pre) const {
+    return pre.size() == 64 && guard_.sameOrigin(req) &&
+           sameSecret(req.param("csrf"), Accounts::csrfToken(pre));
+}
+
 pages::Viewer Staff::viewer(const Principal &who) const {
     return {&who, Accounts::csrfToken(who.session), links()};
 }
@@ -481,8 +486,7 @@ void Staff::addSignInRoutes(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal *) {
              std::string pre = cookie(req, kSignInCookie);
              std::string next = safeNext(req.param("next"));
-             if (pre.size() != 64 || !guard_.sameOrigin(req) ||
-                 !sameSecret(req.param("csrf"), Accounts::csrfToken(pre))) {
+             if (!preSignInForm(req, pre)) {
                  show(res, 403, "Sign in", nullptr,
                       pages::message("This sign-in form has expired or did not come from this "
                                      "server. Open the sign-in page again."));

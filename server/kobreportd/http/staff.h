@@ -154,6 +154,9 @@ class Staff {
     using Signed = std::function<void(const Request &, Response &, const Principal &)>;
     static void page(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
     static void api(RouteTable &table, Method m, const std::string &pattern, Role need, Signed h);
+    // A form posted before anyone signed in (sign-in, its code, a reset
+    // link): from this site, with the token of the sign-in cookie pre.
+    bool preSignInForm(const Request &req, const std::string &pre) const;
     pages::Viewer viewer(const Principal &who) const;
     // Where the pages are, as the browser reaches them.
     const Links &links() const { return guard_.links(); }

@@ -55,8 +55,7 @@ void Staff::addSecondFactorPages(RouteTable &table) {
          [this](const Request &req, Response &res, const Principal *) {
              std::string pre = cookie(req, kSignInCookie);
              std::string next = safeNext(req.param("next"));
-             if (pre.size() != 64 || !guard_.sameOrigin(req) ||
-                 !sameSecret(req.param("csrf"), Accounts::csrfToken(pre))) {
+             if (!preSignInForm(req, pre)) {
                  show(res, 403, "Sign in", nullptr,
                       pages::message("This sign-in form has expired or did not come from this "
                                      "server. Open the sign-in page again."));
