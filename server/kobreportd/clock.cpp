@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <date/tz.h>
 #include <cstdlib>
+#include <mutex>
 
 namespace kobreportd {
 
@@ -26,6 +27,11 @@ std::string utcTime(std::time_t t, const char *format) {
 
 namespace {
 
+// The date library finds a zone and reads its rules lazily, on first use,
+// and two workers doing that at once race inside it. Every lookup and
+// conversion takes this lock; the formatting, the costly part, does not.
+std::mutex zoneLock;
+
 const date::time_zone *zoneOrNull(const std::string &zone) {
     if (zone.empty() || zone == "UTC")
         return nullptr;
@@ -40,18 +46,24 @@ const date::time_zone *zoneOrNull(const std::string &zone) {
 
 std::string zonedTime(std::time_t t, const std::string &zone, const char *format) {
     auto at = std::chrono::sys_seconds{std::chrono::seconds{t}};
-    if (const date::time_zone *z = zoneOrNull(zone))
-        return date::format(format, date::make_zoned(z, at));
-    return date::format(format, date::make_zoned("UTC", at));
+    auto zoned = [&] {
+        std::lock_guard<std::mutex> hold(zoneLock);
+        if (const date::time_zone *z = zoneOrNull(zone))
+            return date::make_zoned(z, at);
+        return date::make_zoned("UTC", at);
+    }();
+    return date::format(format, zoned);
 }
 
 bool knownZone(const std::string &zone) {
+    std::lock_guard<std::mutex> hold(zoneLock);
     return zone == "UTC" || zoneOrNull(zone) != nullptr;
 }
 
 std::optional<std::time_t> localToUtc(std::time_t local, const std::string &zone) {
     if (zone.empty() || zone == "UTC")
         return local;
+    std::lock_guard<std::mutex> hold(zoneLock);
     const date::time_zone *z = zoneOrNull(zone);
     if (!z)
         return std::nullopt;
@@ -67,6 +79,7 @@ std::optional<std::time_t> localToUtc(std::time_t local, const std::string &zone
 
 std::vector<std::string> zoneNames() {
     std::vector<std::string> out;
+    std::lock_guard<std::mutex> hold(zoneLock);
     for (const auto &z : date::get_tzdb().zones)
         out.emplace_back(z.name());
     std::sort(out.begin(), out.end());
