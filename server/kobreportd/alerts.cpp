@@ -17,21 +17,36 @@ namespace kobreportd {
 
 namespace {
 
-// The one line a chat tool shows: what happened to which target, the
-// last hour's count, and where to look.
-std::string summary(const char *event, const FleetTarget &t, const WebhookOptions &hook) {
-    char share[16];
-    std::snprintf(share, sizeof share, "%.0f%%",
-                  t.hour_reports ? 100.0 * static_cast<double>(t.hour_failing) /
-                                       static_cast<double>(t.hour_reports)
-                                 : 0.0);
-    std::string what = std::string(event) == "raised" ? "Broken now: " : "Recovered: ";
-    return what + t.target + " (" + t.area + "): " + std::to_string(t.hour_failing) + " of " +
-           std::to_string(t.hour_reports) + " reports failing in the last hour (" + share +
-           "), against " + std::to_string(t.baseline_failing) + " of " +
-           std::to_string(t.baseline_reports) + " over the seven days before; " +
-           webhookLink(hook, "/fleet/reports?area=" + html::percentEncode(t.area) +
-                                 "&target=" + html::percentEncode(t.target) + "&window=6h");
+// The one line a chat tool shows: what became of which incident, its
+// numbers so far, and where to look.
+std::string chatLine(const IncidentChange &c, const Incident &i, const WebhookOptions &hook) {
+    return "Incident " + std::to_string(i.id) + " " + c.event + ": " + i.summary() + "; " +
+           webhookLink(hook, "/incidents#incident-" + std::to_string(i.id));
+}
+
+nlohmann::ordered_json payload(const IncidentChange &c, const Incident &i,
+                               const std::vector<std::string> &samples, std::time_t t,
+                               const WebhookOptions &hook) {
+    auto targets = nlohmann::ordered_json::array();
+    for (const auto &[area, target] : i.targets)
+        targets.push_back({{"area", area}, {"target", target}});
+    auto networks = nlohmann::ordered_json::array();
+    for (const auto &n : i.networks)
+        networks.push_back(
+            {{"asn", *n.asn}, {"name", n.name}, {"reports", n.reports}, {"failing", n.failing}});
+    return {{"event", c.event},
+            {"at", isoTime(t)},
+            {"text", chatLine(c, i, hook)},
+            {"incident", i.id},
+            {"status", i.status},
+            {"started_at", isoTime(i.started_at)},
+            {"targets", targets},
+            {"reports", i.reports},
+            {"failing", i.failing},
+            {"users", i.users},
+            {"networks", networks},
+            {"samples", samples},
+            {"link", webhookLink(hook, "/incidents#incident-" + std::to_string(i.id))}};
 }
 
 } // namespace
@@ -69,7 +84,6 @@ int AlertTask::check() {
         auto open = db_.read("SELECT id FROM alerts WHERE area = $1 AND target = $2 AND"
                              " cleared_at IS NULL",
                              {sql::text(target.area), sql::text(target.target)});
-        const char *event = nullptr;
         if (open.empty() && target.broken) {
             try {
                 // Only one instance gets the open alert in: the index allows
@@ -82,42 +96,34 @@ int AlertTask::check() {
             } catch (const StoreError &) {
                 continue;
             }
-            event = "raised";
+            changed++;
             metrics_.alertRaised();
         } else if (!open.empty() && share - target.baseline < kBrokenMinRise / 2) {
             auto done = db_.write("UPDATE alerts SET cleared_at = $1 WHERE id = $2 AND"
                                   " cleared_at IS NULL RETURNING id",
                                   {sql::integer(t), sql::integer(open.integer(0, "id"))});
-            if (done.empty())
-                continue;
-            event = "cleared";
+            changed += static_cast<int>(done.size());
         }
-        if (!event)
-            continue;
+    }
+    // One post per incident that changed: targets failing together are one
+    // message, not one each.
+    Incidents incidents(db_);
+    for (const auto &c : incidents.update(f, t)) {
         changed++;
-        std::string doc = kobtriage::dumpJson(nlohmann::ordered_json{
-            {"event", event},
-            {"at", isoTime(t)},
-            {"text", summary(event, target, hook_)},
-            {"area", target.area},
-            {"target", target.target},
-            {"share", share},
-            {"baseline", target.baseline},
-            {"window", "1h"},
-            {"reports", target.hour_reports},
-            {"failing", target.hour_failing},
-            {"baseline_reports", target.baseline_reports},
-            {"samples", failingReports(db_, target.area, target.target, t - 3600, 5)}});
+        auto i = incidents.find(c.id, t);
+        if (!i || hook_.url.empty())
+            continue;
+        std::string doc = kobtriage::dumpJson(payload(c, *i, incidents.samples(*i, 5), t, hook_));
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!hook_.url.empty())
-            outbox_.push_back(std::move(doc));
+        outbox_.push_back(std::move(doc));
         wake_.notify_all();
     }
-    changed += Incidents(db_).update(f, t);
     // For the scrape: what is open in the shared database, and when that
     // was last seen, so that a stale figure can be told from a fresh one.
-    metrics_.alertsOpen(
-        db_.read("SELECT count(*) AS n FROM alerts WHERE cleared_at IS NULL").integer(0, "n"), t);
+    auto [open, acknowledged] = incidents.current();
+    metrics_.checked(
+        db_.read("SELECT count(*) AS n FROM alerts WHERE cleared_at IS NULL").integer(0, "n"), open,
+        acknowledged, t);
     return changed;
 }
 

@@ -1,11 +1,13 @@
 // Alerts: a target that becomes broken now (fleet.h) raises an alert once;
 // it is cleared when the last hour's failing share has come back to within
 // half the rise of its baseline (kBrokenMinRise / 2), so that a share
-// hovering at the threshold does not raise and clear over and over.  Each
-// change is posted as JSON to a webhook (webhook.h), signed when a secret
-// is set, tried a few times with back-off, by a thread of its own: the
-// intake never waits for it.  Open alerts live in
-// the database, so instances sharing one raise each alert once.
+// hovering at the threshold does not raise and clear over and over.  Broken
+// targets are gathered into incidents (incidents.h), and each incident that
+// opens, widens, reopens or resolves is posted as JSON to a webhook
+// (webhook.h), signed when a secret is set, tried a few times with
+// back-off, by a thread of its own: the intake never waits for it.  Alerts
+// and incidents live in the database, so instances sharing one raise and
+// post each once.
 
 #ifndef KOBREPORTD_ALERTS_H
 #define KOBREPORTD_ALERTS_H

@@ -1,6 +1,7 @@
 #include "incidents.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -50,8 +51,8 @@ void addTarget(sql::Conn &c, int64_t incident, const Key &t) {
 
 } // namespace
 
-int Incidents::update(const Fleet &f, std::time_t now) {
-    int changed = 0;
+std::vector<IncidentChange> Incidents::update(const Fleet &f, std::time_t now) {
+    std::vector<IncidentChange> changes;
     db_.transaction([&](sql::Conn &c) {
         // Instances sharing the database take turns.
         if (db_.dialect() == sql::Dialect::Postgres)
@@ -104,7 +105,6 @@ int Incidents::update(const Fleet &f, std::time_t now) {
                     " reopened = reopened + 1 WHERE id = $2",
                     {sql::integer(now), sql::integer(id)});
             active.insert(id);
-            changed++;
         }
         // New broken targets join an incident of the same hour that fails
         // over the same reports, or one another, or start one of their own.
@@ -124,6 +124,7 @@ int Incidents::update(const Fleet &f, std::time_t now) {
             recent.push_back({id, std::move(all)});
         }
         std::vector<std::pair<std::vector<Key>, std::set<int64_t>>> groups;
+        std::set<int64_t> widened;
         for (const auto &k : fresh) {
             bool placed = false;
             for (auto &[id, all] : recent)
@@ -131,6 +132,7 @@ int Incidents::update(const Fleet &f, std::time_t now) {
                     addTarget(c, id, k);
                     all.insert(ids[k].begin(), ids[k].end());
                     active.insert(id);
+                    widened.insert(id);
                     placed = true;
                     break;
                 }
@@ -142,7 +144,6 @@ int Incidents::update(const Fleet &f, std::time_t now) {
                 }
             if (!placed)
                 groups.push_back({{k}, ids[k]});
-            changed++;
         }
         for (const auto &[keys, all] : groups) {
             // It started with its first failing report.
@@ -162,17 +163,24 @@ int Incidents::update(const Fleet &f, std::time_t now) {
                              .integer(0, "id");
             for (const auto &k : keys)
                 addTarget(c, id, k);
+            changes.push_back({id, "opened"});
         }
+        // A reopened incident's joining targets are told with its reopening.
+        for (int64_t id : widened)
+            if (!reopen.count(id))
+                changes.push_back({id, "widened"});
+        for (int64_t id : reopen)
+            changes.push_back({id, "reopened"});
         for (int64_t id : active)
             c.query("UPDATE incidents SET last_active = $1 WHERE id = $2",
                     {sql::integer(now), sql::integer(id)});
-        changed += static_cast<int>(
-            c.query("UPDATE incidents SET status = 'resolved', resolved_at = $1 WHERE"
-                    " status <> 'resolved' AND last_active <= $2 RETURNING id",
-                    {sql::integer(now), sql::integer(now - kIncidentQuiet)})
-                .size());
+        auto done = c.query("UPDATE incidents SET status = 'resolved', resolved_at = $1 WHERE"
+                            " status <> 'resolved' AND last_active <= $2 RETURNING id",
+                            {sql::integer(now), sql::integer(now - kIncidentQuiet)});
+        for (size_t r = 0; r < done.size(); r++)
+            changes.push_back({done.integer(r, "id"), "resolved"});
     });
-    return changed;
+    return changes;
 }
 
 void Incidents::fill(Incident &i, std::time_t now) {
@@ -213,12 +221,12 @@ void Incidents::fill(Incident &i, std::time_t now) {
         }
 }
 
-std::vector<Incident> Incidents::list(std::time_t now, bool currentOnly, int64_t limit) {
-    auto rows = db_.read(
-        std::string("SELECT id, started_at, status, acknowledged_by, acknowledged_at,"
-                    " resolved_at, reopened FROM incidents") +
-            (currentOnly ? " WHERE status <> 'resolved'" : "") + " ORDER BY id DESC LIMIT $1",
-        {sql::integer(limit)});
+std::vector<Incident> Incidents::read(const std::string &where, std::vector<sql::Param> params,
+                                      std::time_t now) {
+    auto rows = db_.read("SELECT id, started_at, status, acknowledged_by, acknowledged_at,"
+                         " resolved_at, reopened FROM incidents" +
+                             where,
+                         params);
     std::vector<Incident> out;
     for (size_t r = 0; r < rows.size(); r++) {
         Incident i;
@@ -240,6 +248,41 @@ std::vector<Incident> Incidents::list(std::time_t now, bool currentOnly, int64_t
         out.push_back(std::move(i));
     }
     return out;
+}
+
+std::vector<Incident> Incidents::list(std::time_t now, bool currentOnly, int64_t limit) {
+    return read(std::string(currentOnly ? " WHERE status <> 'resolved'" : "") +
+                    " ORDER BY id DESC LIMIT $1",
+                {sql::integer(limit)}, now);
+}
+
+std::optional<Incident> Incidents::find(int64_t id, std::time_t now) {
+    auto found = read(" WHERE id = $1", {sql::integer(id)}, now);
+    if (found.empty())
+        return std::nullopt;
+    return std::move(found.front());
+}
+
+std::vector<std::string> Incidents::samples(const Incident &i, int64_t limit) {
+    auto rows = db_.read("SELECT r.reference AS reference, max(o.received_at) AS at FROM outcomes o"
+                         " JOIN incident_targets t ON t.area = o.area AND t.target = o.target"
+                         " JOIN reports r ON r.id = o.report_id WHERE t.incident_id = $1 AND"
+                         " o.failing = 1 AND o.received_at >= $2 AND o.received_at <= $3"
+                         " GROUP BY r.id, r.reference ORDER BY at DESC, r.id DESC LIMIT $4",
+                         {sql::integer(i.id), sql::integer(i.started_at),
+                          sql::integer(i.resolved_at.value_or(std::numeric_limits<int64_t>::max())),
+                          sql::integer(limit)});
+    std::vector<std::string> out;
+    for (size_t r = 0; r < rows.size(); r++)
+        out.push_back(rows.str(r, "reference"));
+    return out;
+}
+
+std::pair<int64_t, int64_t> Incidents::current() {
+    auto n = db_.read("SELECT count(CASE WHEN status = 'open' THEN 1 END) AS open_n,"
+                      " count(CASE WHEN status = 'acknowledged' THEN 1 END) AS acknowledged_n"
+                      " FROM incidents");
+    return {n.integer(0, "open_n"), n.integer(0, "acknowledged_n")};
 }
 
 bool Incidents::acknowledge(int64_t id, const std::string &account, std::time_t now) {

@@ -41,18 +41,33 @@ struct Incident {
     std::string summary() const;
 };
 
+// What one pass did to one incident: "opened", "widened" (targets joined
+// it), "reopened" or "resolved".  Each is one post to the webhook.
+struct IncidentChange {
+    int64_t id = 0;
+    std::string event;
+};
+
 class Incidents {
   public:
     explicit Incidents(sql::Db &db) : db_(db) {}
     // One pass over the fleet as it is at now: new incidents, targets added,
-    // reopened and resolved ones.  Returns how many changed.
-    int update(const Fleet &f, std::time_t now);
+    // reopened and resolved ones, in that order.
+    std::vector<IncidentChange> update(const Fleet &f, std::time_t now);
     // The newest first, their numbers as of now.
     std::vector<Incident> list(std::time_t now, bool currentOnly, int64_t limit);
+    // One incident with its numbers as of now.
+    std::optional<Incident> find(int64_t id, std::time_t now);
+    // References of its failing reports since it started, newest first.
+    std::vector<std::string> samples(const Incident &i, int64_t limit);
+    // How many are open and how many acknowledged.
+    std::pair<int64_t, int64_t> current();
     // False when there is no such incident open.
     bool acknowledge(int64_t id, const std::string &account, std::time_t now);
 
   private:
+    std::vector<Incident> read(const std::string &where, std::vector<sql::Param> params,
+                               std::time_t now);
     void fill(Incident &i, std::time_t now);
     sql::Db &db_;
 };

@@ -314,6 +314,12 @@ std::string Metrics::text() const {
         header(out, "kobreportd_alerts_open", "Alerts open in the database at the last check.",
                "gauge");
         sample(out, "kobreportd_alerts_open", static_cast<double>(alertsOpen_));
+        header(out, "kobreportd_incidents",
+               "Incidents in the database at the last check, open or acknowledged.", "gauge");
+        out += "kobreportd_incidents{status=\"open\"} " +
+               number(static_cast<double>(incidentsOpen_)) +
+               "\nkobreportd_incidents{status=\"acknowledged\"} " +
+               number(static_cast<double>(incidentsAcknowledged_)) + "\n";
         header(out, "kobreportd_alerts_checked_timestamp_seconds",
                "When the alerts were last checked, in seconds since the epoch.", "gauge");
         sample(out, "kobreportd_alerts_checked_timestamp_seconds", static_cast<double>(alertsAt_));

@@ -79,9 +79,13 @@ class Metrics {
     void webhookFailed() { webhookFailures_++; }
     void webhookDelivered() { webhookDelivered_++; }
     void webhookDropped() { webhookDropped_++; }
-    // The alerts open in the database, as the check at `at` found them.
-    void alertsOpen(int64_t n, std::time_t at) {
-        alertsOpen_ = n;
+    // The alerts and incidents open in the database, as the check at `at`
+    // found them.
+    void checked(int64_t alerts, int64_t incidentsOpen, int64_t incidentsAcknowledged,
+                 std::time_t at) {
+        alertsOpen_ = alerts;
+        incidentsOpen_ = incidentsOpen;
+        incidentsAcknowledged_ = incidentsAcknowledged;
         alertsAt_ = at;
     }
     // The Prometheus text format, version 0.0.4.
@@ -100,6 +104,7 @@ class Metrics {
     std::atomic<uint64_t> bytes_{0}, stored_{0}, alerts_{0}, expired_{0};
     std::atomic<uint64_t> webhookFailures_{0}, webhookDelivered_{0}, webhookDropped_{0};
     std::atomic<int64_t> inflight_{0}, retentionAt_{0}, alertsOpen_{0}, alertsAt_{0};
+    std::atomic<int64_t> incidentsOpen_{0}, incidentsAcknowledged_{0};
     Histogram duration_, triage_, database_{Histogram::kDatabaseBounds};
     std::atomic<uint64_t> databaseErrors_{0};
     std::string version_ = "unknown";

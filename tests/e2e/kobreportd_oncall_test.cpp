@@ -8,13 +8,12 @@
 #include "reportgen.h"
 #include "store_fixture.h"
 #include "upload_request.h"
+#include "webhook_receiver.h"
 
 #include <chrono>
 #include <functional>
-#include <condition_variable>
 #include <ctime>
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -69,54 +68,6 @@ INSTANTIATE_TEST_SUITE_P(Stores, Oncall, ::testing::Values("sqlite", "postgres")
 
 const std::string k443 = "Testing TCP pass-through to port 443";
 
-// A webhook receiver on loopback: keeps each post's body and signature, and
-// refuses the first `refuse` posts with 500.
-class Receiver {
-  public:
-    explicit Receiver(int refuse) : refuse_(refuse) {
-        svr_.Post("/hook", [this](const httplib::Request &req, httplib::Response &res) {
-            std::lock_guard<std::mutex> lock(m_);
-            attempts_++;
-            if (refuse_ > 0) {
-                refuse_--;
-                res.status = 500;
-                return;
-            }
-            bodies_.push_back(req.body);
-            signatures_.push_back(req.get_header_value("X-Kob-Signature"));
-            cv_.notify_all();
-        });
-        port_ = svr_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { svr_.listen_after_bind(); });
-    }
-    ~Receiver() {
-        svr_.stop();
-        thread_.join();
-    }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/hook"; }
-    // Waits for the n-th delivered post (from 1), up to a minute: its body
-    // and its signature.
-    std::pair<std::string, std::string> wait(size_t n) {
-        std::unique_lock<std::mutex> lock(m_);
-        cv_.wait_for(lock, std::chrono::seconds(60), [&] { return bodies_.size() >= n; });
-        if (bodies_.size() < n)
-            return {};
-        return {bodies_[n - 1], signatures_[n - 1]};
-    }
-    int attempts() {
-        std::lock_guard<std::mutex> lock(m_);
-        return attempts_;
-    }
-
-  private:
-    httplib::Server svr_;
-    std::thread thread_;
-    int port_ = 0, refuse_ = 0, attempts_ = 0;
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::vector<std::string> bodies_, signatures_;
-};
-
 // What a receiver runs to check a delivery, as the README shows it: the
 // body in body.json, the header's value in $SIG, the secret in secret.
 const char *kVerify = "t=${SIG#t=}; t=${t%%,*}; v1=${SIG#*,v1=}\n"
@@ -153,12 +104,12 @@ bool scraped(const reportd::Server &s, const std::string &name, const std::strin
 
 } // namespace
 
-TEST_P(Oncall, AnAlertCarriesAChatLineAndASignatureThatOnlyTheSecretVerifies) {
+TEST_P(Oncall, AnIncidentIsPostedOnceWithAChatLineAndASignatureThatOnlyTheSecretVerifies) {
     if (access("/usr/bin/openssl", X_OK) != 0)
         GTEST_SKIP() << "openssl is not installed (Debian package openssl)";
     const std::time_t t0 = 1800000000;
     outage(t0);
-    Receiver hook(1);
+    kobtest::WebhookReceiver hook(1);
     kobtest::writeFile(dir.file("hook.secret"), "correct horse battery staple\n");
     setClock(t0 + 600);
     reportd::Server s(KOBREPORTD_BIN, db,
@@ -166,18 +117,25 @@ TEST_P(Oncall, AnAlertCarriesAChatLineAndASignatureThatOnlyTheSecretVerifies) {
                        dir.file("hook.secret"), "--public-url", "https://staff.example.net/kob/",
                        "--alert-check", "1"},
                       true, clockEnv());
-    auto [body, signature] = hook.wait(1);
+    std::string body = hook.wait(1), signature = hook.signature(1);
     ASSERT_FALSE(body.empty()) << "no alert within a minute";
-    EXPECT_EQ(body.rfind("{\"event\":\"raised\",\"at\":\"2027-01-15T08:10:00Z\",\"text\":\"Broken "
-                         "now: " +
-                             k443 +
-                             " (tcp): 5 of 6 reports failing in the last hour (83%), against 0 "
-                             "of 20 over the seven days before; https://staff.example.net/kob/"
-                             "fleet/reports?area=tcp&target=Testing%20TCP%20pass-through%20to%20"
-                             "port%20443&window=6h\",\"area\":\"tcp\",",
-                         0),
-              0u)
-        << body;
+    // One post for the incident, not one per target, whole but for the
+    // sample references (made up at intake).
+    const std::string link = "https://staff.example.net/kob/incidents#incident-1";
+    const std::string head =
+        "{\"event\":\"opened\",\"at\":\"2027-01-15T08:10:00Z\",\"text\":\"Incident 1 opened: " +
+        k443 + ": 5 of 6 reports failing since 2027-01-15 08:00 UTC, 1 user; " + link +
+        "\",\"incident\":1,\"status\":\"open\",\"started_at\":\"2027-01-15T08:00:00Z\","
+        "\"targets\":[{\"area\":\"tcp\",\"target\":\"" +
+        k443 + "\"}],\"reports\":6,\"failing\":5,\"users\":1,\"networks\":[],\"samples\":[";
+    const std::string tail = "],\"link\":\"" + link + "\"}";
+    ASSERT_EQ(body.rfind(head, 0), 0u) << body;
+    ASSERT_GE(body.size(), head.size() + tail.size());
+    EXPECT_EQ(body.substr(body.size() - tail.size()), tail) << body;
+    std::string samples = body.substr(head.size(), body.size() - head.size() - tail.size());
+    EXPECT_TRUE(std::regex_match(samples, std::regex("(\"KOB-20270115-[0-9]{9}\",){4}"
+                                                     "\"KOB-20270115-[0-9]{9}\"")))
+        << samples;
     EXPECT_EQ(signature.rfind("t=" + std::to_string(t0 + 600) + ",v1=", 0), 0u) << signature;
     EXPECT_EQ(signature.size(), std::string("t=1800000600,v1=").size() + 64) << signature;
     EXPECT_TRUE(verifies(dir, body, signature, "correct horse battery staple"));
@@ -196,7 +154,7 @@ TEST_P(Oncall, AnAlertCarriesAChatLineAndASignatureThatOnlyTheSecretVerifies) {
 TEST_P(Oncall, ADeliveryIsTriedThreeTimesThenDroppedAndCounted) {
     const std::time_t t0 = 1800000000;
     outage(t0);
-    Receiver hook(1000);
+    kobtest::WebhookReceiver hook(1000);
     setClock(t0 + 600);
     reportd::Server s(KOBREPORTD_BIN, db, {"--alert-webhook", hook.url(), "--alert-check", "1"},
                       true, clockEnv());
@@ -466,7 +424,9 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
         EXPECT_EQ(quiet.stop(), 0);
     }
     setClock(t0 + 600);
-    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-check", "1"}, true, clockEnv());
+    kobtest::WebhookReceiver hook(0);
+    reportd::Server s(KOBREPORTD_BIN, db, {"--alert-check", "1", "--alert-webhook", hook.url()},
+                      true, clockEnv());
     const std::string summary = k443 + ", UDP pass-through: 5 of 6 reports failing since "
                                        "2027-01-15 08:00 UTC, 5 users";
     std::string j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"id\":1,"); });
@@ -480,8 +440,18 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
                      summary + "\"}]}");
     EXPECT_EQ(value("SELECT count(*) FROM incidents"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM incident_targets WHERE incident_id = 1"), "2");
-    // The alerts stay one per target, as before.
+    // The alerts stay one per target, as before, but the webhook is told
+    // once, of the incident.
     EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "2");
+    std::string opened = hook.wait(1);
+    EXPECT_EQ(opened.rfind("{\"event\":\"opened\",\"at\":\"2027-01-15T08:10:00Z\",\"text\":"
+                           "\"Incident 1 opened: " +
+                               summary + "; /incidents#incident-1\",\"incident\":1,",
+                           0),
+              0u)
+        << opened;
+    EXPECT_TRUE(scraped(s, "kobreportd_incidents{status=\"open\"}", "1"));
+    EXPECT_EQ(sample(s.api("/metrics").body, "kobreportd_incidents{status=\"acknowledged\"}"), "0");
 
     // What is broken now is the incident, once, not a line per target.
     std::string name;
@@ -518,6 +488,9 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
                     name + "' AND detail = 'incident 1'"),
               "1");
     EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'incident.acknowledged'"), "1");
+    // Acknowledged, it no longer counts as open for the alert rule.
+    EXPECT_TRUE(scraped(s, "kobreportd_incidents{status=\"acknowledged\"}", "1"));
+    EXPECT_EQ(sample(s.api("/metrics").body, "kobreportd_incidents{status=\"open\"}"), "0");
 
     // Two hours on, healthy reports: quiet for an hour, so resolved.
     setClock(t0 + 2 * 3600);
@@ -529,6 +502,11 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
     j = incidentsWhen(s, [](const std::string &b) { return has(b, "\"status\":\"resolved\""); });
     EXPECT_TRUE(has(j, "\"status\":\"resolved\",\"started_at\":\"2027-01-15T08:00:00Z\",")) << j;
     EXPECT_TRUE(has(j, "\"resolved_at\":\"2027-01-15T10:00:00Z\"")) << j;
+    std::string resolved = hook.wait(2);
+    EXPECT_EQ(resolved.rfind("{\"event\":\"resolved\",\"at\":\"2027-01-15T10:00:0", 0), 0u)
+        << resolved;
+    EXPECT_TRUE(has(resolved, "\"incident\":1,\"status\":\"resolved\",")) << resolved;
+    EXPECT_TRUE(scraped(s, "kobreportd_incidents{status=\"acknowledged\"}", "0"));
     auto calm = s.signedIn("viewer").get("/fleet").body; // the first session timed out
     EXPECT_NE(calm.find("<p class=\"ok\" id=\"broken\">Nothing"), std::string::npos) << calm;
 
@@ -546,7 +524,59 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
                        "\"resolved_at\":null,"))
         << j;
     EXPECT_EQ(value("SELECT count(*) FROM incidents"), "1");
+    std::string reopened = hook.wait(3);
+    EXPECT_EQ(reopened.rfind("{\"event\":\"reopened\",", 0), 0u) << reopened;
+    EXPECT_TRUE(has(reopened, "\"text\":\"Incident 1 reopened: " + k443 + ", UDP pass-through: "))
+        << reopened;
+    EXPECT_TRUE(scraped(s, "kobreportd_incidents{status=\"open\"}", "1"));
     EXPECT_EQ(s.stop(), 0);
+    EXPECT_EQ(hook.delivered(), 3u);
+}
+
+// A target that starts failing over an open incident's reports joins it,
+// and the webhook is told of the wider incident, not of a new one.
+TEST_P(Oncall, ATargetJoiningAnOpenIncidentIsPostedAsItsWidening) {
+    const std::time_t t0 = 1800000000;
+    outage(t0);
+    setClock(t0 + 400);
+    kobtest::WebhookReceiver hook(0);
+    const std::vector<std::string> checking = {"--alert-check", "1", "--alert-webhook", hook.url()};
+    {
+        reportd::Server s(KOBREPORTD_BIN, db, checking, true, clockEnv());
+        std::string opened = hook.wait(1);
+        EXPECT_EQ(opened.rfind("{\"event\":\"opened\",", 0), 0u) << opened;
+        EXPECT_TRUE(has(opened, "\"targets\":[{\"area\":\"tcp\",\"target\":\"" + k443 + "\"}],"))
+            << opened;
+        EXPECT_EQ(s.stop(), 0);
+    }
+    // The new failures all arrive before the next check sees any of them.
+    setClock(t0 + 500);
+    {
+        reportd::Server quiet(KOBREPORTD_BIN, db, {}, true, clockEnv());
+        for (int i = 0; i < 5; i++)
+            ASSERT_EQ(reportd::uploadFrom("127.0." + std::to_string(20 + i) + ".1", quiet.port(),
+                                          bothDown("user" + std::to_string(i)))
+                          .status,
+                      200);
+        EXPECT_EQ(quiet.stop(), 0);
+    }
+    reportd::Server s(KOBREPORTD_BIN, db, checking, true, clockEnv());
+    std::string widened = hook.wait(2);
+    EXPECT_EQ(widened.rfind("{\"event\":\"widened\",\"at\":\"2027-01-15T08:08:20Z\",\"text\":"
+                            "\"Incident 1 widened: " +
+                                k443 +
+                                ", UDP pass-through: 10 of 11 reports failing since "
+                                "2027-01-15 08:00 UTC, 6 users; /incidents#incident-1\","
+                                "\"incident\":1,\"status\":\"open\",",
+                            0),
+              0u)
+        << widened;
+    EXPECT_TRUE(has(widened, "\"targets\":[{\"area\":\"tcp\",\"target\":\"" + k443 +
+                                 "\"},{\"area\":\"udp\",\"target\":\"UDP pass-through\"}],"))
+        << widened;
+    EXPECT_EQ(value("SELECT count(*) FROM incidents"), "1");
+    EXPECT_EQ(s.stop(), 0);
+    EXPECT_EQ(hook.delivered(), 2u);
 }
 
 // A target without a baseline (a new deployment) never alerts, however it

@@ -6,6 +6,7 @@
 #include "kobtest.h"
 #include "reportd.h"
 #include "reportgen.h"
+#include "webhook_receiver.h"
 #include "store_fixture.h"
 
 #include <filesystem>
@@ -1278,60 +1279,8 @@ TEST_P(Staff, OneUsersReportsShowWhatChangedAndTwoCompareProbeByProbe) {
     EXPECT_EQ(b.get("/compare?a=" + refs[0] + "&b=KOB-20260101-999999").status, 404);
 }
 
-namespace {
-
-// A webhook receiver on loopback: keeps what is posted to it, and refuses
-// the first `refuse` posts with 500 to make the sender try again.
-class Receiver {
-  public:
-    explicit Receiver(int refuse) : refuse_(refuse) {
-        svr_.Post("/hook", [this](const httplib::Request &req, httplib::Response &res) {
-            std::lock_guard<std::mutex> lock(m_);
-            attempts_++;
-            if (refuse_ > 0) {
-                refuse_--;
-                res.status = 500;
-                return;
-            }
-            bodies_.push_back(req.body);
-            cv_.notify_all();
-        });
-        port_ = svr_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { svr_.listen_after_bind(); });
-    }
-    ~Receiver() {
-        svr_.stop();
-        thread_.join();
-    }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/hook"; }
-    // Waits for the n-th delivered body (from 1), up to a minute.
-    std::string wait(size_t n) {
-        std::unique_lock<std::mutex> lock(m_);
-        cv_.wait_for(lock, std::chrono::seconds(60), [&] { return bodies_.size() >= n; });
-        return bodies_.size() >= n ? bodies_[n - 1] : "";
-    }
-    size_t delivered() {
-        std::lock_guard<std::mutex> lock(m_);
-        return bodies_.size();
-    }
-    int attempts() {
-        std::lock_guard<std::mutex> lock(m_);
-        return attempts_;
-    }
-
-  private:
-    httplib::Server svr_;
-    std::thread thread_;
-    int port_ = 0, refuse_ = 0, attempts_ = 0;
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::vector<std::string> bodies_;
-};
-
-} // namespace
-
-TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
-    Receiver hook(1);
+TEST_P(Staff, AnOutageIsPostedOnceAtTheWebhookAndAgainWhenItResolves) {
+    kobtest::WebhookReceiver hook(1);
     const std::time_t t0 = 1800000000;
     std::vector<std::string> down;
     {
@@ -1357,18 +1306,18 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
     setClock(t0 + 600);
     reportd::Server s(KOBREPORTD_BIN, db, {"--alert-webhook", hook.url(), "--alert-check", "1"},
                       true, clockEnv());
-    std::string raised = hook.wait(1);
-    ASSERT_FALSE(raised.empty()) << "no alert within a minute";
-    EXPECT_EQ(raised.rfind("{\"event\":\"raised\",\"at\":\"" + iso(t0 + 600) + "\",", 0), 0u)
-        << raised;
-    EXPECT_NE(raised.find("\"area\":\"tcp\",\"target\":\"" + k443 +
-                          "\",\"share\":0.8333333333333334,\"baseline\":0.045454545454545456,"
-                          "\"window\":\"1h\",\"reports\":6,\"failing\":5,\"baseline_reports\":20,"
+    std::string opened = hook.wait(1);
+    ASSERT_FALSE(opened.empty()) << "no alert within a minute";
+    EXPECT_EQ(opened.rfind("{\"event\":\"opened\",\"at\":\"" + iso(t0 + 600) + "\",", 0), 0u)
+        << opened;
+    EXPECT_NE(opened.find("\"incident\":1,\"status\":\"open\",\"started_at\":\"" + iso(t0) +
+                          "\",\"targets\":[{\"area\":\"tcp\",\"target\":\"" + k443 +
+                          "\"}],\"reports\":6,\"failing\":5,\"users\":1,\"networks\":[],"
                           "\"samples\":[\"" +
                           down[4] + "\",\"" + down[3] + "\",\"" + down[2] + "\",\"" + down[1] +
-                          "\",\"" + down[0] + "\"]}"),
+                          "\",\"" + down[0] + "\"],\"link\":\"/incidents#incident-1\"}"),
               std::string::npos)
-        << raised;
+        << opened;
     // The first delivery was refused and tried again.
     EXPECT_GE(hook.attempts(), 2);
     // The scrape shows what is open, once a check has counted it.
@@ -1392,10 +1341,12 @@ TEST_P(Staff, AnOutageRaisesOneAlertAtTheWebhookAndItClearsAfterwards) {
     for (int i = 0; i < 6; i++)
         ASSERT_EQ(reportd::upload(s.port(), reportgen::report(reportgen::healthyRun())).status,
                   200);
-    std::string cleared = hook.wait(2);
-    EXPECT_EQ(cleared.rfind("{\"event\":\"cleared\",", 0), 0u) << cleared;
-    EXPECT_NE(cleared.find("\"target\":\"" + k443 + "\",\"share\":0.0,"), std::string::npos)
-        << cleared;
+    // The alert clears at once; the incident resolves after a quiet hour,
+    // which two hours on it has had.
+    std::string resolved = hook.wait(2);
+    EXPECT_EQ(resolved.rfind("{\"event\":\"resolved\",", 0), 0u) << resolved;
+    EXPECT_NE(resolved.find("\"incident\":1,\"status\":\"resolved\","), std::string::npos)
+        << resolved;
     EXPECT_EQ(value("SELECT count(*) FROM alerts"), "1");
     EXPECT_EQ(value("SELECT count(*) FROM alerts WHERE cleared_at IS NULL"), "0");
     EXPECT_NE(s.api("/metrics").body.find("\nkobreportd_alerts_raised_total 1\n"),

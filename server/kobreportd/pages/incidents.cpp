@@ -19,7 +19,7 @@ Html incidents(const std::vector<Incident> &list, const Viewer &v) {
              "their baseline.</p>\n";
         return b;
     }
-    b << "<table class=\"incidents\" id=\"incidents\"><thead><tr><th>Started (UTC)</th>"
+    b << "<table class=\"incidents\" id=\"incidents\"><thead><tr><th>Started</th>"
          "<th>Targets</th><th>Failing reports</th><th>Users</th><th>Most affected networks</th>"
          "<th>Status</th></tr></thead><tbody>\n";
     for (const auto &i : list) {
