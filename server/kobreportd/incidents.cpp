@@ -292,12 +292,12 @@ bool Incidents::acknowledge(int64_t id, const std::string &account, std::time_t 
                 .empty();
 }
 
-std::string Incident::summary() const {
+std::string Incident::summary(const std::string &zone) const {
     std::string names;
     for (const auto &[area, target] : targets)
         names += (names.empty() ? "" : ", ") + target;
     std::string s = names + ": " + std::to_string(failing) + " of " + std::to_string(reports) +
-                    " reports failing since " + utcTime(started_at, "%Y-%m-%d %H:%M") + " UTC, " +
+                    " reports failing since " + zonedTime(started_at, zone, "%Y-%m-%d %H:%M %Z") + ", " +
                     std::to_string(users) + (users == 1 ? " user" : " users");
     if (!networks.empty()) {
         const FleetShare &n = networks.front();

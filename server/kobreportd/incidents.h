@@ -37,8 +37,9 @@ struct Incident {
     std::vector<FleetShare> networks; // where most failing reports came from, at most 3
 
     // "UDP pass-through, TCP 443: 35 of 40 reports failing since 14:00 UTC,
-    // 12 users; most on AS64500 Example Telecom (30 of 31)".
-    std::string summary() const;
+    // 12 users; most on AS64500 Example Telecom (30 of 31)", its start in
+    // zone ("" for UTC).
+    std::string summary(const std::string &zone = "") const;
 };
 
 // What one pass did to one incident: "opened", "widened" (targets joined

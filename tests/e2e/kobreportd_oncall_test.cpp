@@ -462,6 +462,16 @@ TEST_P(Oncall, TargetsFailingTogetherAreOneIncidentThatResolvesAndReopens) {
                                   summary + "</a> (open)</li>\n</ul>"),
               std::string::npos)
         << fleetPage.body;
+    // In a viewer's own zone, the start is theirs.
+    reportd::Browser east = s.signedIn("viewer");
+    east.get("/settings");
+    ASSERT_EQ(east.post("/settings/zone", {{"zone", "Asia/Tokyo"}}).status, 200);
+    auto eastFleet = east.get("/fleet").body;
+    EXPECT_NE(eastFleet.find(">" + k443 +
+                             ", UDP pass-through: 5 of 6 reports failing since 2027-01-15 17:00 "
+                             "JST, 5 users</a> (open)</li>"),
+              std::string::npos)
+        << eastFleet;
     auto page = b.get("/incidents");
     ASSERT_EQ(page.status, 200);
     EXPECT_NE(page.body.find(

@@ -176,7 +176,7 @@ Html fleet(const Fleet &f, const Links &links, const std::string &by,
     std::set<std::pair<std::string, std::string>> inIncident;
     for (const auto &i : current) {
         broken << "<li class=\"fail\" id=\"incident-" << i.id << "\"><a href=\""
-               << links.href("/incidents") << "\">" << text(i.summary()) << "</a> ("
+               << links.href("/incidents") << "\">" << text(i.summary(shownZoneName())) << "</a> ("
                << text(i.status) << ")</li>\n";
         inIncident.insert(i.targets.begin(), i.targets.end());
     }
