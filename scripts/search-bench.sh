@@ -53,6 +53,9 @@ verdicts="INSERT INTO report_verdicts (report_id, rule, area, level, problem)
     CASE WHEN level = 'warn' THEN 1 ELSE 0 END FROM reports
   UNION ALL SELECT id, 'logs.missing', 'logs', 'info', 0 FROM reports"
 
+names="INSERT INTO user_names (name) SELECT form_username FROM reports
+  WHERE form_username IS NOT NULL UNION SELECT report_username FROM reports"
+
 generate_sqlite() {
   local db=$1
   "$server" user list --db "$db" >/dev/null # makes the tables
@@ -69,6 +72,7 @@ SELECT i, 'KOB-' || strftime('%Y%m%d', t, 'unixepoch') || '-' || printf('%09d', 
 FROM (SELECT i, 1790000000 + i * 2 AS t, $levels AS lv FROM k);
 $verdicts;
 INSERT INTO report_words (rowid, comment) SELECT id, why FROM reports WHERE why IS NOT NULL;
+$names;
 COMMIT;
 ANALYZE;
 EOF
@@ -81,15 +85,18 @@ generate_postgres() {
 SET synchronous_commit TO OFF;
 BEGIN;
 INSERT INTO reports (id, reference, received_at, form_username, report_username, summary, peer,
-  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings, words)
+  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings)
 SELECT i, 'KOB-' || to_char(to_timestamp(t) AT TIME ZONE 'UTC', 'YYYYMMDD') || '-' ||
   lpad(i::text, 9, '0'), t, CASE WHEN i % 3 = 0 THEN 'form' || (i % 5000) END,
   'user' || (i % 7000), $summary, '192.0.2.1', 3000, decode(repeat(md5(i::text), 38), 'hex'),
   convert_to(w, 'UTF8'), 1, 1, '192.0.2.0/24', lv,
-  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, '', to_tsvector('simple', coalesce(w, ''))
+  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, ''
 FROM (SELECT i, 1790000000 + i * 2 AS t, $levels AS lv, $why AS w
       FROM generate_series(1, $n) AS i) AS g;
 $verdicts;
+$names;
+INSERT INTO report_words (report_id, words)
+  SELECT id, to_tsvector('simple', convert_from(why, 'UTF8')) FROM reports WHERE why IS NOT NULL;
 SELECT setval(pg_get_serial_sequence('reports', 'id'), $n);
 COMMIT;
 VACUUM ANALYZE;

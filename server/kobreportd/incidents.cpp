@@ -297,8 +297,8 @@ std::string Incident::summary(const std::string &zone) const {
     for (const auto &[area, target] : targets)
         names += (names.empty() ? "" : ", ") + target;
     std::string s = names + ": " + std::to_string(failing) + " of " + std::to_string(reports) +
-                    " reports failing since " + zonedTime(started_at, zone, "%Y-%m-%d %H:%M %Z") + ", " +
-                    std::to_string(users) + (users == 1 ? " user" : " users");
+                    " reports failing since " + zonedTime(started_at, zone, "%Y-%m-%d %H:%M %Z") +
+                    ", " + std::to_string(users) + (users == 1 ? " user" : " users");
     if (!networks.empty()) {
         const FleetShare &n = networks.front();
         s += "; most on AS" + std::to_string(*n.asn) + (n.name.empty() ? "" : " " + n.name) + " (" +

@@ -172,6 +172,74 @@ TEST_P(Search, EachFilterAloneAndTogetherGivesExactlyItsReports) {
               "1");
 }
 
+// A name and a comment may both match, in different reports or in the same
+// one: each report is listed and counted once.  A deleted report's names
+// leave the table of names unless another report gives them.
+TEST_P(Search, NamesAndCommentWordsTogetherCountEachReportOnceAndDeletedNamesGo) {
+    auto eve = reportgen::healthyRun();
+    eve.username = "eve";
+    auto tester = reportgen::healthyRun();
+    tester.username = "tunnel-tester";
+    kobtest::writeFile(clockFile, std::to_string(kLateDay1 + 13 * 3600) + "\n");
+    std::string eveRef = reportd::reference(reportd::upload(
+        server->port(), reportgen::report(eve), nullptr, "alice says the tunnel drops"));
+    kobtest::writeFile(clockFile, std::to_string(kLateDay1 + 14 * 3600) + "\n");
+    std::string testerRef = reportd::reference(
+        reportd::upload(server->port(), reportgen::report(tester), "alice", "the tunnel is down"));
+    ASSERT_FALSE(eveRef.empty());
+    ASSERT_FALSE(testerRef.empty());
+    // alice by name (hers and the tester's form) and by eve's comment.
+    EXPECT_EQ(found("q=alice"), (std::vector<std::string>{testerRef, eveRef, refs[Alice]}));
+    // tunnel by the tester's name and comment both, and by three comments.
+    EXPECT_EQ(found("q=tunnel"),
+              (std::vector<std::string>{testerRef, eveRef, refs[Dave], refs[Alice]}));
+    EXPECT_EQ(found("q=tester"), (std::vector<std::string>{testerRef}));
+    EXPECT_EQ(found("q=tunnel&level=warn"), (std::vector<std::string>{refs[Dave]}));
+    EXPECT_EQ(value("SELECT count(*) FROM user_names WHERE name IN ('alice', 'tunnel-tester')"),
+              "2");
+
+    reportd::Browser admin = server->signedIn("admin");
+    ASSERT_EQ(admin.post("/reports/" + testerRef + "/delete", {{"confirm", "yes"}}).status, 303);
+    // alice still names her own report; the tester's name named only theirs.
+    EXPECT_EQ(value("SELECT count(*) FROM user_names WHERE name = 'alice'"), "1");
+    EXPECT_EQ(value("SELECT count(*) FROM user_names WHERE name = 'tunnel-tester'"), "0");
+    EXPECT_EQ(found("q=tester"), std::vector<std::string>{});
+    EXPECT_EQ(found("q=tunnel"), (std::vector<std::string>{eveRef, refs[Dave], refs[Alice]}));
+}
+
+// A database as the layout before left it, its names only in the reports
+// and, on PostgreSQL, its comments' words in a column of the reports: both
+// are found as before once it is brought up to date.
+TEST_P(Search, ADatabaseOfTheLayoutBeforeFindsItsNamesAndWordsAfterTheUpgrade) {
+    ASSERT_EQ(server->stop(), 0);
+    value("DROP TABLE user_names");
+    value("DROP INDEX reports_by_report_user");
+    if (GetParam() == "postgres") {
+        value("ALTER TABLE reports ADD COLUMN words tsvector");
+        value("UPDATE reports SET words = w.words FROM report_words w WHERE w.report_id = "
+              "reports.id");
+        value("DROP TABLE report_words");
+        value("CREATE INDEX reports_by_words ON reports USING gin (words)");
+    }
+    value("UPDATE kob_meta SET value = '" + std::to_string(reportd::kLayout - 1) +
+          "' WHERE key = 'schema'");
+    server = std::make_unique<reportd::Server>(
+        KOBREPORTD_BIN, db, std::vector<std::string>{}, true,
+        std::vector<std::string>{"KOBREPORTD_TEST_CLOCK=" + clockFile});
+    EXPECT_EQ(value("SELECT value FROM kob_meta WHERE key = 'schema'"),
+              std::to_string(reportd::kLayout));
+    EXPECT_EQ(found("q=tunnel"), some({Dave, Alice}));
+    EXPECT_EQ(found("q=JOE"), some({Carol}));
+    EXPECT_EQ(found("q=vpn"), some({Bob}));
+    EXPECT_EQ(value("SELECT count(*) FROM user_names"), "5"); // and joe@example.com
+    if (GetParam() == "postgres") {
+        EXPECT_EQ(value("SELECT count(*) FROM report_words"), "3");
+        EXPECT_EQ(value("SELECT count(*) FROM information_schema.columns WHERE"
+                        " table_name = 'reports' AND column_name = 'words'"),
+                  "0");
+    }
+}
+
 TEST_P(Search, AReferenceIsFoundInEachOfItsFormsAndAWholeOneOpens) {
     const std::string &ref = refs[Carol]; // KOB-20261121-NNNNNNNNN
     std::string day = ref.substr(4, 8), number = ref.substr(13);

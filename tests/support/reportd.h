@@ -13,7 +13,7 @@
 namespace reportd {
 
 // The database layout this kobreportd writes.
-constexpr int kLayout = 15;
+constexpr int kLayout = 16;
 
 struct Response {
     bool ok = false; // a response arrived

@@ -235,8 +235,7 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
         comment = cleanText(*r.why);
     if (r.version)
         version = cleanText(*r.version);
-    // PostgreSQL keeps the comment's words in the row, SQLite in its
-    // full-text table (addSearchable).
+    // The comment's words go into the full-text table (addSearchable).
     std::string net = senderNetwork(peer);
     auto issue = issueFor(c, r.issue, r.received_at, true, ref);
     std::vector<sql::Param> params = {sql::integer(id),
@@ -256,20 +255,17 @@ std::string Store::insertOne(sql::Conn &c, const Pending &p) {
                                       sql::text(r.level),
                                       sql::optText(version),
                                       issue ? sql::integer(*issue) : sql::null()};
-    if (pg)
-        params.push_back(sql::optText(comment));
     c.query("INSERT INTO reports (id, reference, received_at, form_username, report_username,"
             " summary, peer, size, \"desc\", why, rules, desc_zstd, sender_net, findings_zstd,"
-            " level, version, issue_id" +
-                std::string(pg ? ", words" : "") + ") VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
+            " level, version, issue_id) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, " +
                 std::string(pieces ? "zeroblob($9)" : "$9") +
-                ", $10, $11, 1, $12, $13, $14, $15, $16" +
-                std::string(pg ? ", to_tsvector('simple', coalesce($17::text, '')))" : ")"),
+                ", $10, $11, 1, $12, $13, $14, $15, $16)",
             params);
     if (pieces)
         c.fillBlob("reports", "desc", id, packed);
     addOutcomes(c, id, r.received_at, r.outcomes);
     addSearchable(c, db_.dialect(), id, comment, r.verdicts);
+    addUserNames(c, formUser, reportUser);
     // The sender's network in a table of its own, which never holds the
     // address: it outlives the raw text's expiry.
     if (r.network.known())

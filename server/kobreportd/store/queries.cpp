@@ -186,11 +186,13 @@ bool Store::remove(const std::string &reference) {
         return false;
     bool found = false;
     db_.transaction([&](sql::Conn &c) {
-        auto rows = c.query("DELETE FROM reports WHERE reference = $1 RETURNING id",
+        auto rows = c.query("DELETE FROM reports WHERE reference = $1 RETURNING id,"
+                            " form_username, report_username",
                             {sql::text(reference)});
         found = !rows.empty();
         if (!found)
             return;
+        dropUserNames(c, rows.opt(0, "form_username"), rows.opt(0, "report_username"));
         dropOutcomes(c, rows.integer(0, "id"));
         c.query("DELETE FROM report_networks WHERE report_id = $1",
                 {sql::integer(rows.integer(0, "id"))});

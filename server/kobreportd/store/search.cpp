@@ -73,7 +73,7 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f, co
     for (char c : q)
         if (!std::isspace(static_cast<unsigned char>(c)))
             compact += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    std::vector<std::string> branches;
+    std::string byReference;
     bool named = compact.rfind("KOB", 0) == 0;
     std::string rest = compact.substr(named ? (compact.rfind("KOB-", 0) == 0 ? 4 : 3) : 0);
     std::string digits;
@@ -88,51 +88,62 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f, co
     }
     if (shaped && digits.size() >= 14) {
         f.exact = "KOB-" + digits.substr(0, 8) + "-" + digits.substr(8);
-        branches.push_back("SELECT id FROM reports WHERE reference = " + w.bind(f.exact));
+        byReference = "SELECT id FROM reports WHERE reference = " + w.bind(f.exact);
     } else if (shaped && digits.size() == 6 && !named) {
-        branches.push_back("SELECT id FROM reports WHERE ref_tail = " + w.bind(digits));
+        byReference = "SELECT id FROM reports WHERE ref_tail = " + w.bind(digits);
     } else if (shaped && (named || digits.size() >= 8)) {
         std::string prefix =
             "KOB-" + (digits.size() > 8 ? digits.substr(0, 8) + "-" + digits.substr(8) : digits);
         if (digits.size() == 8 && rest.size() == 9)
             prefix += "-";
-        branches.push_back("SELECT id FROM reports WHERE reference LIKE " + w.bind(prefix + "%"));
+        byReference = "SELECT id FROM reports WHERE reference LIKE " + w.bind(prefix + "%");
     }
     // A reference in one of its shapes is looked for as nothing else: no
     // user is named so, and the lookups stay on the references' indexes.
-    if (!branches.empty()) {
-        w.addIds(branches.front());
+    if (!byReference.empty()) {
+        w.addIds(byReference);
         return std::nullopt;
     }
+    // The names first, each once, then their reports by index.
+    std::string byName;
     if (!q.empty()) {
-        const char *like = pg ? " ILIKE " : " LIKE ";
-        std::string p = w.bind("%" + likeEscape(q) + "%");
-        branches.push_back(std::string("SELECT id FROM reports WHERE form_username") + like + p +
-                           " ESCAPE '\\' OR report_username" + like + p + " ESCAPE '\\'");
+        std::string names = std::string("SELECT name FROM user_names WHERE name") +
+                            (pg ? " ILIKE " : " LIKE ") + w.bind("%" + likeEscape(q) + "%") +
+                            " ESCAPE '\\'";
+        byName = "SELECT id FROM reports WHERE form_username IN (" + names +
+                 ") UNION SELECT id FROM reports WHERE report_username IN (" + names + ")";
     }
+    std::string byWords;
     auto ws = words(q);
-    if (!ws.empty()) {
-        if (pg) {
-            std::string all;
-            for (const auto &x : ws)
-                all += (all.empty() ? "" : " ") + x;
-            branches.push_back("SELECT id FROM reports WHERE words @@ plainto_tsquery('simple', " +
-                               w.bind(all) + "::text)");
-        } else {
-            // Each word a quoted string: FTS5's query syntax is not the user's.
-            std::string match;
-            for (const auto &x : ws)
-                match += (match.empty() ? "\"" : " \"") + x + "\"";
-            branches.push_back("SELECT rowid AS id FROM report_words WHERE report_words MATCH " +
-                               w.bind(match));
-        }
+    if (!ws.empty() && pg) {
+        std::string all;
+        for (const auto &x : ws)
+            all += (all.empty() ? "" : " ") + x;
+        byWords = "SELECT report_id AS id FROM report_words WHERE words @@"
+                  " plainto_tsquery('simple', " +
+                  w.bind(all) + "::text)";
+    } else if (!ws.empty()) {
+        // Each word a quoted string: FTS5's query syntax is not the user's.
+        std::string match;
+        for (const auto &x : ws)
+            match += (match.empty() ? "\"" : " \"") + x + "\"";
+        byWords = "SELECT rowid AS id FROM report_words WHERE report_words MATCH " + w.bind(match);
     }
-    if (branches.empty())
+    if (byName.empty() || byWords.empty()) {
+        if (!byName.empty() || !byWords.empty())
+            w.addIds(byName.empty() ? byWords : byName);
         return std::nullopt;
-    std::string u;
-    for (const auto &b : branches)
-        u += (u.empty() ? "" : " UNION ") + b;
-    w.addIds(u);
+    }
+    // A comment's word may be found in a quarter of all reports: counted
+    // without sorting them together with the few of the names, and, on
+    // PostgreSQL, a page found by walking the newest reports against both
+    // sets rather than by first merging them.
+    std::string count = "SELECT id FROM (" + byName + ") AS n UNION ALL SELECT id FROM (" +
+                        byWords + ") AS w WHERE id NOT IN (" + byName + ")";
+    if (pg)
+        w.addIds("id IN (" + byName + ") OR id IN (" + byWords + ")", count);
+    else
+        w.addIds("id IN (" + byName + " UNION " + byWords + ")", count);
     return std::nullopt;
 }
 
@@ -315,9 +326,33 @@ std::optional<std::pair<std::time_t, std::time_t>> zonedSpan(const std::string &
 void addSearchable(sql::Conn &c, sql::Dialect d, int64_t id, const std::optional<std::string> &why,
                    const std::vector<RuleVerdict> &verdicts) {
     replaceVerdicts(c, id, verdicts);
-    if (d == sql::Dialect::Sqlite && why && !why->empty())
+    if (!why || why->empty())
+        return;
+    if (d == sql::Dialect::Postgres)
+        c.query("INSERT INTO report_words (report_id, words) VALUES ($1,"
+                " to_tsvector('simple', $2::text))",
+                {sql::integer(id), sql::text(*why)});
+    else
         c.query("INSERT INTO report_words (rowid, comment) VALUES ($1, $2)",
                 {sql::integer(id), sql::text(*why)});
+}
+
+void addUserNames(sql::Conn &c, const std::optional<std::string> &form,
+                  const std::optional<std::string> &report) {
+    for (const auto *name : {&form, &report})
+        if (*name && !(*name)->empty())
+            c.query("INSERT INTO user_names (name) VALUES ($1) ON CONFLICT DO NOTHING",
+                    {sql::text(**name)});
+}
+
+void dropUserNames(sql::Conn &c, const std::optional<std::string> &form,
+                   const std::optional<std::string> &report) {
+    for (const auto *name : {&form, &report})
+        if (*name)
+            c.query("DELETE FROM user_names WHERE name = $1 AND NOT EXISTS (SELECT 1 FROM"
+                    " reports WHERE form_username = $1) AND NOT EXISTS (SELECT 1 FROM"
+                    " reports WHERE report_username = $1)",
+                    {sql::text(**name)});
 }
 
 void replaceVerdicts(sql::Conn &c, int64_t id, const std::vector<RuleVerdict> &verdicts) {
@@ -340,8 +375,9 @@ void replaceVerdicts(sql::Conn &c, int64_t id, const std::vector<RuleVerdict> &v
 }
 
 void dropWords(sql::Conn &c, sql::Dialect d, int64_t id) {
-    if (d == sql::Dialect::Sqlite)
-        c.query("DELETE FROM report_words WHERE rowid = $1", {sql::integer(id)});
+    c.query(d == sql::Dialect::Sqlite ? "DELETE FROM report_words WHERE rowid = $1"
+                                      : "DELETE FROM report_words WHERE report_id = $1",
+            {sql::integer(id)});
 }
 
 void purgeDroppedWords(sql::Conn &c, sql::Dialect d) {

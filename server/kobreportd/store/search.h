@@ -35,8 +35,11 @@ class Conditions {
     void add(std::string condition) { conditions_.push_back(std::move(condition)); }
     // A condition that names the reports' ids by a query of its own, each id
     // once.
-    void addIds(const std::string &ids) {
-        add("id IN (" + ids + ")");
+    void addIds(const std::string &ids) { addIds("id IN (" + ids + ")", ids); }
+    // A condition on the ids, and a query of the same ids, each once, for
+    // counting them.
+    void addIds(std::string condition, const std::string &ids) {
+        add(std::move(condition));
         ids_ = conditions_.size() == 1 ? ids : "";
     }
     // A statement counting the reports the conditions take: when the one
@@ -88,10 +91,18 @@ std::vector<std::string> filterNames();
 
 // A date (YYYY-MM-DD) or date-time (YYYY-MM-DDThh:mm[:ss], a space for the
 // T, a trailing Z meaning UTC) in the named zone, as the span of time it
-// names: [first, end).  Only UTC is known for now; another zone gives
-// nothing.
+// names: [first, end).  Nothing for a date that does not exist, or an
+// unknown zone.
 std::optional<std::pair<std::time_t, std::time_t>> zonedSpan(const std::string &text,
                                                              const std::string &zone);
+
+// The user names a report gives, kept once each for the search by a part
+// of a name; and after a report is deleted, its names unless another
+// report gives them too.
+void addUserNames(sql::Conn &c, const std::optional<std::string> &form,
+                  const std::optional<std::string> &report);
+void dropUserNames(sql::Conn &c, const std::optional<std::string> &form,
+                   const std::optional<std::string> &report);
 
 // Writes what the filters find a report by beside it: its verdicts, and
 // its comment's words (why, already cleaned) in the full-text index.
