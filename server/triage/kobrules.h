@@ -21,6 +21,7 @@ class Judge;
 
 struct Rule {
     std::string_view id;      // "udp.blocked": stable, stored and searched for
+    std::string_view title;   // "UDP blocked": a few words for a list's one line
     int version;              // the rule set's version in which it last changed
     Verdict::Level level;     // every verdict of a rule has the same level
     std::string_view area;    // where its verdicts are listed

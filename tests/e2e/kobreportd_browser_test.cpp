@@ -553,6 +553,125 @@ TEST(ReportdBrowser, EveryKindOfPageIsAccessibleAndFitsAPhone) {
     stopsCleanly(b, s);
 }
 
+// A page of the list reads at a glance: on a laptop's screen twenty
+// reports and more show at once, each on one line with its worst verdict's
+// level as a word and that verdict's title, long names cut short rather
+// than wrapped; on a phone the list is no wider than the screen.
+TEST(ReportdBrowser, TheListShowsTwentyReportsALineEachOnALaptopAndFitsAPhone) {
+    if (std::string why = webdriver::missing(); !why.empty())
+        GTEST_SKIP() << why;
+    kobtest::TempDir dir;
+    reportd::Server s(KOBREPORTD_BIN, dir.file("reports.db"));
+    struct Kind {
+        reportgen::Run run;
+        std::string level, badge, title;
+    };
+    auto blocked = reportgen::healthyRun();
+    blocked.udp.assign(5, reportgen::udpTimeout());
+    auto partial = reportgen::healthyRun();
+    partial.intranet[0] = reportgen::tcpTimeout();
+    // UDP lost and TCP to the pass-through servers too: its title is the
+    // longest of the rules'.
+    auto serverDown = blocked;
+    serverDown.tcp[4] = serverDown.tcp[5] = reportgen::tcpTimeout();
+    auto lossy = reportgen::healthyRun();
+    lossy.udp[2] = reportgen::udpTimeout();
+    const std::vector<Kind> kinds = {
+        {reportgen::healthyRun(), "ok", "OK", "no problem found"},
+        {blocked, "fail", "FAIL", "UDP blocked"},
+        {partial, "warn", "WARN", "Intranet partly reachable"},
+        {serverDown, "fail", "FAIL", "Pass-through server unreachable"},
+        {lossy, "warn", "WARN", "UDP lossy"},
+    };
+    std::map<std::string, const Kind *> kindOf;
+    std::map<std::string, bool> longName;
+    for (int i = 0; i < 26; i++) {
+        const Kind &k = kinds[static_cast<size_t>(i) % kinds.size()];
+        bool isLong = i % 3 == 0;
+        std::string user = isLong
+                               ? "Maximiliane Wolkenstein-Rodenegg of the regional support desk " +
+                                     std::to_string(i)
+                               : "user" + std::to_string(i);
+        std::string ref = upload(s, k.run, user.c_str());
+        ASSERT_FALSE(ref.empty());
+        kindOf[ref] = &k;
+        longName[ref] = isLong;
+    }
+    ASSERT_EQ(s.addUser("vera", "viewer", "vera's long password").status, 0);
+
+    webdriver::Session b(profile(dir));
+    ASSERT_NO_FATAL_FAILURE(signIn(b, base(s) + "/", "vera", "vera's long password"));
+    b.setWindowSize(1366, 900);
+    b.navigate(base(s) + "/");
+    auto rows = b.findAll("tr.report");
+    ASSERT_EQ(rows.size(), 26u);
+    for (const auto &row : rows) {
+        std::string ref = b.attribute(row, "data-reference");
+        SCOPED_TRACE(ref);
+        const Kind &k = *kindOf.at(ref);
+        auto badge = b.findAll(row, "td.level span.badge");
+        ASSERT_EQ(badge.size(), 1u);
+        EXPECT_EQ(b.text(badge[0]), k.badge);
+        EXPECT_EQ(b.attribute(badge[0], "class"), "badge " + k.level);
+        EXPECT_EQ(b.text(b.findAll(row, "td.title")[0]), k.title);
+    }
+    auto shape = b.execute(R"js(
+        const rows = [...document.querySelectorAll('tr.report')];
+        const cell = rows[0].querySelector('td.title');
+        return {
+          inner: window.innerHeight,
+          bottom20: rows[19].getBoundingClientRect().bottom,
+          visible: rows.filter(r => r.getBoundingClientRect().bottom <= window.innerHeight).length,
+          heights: rows.map(r => r.getBoundingClientRect().height),
+          line: parseFloat(getComputedStyle(cell).lineHeight),
+          refWrap: getComputedStyle(rows[0].querySelector('td.ref')).whiteSpace,
+          refCut: rows.filter(r => r.querySelector('td.ref').scrollWidth >
+                                   r.querySelector('td.ref').clientWidth).length,
+          refHeight: Math.max(...rows.map(r => r.querySelector('td.ref a')
+                                                .getBoundingClientRect().height)),
+          cut: rows.filter(r => r.querySelector('td.user').scrollWidth >
+                                r.querySelector('td.user').clientWidth)
+                   .map(r => r.dataset.reference),
+        };)js");
+    EXPECT_LE(shape["bottom20"].get<double>(), shape["inner"].get<double>()) << shape.dump();
+    EXPECT_GE(shape["visible"].get<int>(), 20) << shape.dump();
+    // One line each: every row as high as the first, and less than two
+    // lines of text.
+    double first = shape["heights"][0].get<double>(), line = shape["line"].get<double>();
+    for (const auto &h : shape["heights"])
+        EXPECT_NEAR(h.get<double>(), first, 0.5) << shape.dump();
+    EXPECT_LT(first, 2 * line) << shape.dump();
+    EXPECT_EQ(shape["refWrap"], "nowrap");
+    // The reference whole, on one line.
+    EXPECT_EQ(shape["refCut"], 0) << shape.dump();
+    EXPECT_LT(shape["refHeight"].get<double>(), 2 * line) << shape.dump();
+    // The long names are the ones cut short.
+    std::vector<std::string> cut = shape["cut"], expected;
+    for (const auto &row : rows)
+        if (std::string ref = b.attribute(row, "data-reference"); longName.at(ref))
+            expected.push_back(ref);
+    EXPECT_EQ(cut, expected);
+    std::printf("list at 1366x900: window %s px high, row 20 ends at %s px, %d rows visible, "
+                "rows %s px high\n",
+                shape["inner"].dump().c_str(), shape["bottom20"].dump().c_str(),
+                shape["visible"].get<int>(), shape["heights"][0].dump().c_str());
+    b.screenshot(std::string(SCREENSHOT_DIR) + "/kobreportd-list-1366x900.png");
+
+    b.setWindowSize(390, 844);
+    b.navigate(base(s) + "/");
+    auto widths = b.execute("return [document.documentElement.scrollWidth,"
+                            " document.documentElement.clientWidth];");
+    std::printf("list at 390 px: scrollWidth %d, clientWidth %d\n", widths[0].get<int>(),
+                widths[1].get<int>());
+    EXPECT_EQ(widths[0], widths[1]);
+    // Each report still shows its level's word on the phone.
+    EXPECT_EQ(b.execute("return [...document.querySelectorAll('tr.report span.badge')]"
+                        ".filter(e => e.getBoundingClientRect().width > 0).length;"),
+              26);
+    b.screenshot(std::string(SCREENSHOT_DIR) + "/kobreportd-list-390.png");
+    stopsCleanly(b, s);
+}
+
 // A person whose upload form and kobdiag -u give different names has one
 // timeline under either name, and any two of its reports compare through
 // the timeline's form, without script.

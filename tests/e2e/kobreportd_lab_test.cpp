@@ -102,7 +102,8 @@ TEST_F(LabIntake, TheUserGetsAReferenceAndSupportSeesTheVerdicts) {
     reportd::Browser support(staffPort);
     ASSERT_EQ(support.signIn("support", "password of support").status, 303);
     auto list = support.get("/?q=alice");
-    EXPECT_NE(list.body.find("<td>alice</td><td><a href=\"/reports/" + ref + "\">"),
+    EXPECT_NE(list.body.find("<td class=\"user\">alice</td><td class=\"ref\"><a href=\"/reports/" +
+                             ref + "\">"),
               std::string::npos)
         << list.body;
 

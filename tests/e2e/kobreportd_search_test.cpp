@@ -308,10 +308,86 @@ TEST_P(Search, TheListPageFiltersByItsURLAndSaysWhatFoundNothing) {
                              "widen it.</p>"),
               std::string::npos)
         << none.body;
-    EXPECT_EQ(none.body.find("<table id=\"reports\">"), std::string::npos);
+    EXPECT_EQ(none.body.find("<table id=\"reports\""), std::string::npos);
     auto bad = staff.get("/?level=worst");
     EXPECT_EQ(bad.status, 400);
     EXPECT_NE(bad.body.find("Not searched: level is one of fail, warn, ok."), std::string::npos);
+}
+
+// A row of the list is one line: the worst verdict's level as a word in a
+// badge, and the title of that verdict's rule; of two failures, the one the
+// report page lists first.  The API gives the same level and title.  A
+// report judged before levels were kept shows its summary until retriage
+// judges it again.
+TEST_P(Search, EachRowOfTheListShowsItsWorstVerdictsLevelAndRuleTitle) {
+    // erin: UDP blocked and a TCP probe unanswered, two failures.
+    auto erin = reportgen::healthyRun();
+    erin.username = "erin";
+    erin.udp.assign(5, reportgen::udpTimeout());
+    erin.tcp[3] = reportgen::tcpTimeout();
+    kobtest::writeFile(clockFile, std::to_string(kLateDay1 + 13 * 3600) + "\n");
+    std::string erinRef =
+        reportd::reference(reportd::upload(server->port(), reportgen::report(erin)));
+    ASSERT_FALSE(erinRef.empty());
+    auto row = [](const std::string &ref, const std::string &time, const std::string &user,
+                  const std::string &level, const std::string &title) {
+        return "<tr class=\"report\" data-reference=\"" + ref + "\"><td class=\"time\">" + time +
+               "</td><td class=\"user\">" + user + "</td><td class=\"ref\"><a href=\"/reports/" +
+               ref + "\">" + ref + "</a></td><td class=\"level\">" + level +
+               "</td><td class=\"title\">" + title + "</td></tr>\n";
+    };
+    const std::string fail = "<span class=\"badge fail\">FAIL</span>",
+                      warn = "<span class=\"badge warn\">WARN</span>",
+                      ok = "<span class=\"badge ok\">OK</span>";
+    const std::string head = "<table id=\"reports\" class=\"reports\"><thead><tr><th>Received</th>"
+                             "<th>User</th><th>Reference</th><th>Level</th><th>Worst verdict</th>"
+                             "</tr></thead><tbody>\n";
+    const std::string carol = row(refs[Carol], "2026-11-21 10:00:00 UTC",
+                                  "\xe2\x80\xa6@example.com", fail, "TCP probe unanswered");
+    const std::string dave =
+        row(refs[Dave], "2026-11-21 12:00:00 UTC", "dave", warn, "Intranet partly reachable");
+    const std::string alice =
+        row(refs[Alice], "2026-11-20 23:59:30 UTC", "alice", ok, "no problem found");
+    reportd::Browser staff = server->signedIn("viewer");
+    auto page = staff.get("/");
+    EXPECT_NE(page.body.find(head +
+                             row(erinRef, "2026-11-21 12:59:30 UTC", "erin", fail, "UDP blocked") +
+                             dave + carol +
+                             row(refs[Bob], "2026-11-21 00:00:30 UTC", "bob", fail, "UDP blocked") +
+                             alice + "</tbody></table>\n"),
+              std::string::npos)
+        << page.body;
+
+    auto j = nlohmann::json::parse(server->api("/api/reports").body, nullptr, false);
+    std::vector<std::string> shown;
+    for (const auto &item : j["reports"])
+        shown.push_back(item["level"].get<std::string>() + " " + item["title"].get<std::string>());
+    EXPECT_EQ(shown, (std::vector<std::string>{"fail UDP blocked", "warn Intranet partly reachable",
+                                               "fail TCP probe unanswered", "fail UDP blocked",
+                                               "ok no problem found"}));
+
+    // As a report stored before levels and verdicts were kept.
+    std::string bob = "reference = '" + refs[Bob] + "'";
+    value("UPDATE reports SET level = '', rules = 0 WHERE " + bob);
+    value("DELETE FROM report_verdicts WHERE report_id = (SELECT id FROM reports WHERE " + bob +
+          ")");
+    const std::string bobBefore = row(refs[Bob], "2026-11-21 00:00:30 UTC", "bob", "",
+                                      "UDP pass-through blocked (5/5 timeouts)");
+    page = staff.get("/?from=2026-11-20&to=2026-11-21T11:00");
+    EXPECT_NE(page.body.find(head + carol + bobBefore + alice + "</tbody>"), std::string::npos)
+        << page.body;
+    server->stop();
+    auto run = reportd::command(KOBREPORTD_BIN, {"retriage", "--db", db});
+    ASSERT_EQ(run.status, 0) << run.err;
+    server = std::make_unique<reportd::Server>(
+        KOBREPORTD_BIN, db, std::vector<std::string>{}, true,
+        std::vector<std::string>{"KOBREPORTD_TEST_CLOCK=" + clockFile});
+    page = server->signedIn("viewer").get("/?q=bob");
+    EXPECT_NE(page.body.find(head +
+                             row(refs[Bob], "2026-11-21 00:00:30 UTC", "bob", fail, "UDP blocked") +
+                             "</tbody>"),
+              std::string::npos)
+        << page.body;
 }
 
 TEST_P(Search, ExportsAreTheFilteredListMaskedForAViewerAndAudited) {

@@ -639,7 +639,8 @@ TEST_P(Staff, EachPersonReadsTimesInTheirOwnZone) {
     std::string viewer;
     auto b = s.signedIn("viewer", &viewer);
     auto admin = s.signedIn("admin");
-    EXPECT_NE(b.get("/").body.find("<td>2027-01-15 08:00:00 UTC</td>"), std::string::npos);
+    EXPECT_NE(b.get("/").body.find("<td class=\"time\">2027-01-15 08:00:00 UTC</td>"),
+              std::string::npos);
     b.get("/settings");
     auto bad = b.post("/settings/zone", {{"zone", "Mars/Olympus"}});
     EXPECT_EQ(bad.status, 400);
@@ -658,7 +659,8 @@ TEST_P(Staff, EachPersonReadsTimesInTheirOwnZone) {
                              "03:00:00 EST."),
               std::string::npos)
         << good.body;
-    EXPECT_NE(b.get("/").body.find("<td>2027-01-15 03:00:00 EST</td>"), std::string::npos);
+    EXPECT_NE(b.get("/").body.find("<td class=\"time\">2027-01-15 03:00:00 EST</td>"),
+              std::string::npos);
     auto page = b.get("/reports/" + ref);
     EXPECT_NE(page.body.find("<dt>Received</dt><dd>2027-01-15 03:00:00 EST</dd>"),
               std::string::npos)

@@ -275,6 +275,10 @@ TEST(Rules, IdsAreStableAndTheSetVersionIsTheHighestRuleVersion) {
         EXPECT_FALSE(rule.advice.empty());
         EXPECT_EQ(rule.advice.back(), '.') << rule.id;
         EXPECT_LE(rule.advice.size(), 200u) << rule.id;
+        // The list's one line: a few words, not a sentence.
+        EXPECT_FALSE(rule.title.empty()) << rule.id;
+        EXPECT_LE(rule.title.size(), 32u) << rule.id;
+        EXPECT_NE(rule.title.back(), '.') << rule.id;
     }
     EXPECT_EQ(kobtriage::rulesVersion(), highest);
     EXPECT_EQ(kobtriage::rulesVersion(), 1);

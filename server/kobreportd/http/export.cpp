@@ -57,7 +57,7 @@ nlohmann::ordered_json Staff::itemJson(const ListItem &it) {
                 {"username", shownUser(it)},     {"form_username", orNull(it.form_username)},
                 {"summary", it.summary},         {"size", it.size},
                 {"raw_expired", it.raw_expired}, {"level", it.level},
-                {"version", orNull(it.version)}};
+                {"title", worstTitle(it)},       {"version", orNull(it.version)}};
 }
 
 bool Staff::exportList(const Request &req, Response &res, const Principal &who,

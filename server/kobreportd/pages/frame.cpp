@@ -71,6 +71,30 @@ a.skip { position: absolute; left: 8px; top: -40px; background: #fff; color: #1d
          padding: 6px 10px; border-radius: 4px; z-index: 1; }
 a.skip:focus { top: 8px; }
 td, dd { overflow-wrap: anywhere; }
+/* The list of reports: its filters, saved views and count in a line each,
+   then one line a report, cut short rather than wrapped, the worst
+   verdict's title taking what the other columns leave. */
+form.filters, section#views, div.listhead { display: flex; flex-wrap: wrap; align-items: center;
+  gap: 4px 12px; margin: 0 0 6px; }
+form.filters label { white-space: nowrap; }
+form.filters input { width: 7em; padding: 2px 4px; }
+form.filters input[name=q] { width: 14em; }
+section#views h2 { font-size: 15px; margin: 0; }
+section#views p, section#views ul, div.listhead p { margin: 0; }
+section#views ul { display: flex; flex-wrap: wrap; gap: 4px 12px; padding: 0; list-style: none; }
+table.reports { table-layout: fixed; font-size: 14px; }
+table.reports th, table.reports td { padding: 3px 8px; line-height: 20px; white-space: nowrap;
+  overflow: hidden; text-overflow: ellipsis; vertical-align: middle; }
+table.reports th:nth-child(1) { width: 15em; }
+table.reports th:nth-child(2) { width: 20%; }
+table.reports th:nth-child(3) { width: 15em; }
+table.reports th:nth-child(4) { width: 4.5em; }
+.badge { display: inline-block; min-width: 3.2em; padding: 0 4px; border-radius: 3px;
+         font-size: 11px; font-weight: 700; line-height: 16px; letter-spacing: .04em;
+         text-align: center; vertical-align: middle; }
+.badge.fail { color: #fff; background: #b3261e; }
+.badge.warn { color: #3d2a00; background: #f5b301; }
+.badge.ok { color: #fff; background: #1a7f37; }
 /* A phone: the header stacks, and each table row becomes a block of its
    cells, so no page is wider than the screen. */
 @media (max-width: 640px) {
@@ -85,6 +109,17 @@ td, dd { overflow-wrap: anywhere; }
   td, th { border-bottom: 0; padding: 2px 10px; }
   dl.facts { grid-template-columns: 1fr; gap: 0 16px; }
   dl.facts dd { margin-bottom: 6px; }
+  /* Two lines a report: its level and verdict, then its reference and
+     whose; the time is on its page. */
+  table.reports tr { display: grid; grid-template-columns: auto auto minmax(0, 1fr);
+                     grid-template-areas: "level title title" "ref ref user"; gap: 0 8px;
+                     padding: 4px 10px; }
+  table.reports td { padding: 0; }
+  table.reports td.time { display: none; }
+  table.reports td.level { grid-area: level; }
+  table.reports td.title { grid-area: title; font-weight: 600; }
+  table.reports td.ref { grid-area: ref; }
+  table.reports td.user { grid-area: user; }
 }
 )css";
 

@@ -117,6 +117,7 @@ Html list(const ListPage &list, const Filters &filters, int64_t pg, int64_t page
     Html b;
     std::string query = filterQuery(filters);
     b << filterForm(filters, links) << savedViews(views, query, v);
+    b << "<div class=\"listhead\">";
     if (list.total == 0) {
         b << "<p class=\"count\" id=\"empty\">";
         if (filters.empty())
@@ -134,25 +135,43 @@ Html list(const ListPage &list, const Filters &filters, int64_t pg, int64_t page
     std::string sep = query.empty() ? "?" : "?" + query + "&";
     b << "<p class=\"export\">Download this list: <a id=\"export-csv\" href=\"" << links.href("/")
       << text(sep) << "format=csv\">CSV</a> <a id=\"export-jsonl\" href=\"" << links.href("/")
-      << text(sep) << "format=jsonl\">JSON lines</a></p>\n";
+      << text(sep) << "format=jsonl\">JSON lines</a></p></div>\n";
     if (list.total == 0)
         return b;
     b << reportsTable(list, links) << pager(links.path("/"), query, pg, pageSize, list.total);
     return b;
 }
 
+namespace {
+
+// The worst verdict's level as a word, so that it does not rest on colour
+// alone; nothing for a report judged before levels were kept.
+Html levelBadge(const std::string &level) {
+    struct Shown {
+        const char *level, *word;
+    };
+    Html b;
+    for (const Shown &s : {Shown{"fail", "FAIL"}, Shown{"warn", "WARN"}, Shown{"ok", "OK"}})
+        if (level == s.level)
+            b << "<span class=\"badge " << text(s.level) << "\">" << text(s.word) << "</span>";
+    return b;
+}
+
+} // namespace
+
+// One line a report, its worst verdict by the title of its rule: a page
+// of them reads at a glance, and the report's own page has the rest.
 Html reportsTable(const ListPage &list, const Links &links) {
     Html b;
-    b << "<table id=\"reports\"><thead><tr><th>Received</th><th>User</th>"
-         "<th>Reference</th><th>Verdicts</th></tr></thead><tbody>\n";
+    b << "<table id=\"reports\" class=\"reports\"><thead><tr><th>Received</th><th>User</th>"
+         "<th>Reference</th><th>Level</th><th>Worst verdict</th></tr></thead><tbody>\n";
     for (const auto &it : list.items) {
-        bool good = it.summary == "no problem found";
-        b << "<tr class=\"report\" data-reference=\"" << text(it.reference) << "\"><td>"
-          << text(shownTime(it.received_at)) << "</td><td>"
-          << text(displayUser(it.form_username, it.report_username)) << "</td><td><a href=\""
-          << links.href("/reports/") << uri(it.reference) << "\">" << text(it.reference)
-          << "</a></td><td class=\"" << text(good ? "ok" : "fail") << "\">" << text(it.summary)
-          << "</td></tr>\n";
+        b << "<tr class=\"report\" data-reference=\"" << text(it.reference)
+          << "\"><td class=\"time\">" << text(shownTime(it.received_at))
+          << "</td><td class=\"user\">" << text(displayUser(it.form_username, it.report_username))
+          << "</td><td class=\"ref\"><a href=\"" << links.href("/reports/") << uri(it.reference)
+          << "\">" << text(it.reference) << "</a></td><td class=\"level\">" << levelBadge(it.level)
+          << "</td><td class=\"title\">" << text(worstTitle(it)) << "</td></tr>\n";
     }
     b << "</tbody></table>\n";
     return b;

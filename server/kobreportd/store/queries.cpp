@@ -4,7 +4,9 @@
 #include "store.h"
 
 #include <algorithm>
+#include <set>
 
+#include "kobrules.h"
 #include "migrations.h"
 #include "outcomes.h"
 #include "pack.h"
@@ -32,6 +34,42 @@ ListItem listItem(const sql::Rows &r, size_t i) {
     it.raw_expired = r.integer(i, "raw_expired") != 0;
     it.level = r.str(i, "level");
     it.version = r.opt(i, "version");
+    return it;
+}
+
+// A list's rows with, beside each, the rules of its worst failing or
+// warning verdicts: looked up for the rows of the page alone, through the
+// verdicts' index by report, however far into the list the page is.
+std::string withWorstRules(sql::Dialect d, const std::string &rows) {
+    const char *rules =
+        d == sql::Dialect::Postgres ? "string_agg(v.rule, ' ')" : "group_concat(v.rule, ' ')";
+    return std::string("SELECT p.*, (SELECT ") + rules +
+           " FROM report_verdicts v WHERE v.report_id = p.id AND v.problem = 1 AND"
+           " v.level = p.level) AS worst_rules FROM (" +
+           rows + ") p ORDER BY p.id DESC";
+}
+
+// The verdicts' table keeps no order of its own: the rule table's order
+// picks the one the report page lists first.
+std::string firstInRuleOrder(const std::optional<std::string> &rules) {
+    if (!rules || rules->empty())
+        return "";
+    std::set<std::string, std::less<>> named;
+    for (size_t at = 0; at < rules->size();) {
+        size_t end = std::min(rules->find(' ', at), rules->size());
+        named.insert(rules->substr(at, end - at));
+        at = end + 1;
+    }
+    for (const auto &rule : kobtriage::rules())
+        if (named.count(rule.id))
+            return std::string(rule.id);
+    // A rule this version no longer has, until retriage judges it again.
+    return *named.begin();
+}
+
+ListItem listed(const sql::Rows &r, size_t i) {
+    ListItem it = listItem(r, i);
+    it.worst_rule = firstInRuleOrder(r.opt(i, "worst_rules"));
     return it;
 }
 
@@ -108,11 +146,13 @@ ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) 
     page.total = db_.read(w.countSql(where), params).integer(0, "n");
     params.push_back(sql::integer(limit));
     params.push_back(sql::integer(offset));
-    auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + where +
-                             " ORDER BY id DESC LIMIT " + w.next(1) + " OFFSET " + w.next(2),
+    auto rows = db_.read(withWorstRules(db_.dialect(), std::string("SELECT ") + kListColumns +
+                                                           " FROM reports" + where +
+                                                           " ORDER BY id DESC LIMIT " + w.next(1) +
+                                                           " OFFSET " + w.next(2)),
                          params);
     for (size_t i = 0; i < rows.size(); i++)
-        page.items.push_back(listItem(rows, i));
+        page.items.push_back(listed(rows, i));
     return page;
 }
 
@@ -121,12 +161,14 @@ std::vector<ListItem> Store::listBefore(const ReportFilter &filter, int64_t befo
     auto params = w.params();
     params.push_back(sql::integer(before));
     params.push_back(sql::integer(limit));
-    auto rows = db_.read(std::string("SELECT ") + kListColumns + " FROM reports" + listWhere(w) +
-                             " AND id < " + w.next(1) + " ORDER BY id DESC LIMIT " + w.next(2),
+    auto rows = db_.read(withWorstRules(db_.dialect(), std::string("SELECT ") + kListColumns +
+                                                           " FROM reports" + listWhere(w) +
+                                                           " AND id < " + w.next(1) +
+                                                           " ORDER BY id DESC LIMIT " + w.next(2)),
                          params);
     std::vector<ListItem> out;
     for (size_t i = 0; i < rows.size(); i++)
-        out.push_back(listItem(rows, i));
+        out.push_back(listed(rows, i));
     return out;
 }
 
@@ -179,6 +221,15 @@ std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t li
         out.push_back(std::move(u));
     }
     return out;
+}
+
+std::string worstTitle(const ListItem &it) {
+    if (it.level == "ok")
+        return "no problem found";
+    if (it.worst_rule.empty())
+        return it.summary;
+    const kobtriage::Rule *rule = kobtriage::findRule(it.worst_rule);
+    return rule ? std::string(rule->title) : it.worst_rule;
 }
 
 bool Store::remove(const std::string &reference) {

@@ -71,7 +71,16 @@ struct ListItem {
     bool raw_expired = false;
     std::string level; // "" for a report judged before levels were kept
     std::optional<std::string> version;
+    // The rule of its worst failing or warning verdict (the first of that
+    // level in the rule table, as the report page lists them); "" for none.
+    // Read by list() and listBefore() alone.
+    std::string worst_rule;
 };
+
+// What a list shows of a report's worst verdict: its rule's title, "no
+// problem found" for a report with nothing failing or warning, and the
+// summary for one judged before levels were kept.
+std::string worstTitle(const ListItem &it);
 
 // A list's filters kept under a name (store/views.cpp).
 struct SavedView {
