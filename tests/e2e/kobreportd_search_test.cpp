@@ -207,6 +207,34 @@ TEST_P(Search, NamesAndCommentWordsTogetherCountEachReportOnceAndDeletedNamesGo)
     EXPECT_EQ(found("q=tunnel"), (std::vector<std::string>{eveRef, refs[Dave], refs[Alice]}));
 }
 
+// A name and comment search over more than a page: the pages together are
+// every match once, newest first, however the two kinds interleave.
+TEST_P(Search, PagesOfANameAndWordSearchTakeEveryMatchOnceNewestFirst) {
+    std::vector<std::string> expected;
+    auto run = reportgen::healthyRun();
+    for (int i = 0; i < 61; i++) {
+        kobtest::writeFile(clockFile, std::to_string(kLateDay1 + 86400 + i) + "\n");
+        // By name, by comment, or (each tenth) by both.
+        run.username = i % 2 ? "pager" : "someone";
+        const char *why = i % 2 == 0 || i % 10 == 1 ? "the pager rang" : nullptr;
+        expected.insert(expected.begin(),
+                        reportd::reference(
+                            reportd::upload(server->port(), reportgen::report(run), nullptr, why)));
+        ASSERT_FALSE(expected.front().empty());
+    }
+    std::vector<std::string> pages;
+    for (int pg : {1, 2}) {
+        auto r = server->api("/api/reports?q=pager&page=" + std::to_string(pg));
+        ASSERT_EQ(r.status, 200);
+        auto j = nlohmann::json::parse(r.body);
+        EXPECT_EQ(j["total"], 61);
+        EXPECT_EQ(j["reports"].size(), pg == 1 ? 50u : 11u);
+        for (const auto &item : j["reports"])
+            pages.push_back(item["reference"]);
+    }
+    EXPECT_EQ(pages, expected);
+}
+
 // A database as the layout before left it, its names only in the reports
 // and, on PostgreSQL, its comments' words in a column of the reports: both
 // are found as before once it is brought up to date.
@@ -446,13 +474,30 @@ TEST_P(Search, ExportsAreTheFilteredListMaskedForAViewerAndAudited) {
               std::string::npos)
         << quoted.body;
 
-    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'reports.exported'"), "4");
+    // A name that a spreadsheet would take for a formula stays text.
+    std::string formulaRef =
+        reportd::reference(reportd::upload(server->port(), reportgen::report(odd),
+                                           "=HYPERLINK(\"http://x.example/\",\"a\")", "formula"));
+    auto formula = server->api("/api/reports?q=formula&format=csv");
+    EXPECT_NE(formula.body.find(
+                  "\r\n" + formulaRef +
+                  ",2026-11-21T23:59:30Z,\"'=HYPERLINK(\"\"http://x.example/\"\",\"\"a\"\")\","
+                  "\"'=HYPERLINK(\"\"http://x.example/\"\",\"\"a\"\")\",alice,"),
+              std::string::npos)
+        << formula.body;
+    // JSON lines are data for programs, and keep the name as it came.
+    EXPECT_NE(
+        server->api("/api/reports?q=formula&format=jsonl")
+            .body.find("\"form_username\":\"=HYPERLINK(\\\"http://x.example/\\\",\\\"a\\\")\""),
+        std::string::npos);
+
+    EXPECT_EQ(value("SELECT count(*) FROM audit WHERE action = 'reports.exported'"), "6");
     EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'reports.exported' ORDER BY id"
                     " LIMIT 1"),
               "csv from=2026-11-21");
     EXPECT_EQ(value("SELECT detail FROM audit WHERE action = 'reports.exported' ORDER BY id DESC"
                     " LIMIT 1"),
-              "csv q=quoted");
+              "jsonl q=formula");
 }
 
 TEST_P(Search, TheAPIReadsABrowsersSessionAndRefusesItsChangesWithoutTheFormToken) {

@@ -3,6 +3,7 @@
 // never whole in memory.  Masked on its way out like every staff answer.
 
 #include <memory>
+#include <string_view>
 #include <nlohmann/json.hpp>
 
 #include "clock.h"
@@ -16,8 +17,14 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 // A field as RFC 4180 writes it: in quotes, with its quotes doubled, when
-// it holds a comma, a quote or a line break.
-std::string csvField(const std::string &s) {
+// it holds a comma, a quote or a line break.  A user's name or words that
+// begin like a formula ("=HYPERLINK(...)") get a leading apostrophe, so
+// that a spreadsheet opening the file shows them as text instead of
+// running them.
+std::string csvField(const std::string &field) {
+    std::string s = field;
+    if (!s.empty() && std::string_view("=+-@\t\r").find(s.front()) != std::string_view::npos)
+        s.insert(0, 1, '\'');
     if (s.find_first_of(",\"\r\n") == std::string::npos)
         return s;
     std::string out = "\"";

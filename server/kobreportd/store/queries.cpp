@@ -146,6 +146,10 @@ ListPage Store::list(const ReportFilter &filter, int64_t offset, int64_t limit) 
     page.total = db_.read(w.countSql(where), params).integer(0, "n");
     params.push_back(sql::integer(limit));
     params.push_back(sql::integer(offset));
+    if (std::string newest = w.newestWhere(w.next(3)); !newest.empty()) {
+        where = newest;
+        params.push_back(sql::integer(limit + offset));
+    }
     auto rows = db_.read(withWorstRules(db_.dialect(), std::string("SELECT ") + kListColumns +
                                                            " FROM reports" + where +
                                                            " ORDER BY id DESC LIMIT " + w.next(1) +

@@ -26,6 +26,15 @@ std::string Conditions::sql() const {
     return s;
 }
 
+std::string Conditions::newestWhere(const std::string &n) const {
+    if (conditions_.size() != 1 || newest_.empty())
+        return "";
+    std::string q = newest_;
+    for (size_t at = q.find("{N}"); at != std::string::npos; at = q.find("{N}", at))
+        q.replace(at, 3, n);
+    return " WHERE id IN (SELECT id FROM (" + q + ") AS newest)";
+}
+
 std::string Conditions::countSql(const std::string &where) const {
     if (conditions_.size() == 1 && !ids_.empty())
         return "SELECT count(*) AS n FROM (" + ids_ + ") AS ids";
@@ -135,15 +144,14 @@ std::optional<std::string> byQuery(const std::string &value, ReportFilter &f, co
         return std::nullopt;
     }
     // A comment's word may be found in a quarter of all reports: counted
-    // without sorting them together with the few of the names, and, on
-    // PostgreSQL, a page found by walking the newest reports against both
-    // sets rather than by first merging them.
-    std::string count = "SELECT id FROM (" + byName + ") AS n UNION ALL SELECT id FROM (" +
-                        byWords + ") AS w WHERE id NOT IN (" + byName + ")";
-    if (pg)
-        w.addIds("id IN (" + byName + ") OR id IN (" + byWords + ")", count);
-    else
-        w.addIds("id IN (" + byName + " UNION " + byWords + ")", count);
+    // without sorting them together with the few of the names, and a page
+    // taken from the newest of each set rather than from both merged whole.
+    w.addIds("id IN (" + byName + " UNION " + byWords + ")",
+             "SELECT id FROM (" + byName + ") AS n UNION ALL SELECT id FROM (" + byWords +
+                 ") AS w WHERE id NOT IN (" + byName + ")");
+    w.setNewest("SELECT id FROM (SELECT id FROM (" + byName +
+                ") AS n ORDER BY id DESC LIMIT {N}) AS n UNION SELECT id FROM (SELECT id FROM (" +
+                byWords + ") AS w ORDER BY id DESC LIMIT {N}) AS w");
     return std::nullopt;
 }
 

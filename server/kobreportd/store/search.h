@@ -42,6 +42,12 @@ class Conditions {
         add(std::move(condition));
         ids_ = conditions_.size() == 1 ? ids : "";
     }
+    // For the condition just added: a query of the ids of at least the
+    // newest {N} reports it takes, cheaper than all of them.
+    void setNewest(std::string ids) { newest_ = std::move(ids); }
+    // A WHERE clause for the newest n (a placeholder) reports the one
+    // condition takes, "" when there is no cheaper one than the condition.
+    std::string newestWhere(const std::string &n) const;
     // A statement counting the reports the conditions take: when the one
     // condition is a query of ids, that query's rows, without a look at
     // every report it names.
@@ -58,6 +64,7 @@ class Conditions {
     sql::Dialect dialect_;
     std::vector<std::string> conditions_;
     std::string ids_; // the query of ids of the first condition, when it is one
+    std::string newest_;
     struct Value {
         bool isInt = false;
         int64_t i = 0;
