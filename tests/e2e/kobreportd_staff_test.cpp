@@ -1257,6 +1257,15 @@ TEST_P(Staff, OneUsersReportsShowWhatChangedAndTwoCompareProbeByProbe) {
     EXPECT_NE(timeline.body.find("<span class=\"ok\">recovered: " + k443 + "</span>"),
               std::string::npos);
     EXPECT_EQ(timeline.body.find("someone-else"), std::string::npos);
+    // Each report reads as it does in the list: its level and worst verdict.
+    EXPECT_NE(timeline.body.find(refs[1] + "</a></td><td class=\"level\"><span class=\"badge "
+                                           "fail\">FAIL</span></td><td>TCP probe unanswered</td>"),
+              std::string::npos)
+        << timeline.body;
+    EXPECT_NE(timeline.body.find(refs[0] + "</a></td><td class=\"level\"><span class=\"badge "
+                                           "ok\">OK</span></td><td>no problem found</td>"),
+              std::string::npos)
+        << timeline.body;
 
     auto cmp = b.get("/compare?a=" + refs[0] + "&b=" + refs[1]);
     ASSERT_EQ(cmp.status, 200);

@@ -194,8 +194,8 @@ Html user(const std::vector<std::string> &names, const std::vector<Store::UserRe
     // two to begin with).
     b << "<form method=\"get\" action=\"" << links.href("/compare")
       << "\" id=\"pick\"><table id=\"timeline\"><thead><tr>"
-         "<th>A</th><th>B</th><th>Received</th><th>Reference</th><th>Verdicts</th>"
-         "<th>Since the one before</th></tr></thead><tbody>\n";
+         "<th>A</th><th>B</th><th>Received</th><th>Reference</th><th>Level</th>"
+         "<th>Worst verdict</th><th>Since the one before</th></tr></thead><tbody>\n";
     for (size_t i = 0; i < reports.size(); i++) {
         const auto &r = reports[i];
         const std::string &ref = r.item.reference;
@@ -203,9 +203,10 @@ Html user(const std::vector<std::string> &names, const std::vector<Store::UserRe
           << text(ref) << " as A\"" << text(i == 1 ? " checked" : "")
           << "></td><td><input type=\"radio\" name=\"b\" value=\"" << text(ref)
           << "\" aria-label=\"" << text(ref) << " as B\"" << text(i == 0 ? " checked" : "")
-          << "></td><td>" << text(shownTime(r.item.received_at)) << "</td><td><a href=\""
-          << links.href("/reports/") << uri(ref) << "\">" << text(ref) << "</a></td><td>"
-          << text(r.item.summary) << "</td><td>";
+          << "></td><td class=\"time\">" << text(shownTime(r.item.received_at))
+          << "</td><td class=\"ref\"><a href=\"" << links.href("/reports/") << uri(ref) << "\">"
+          << text(ref) << "</a></td><td class=\"level\">" << levelBadge(r.item.level) << "</td><td>"
+          << text(worstTitle(r.item)) << "</td><td>";
         if (i + 1 < reports.size()) {
             Changes c = changes(reports[i + 1].outcomes, r.outcomes);
             for (const auto &t : c.failing)

@@ -209,18 +209,18 @@ std::vector<Store::UserReport> Store::byUser(const std::string &name, int64_t li
     auto n = sameUser(name);
     static_assert(kSameUserNames == 8);
     n.resize(kSameUserNames, n[0]);
-    auto rows = db_.read(std::string("SELECT ") + kListColumns +
-                             " FROM reports WHERE reference IS NOT NULL AND"
-                             " (form_username IN ($1, $2, $3, $4, $5, $6, $7, $8) OR"
-                             " report_username IN ($1, $2, $3, $4, $5, $6, $7, $8))"
-                             " ORDER BY id DESC LIMIT $9",
-                         {sql::text(n[0]), sql::text(n[1]), sql::text(n[2]), sql::text(n[3]),
-                          sql::text(n[4]), sql::text(n[5]), sql::text(n[6]), sql::text(n[7]),
-                          sql::integer(limit)});
+    auto rows = db_.read(
+        withWorstRules(db_.dialect(), std::string("SELECT ") + kListColumns +
+                                          " FROM reports WHERE reference IS NOT NULL AND"
+                                          " (form_username IN ($1, $2, $3, $4, $5, $6, $7, $8) OR"
+                                          " report_username IN ($1, $2, $3, $4, $5, $6, $7, $8))"
+                                          " ORDER BY id DESC LIMIT $9"),
+        {sql::text(n[0]), sql::text(n[1]), sql::text(n[2]), sql::text(n[3]), sql::text(n[4]),
+         sql::text(n[5]), sql::text(n[6]), sql::text(n[7]), sql::integer(limit)});
     std::vector<UserReport> out;
     for (size_t i = 0; i < rows.size(); i++) {
         UserReport u;
-        u.item = listItem(rows, i);
+        u.item = listed(rows, i);
         u.outcomes = outcomes(rows.integer(i, "id"));
         out.push_back(std::move(u));
     }
