@@ -53,6 +53,10 @@ verdicts="INSERT INTO report_verdicts (report_id, rule, area, level, problem)
     CASE WHEN level = 'warn' THEN 1 ELSE 0 END FROM reports
   UNION ALL SELECT id, 'logs.missing', 'logs', 'info', 0 FROM reports"
 
+# The failing reports belong to seven issues; a tenth of the reports are
+# open and a fiftieth owned by ann.
+workflow="CASE WHEN i % 10 = 7 THEN 'open' ELSE 'new' END, CASE WHEN i % 50 = 0 THEN 'ann' END,
+  CASE WHEN lv = 'fail' THEN 1 + i % 7 END"
 names="INSERT INTO user_names (name) SELECT form_username FROM reports
   WHERE form_username IS NOT NULL UNION SELECT report_username FROM reports"
 
@@ -64,11 +68,12 @@ PRAGMA synchronous=OFF;
 BEGIN;
 WITH RECURSIVE k(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM k WHERE i < $n)
 INSERT INTO reports (id, reference, received_at, form_username, report_username, summary, peer,
-  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings)
+  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings,
+  status, owner, issue_id)
 SELECT i, 'KOB-' || strftime('%Y%m%d', t, 'unixepoch') || '-' || printf('%09d', i), t,
   CASE WHEN i % 3 = 0 THEN 'form' || (i % 5000) END, 'user' || (i % 7000), $summary,
   '192.0.2.1', 3000, randomblob(600), $why, 1, 1, '192.0.2.0/24', lv,
-  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, ''
+  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, '', $workflow
 FROM (SELECT i, 1790000000 + i * 2 AS t, $levels AS lv FROM k);
 $verdicts;
 INSERT INTO report_words (rowid, comment) SELECT id, why FROM reports WHERE why IS NOT NULL;
@@ -85,12 +90,13 @@ generate_postgres() {
 SET synchronous_commit TO OFF;
 BEGIN;
 INSERT INTO reports (id, reference, received_at, form_username, report_username, summary, peer,
-  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings)
+  size, "desc", why, rules, desc_zstd, sender_net, level, version, raw_expired, findings,
+  status, owner, issue_id)
 SELECT i, 'KOB-' || to_char(to_timestamp(t) AT TIME ZONE 'UTC', 'YYYYMMDD') || '-' ||
   lpad(i::text, 9, '0'), t, CASE WHEN i % 3 = 0 THEN 'form' || (i % 5000) END,
   'user' || (i % 7000), $summary, '192.0.2.1', 3000, decode(repeat(md5(i::text), 38), 'hex'),
   convert_to(w, 'UTF8'), 1, 1, '192.0.2.0/24', lv,
-  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, ''
+  CASE WHEN i % 10 = 5 THEN '4.3.0' ELSE '4.4.1' END, 0, '', $workflow
 FROM (SELECT i, 1790000000 + i * 2 AS t, $levels AS lv, $why AS w
       FROM generate_series(1, $n) AS i) AS g;
 $verdicts;
@@ -147,7 +153,8 @@ run_queries() {
   ref="KOB-$(date -u -d "@$((1790000000 + mid * 2))" +%Y%m%d)-$(printf '%09d' "$mid")"
   for q in "" "q=$ref" "q=${ref:4:8}${ref:13}" "q=${ref: -6}" "q=KOB-${day_last//-/}" \
     "q=user1234" "q=tunnel" "q=every+evening" "rule=udp.blocked" "level=fail" "level=warn" \
-    "area=intranet" "from=$day_last" "to=$day_first" "version=4.3.0"; do
+    "area=intranet" "from=$day_last" "to=$day_first" "version=4.3.0" "status=open" \
+    "owner=ann" "issue=3"; do
     time_query "$q"
   done
 }
