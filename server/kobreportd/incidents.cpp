@@ -221,8 +221,8 @@ void Incidents::fill(Incident &i, std::time_t now) {
         }
 }
 
-std::vector<Incident> Incidents::read(const std::string &where, std::vector<sql::Param> params,
-                                      std::time_t now) {
+std::vector<Incident> Incidents::read(const std::string &where,
+                                      const std::vector<sql::Param> &params, std::time_t now) {
     auto rows = db_.read("SELECT id, started_at, status, acknowledged_by, acknowledged_at,"
                          " resolved_at, reopened FROM incidents" +
                              where,

@@ -67,7 +67,7 @@ class Incidents {
     bool acknowledge(int64_t id, const std::string &account, std::time_t now);
 
   private:
-    std::vector<Incident> read(const std::string &where, std::vector<sql::Param> params,
+    std::vector<Incident> read(const std::string &where, const std::vector<sql::Param> &params,
                                std::time_t now);
     void fill(Incident &i, std::time_t now);
     sql::Db &db_;
