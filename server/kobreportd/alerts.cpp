@@ -1,7 +1,6 @@
 #include "alerts.h"
 
 #include <chrono>
-#include <cstdio>
 #include <curl/curl.h>
 
 #include "clock.h"
@@ -11,22 +10,15 @@
 
 #include "kobtriage.h"
 #include "log.h"
-#include "html.h"
 
 namespace kobreportd {
 
 namespace {
 
-// The one line a chat tool shows: what became of which incident, its
-// numbers so far, and where to look.
-std::string chatLine(const IncidentChange &c, const Incident &i, const WebhookOptions &hook) {
-    return "Incident " + std::to_string(i.id) + " " + c.event + ": " + i.summary() + "; " +
-           webhookLink(hook, "/incidents#incident-" + std::to_string(i.id));
-}
-
 nlohmann::ordered_json payload(const IncidentChange &c, const Incident &i,
                                const std::vector<std::string> &samples, std::time_t t,
                                const WebhookOptions &hook) {
+    std::string link = webhookLink(hook, "/incidents#incident-" + std::to_string(i.id));
     auto targets = nlohmann::ordered_json::array();
     for (const auto &[area, target] : i.targets)
         targets.push_back({{"area", area}, {"target", target}});
@@ -36,7 +28,10 @@ nlohmann::ordered_json payload(const IncidentChange &c, const Incident &i,
             {{"asn", *n.asn}, {"name", n.name}, {"reports", n.reports}, {"failing", n.failing}});
     return {{"event", c.event},
             {"at", isoTime(t)},
-            {"text", chatLine(c, i, hook)},
+            // The one line a chat tool shows: what became of which
+            // incident, its numbers so far, and where to look.
+            {"text",
+             "Incident " + std::to_string(i.id) + " " + c.event + ": " + i.summary() + "; " + link},
             {"incident", i.id},
             {"status", i.status},
             {"started_at", isoTime(i.started_at)},
@@ -46,7 +41,7 @@ nlohmann::ordered_json payload(const IncidentChange &c, const Incident &i,
             {"users", i.users},
             {"networks", networks},
             {"samples", samples},
-            {"link", webhookLink(hook, "/incidents#incident-" + std::to_string(i.id))}};
+            {"link", link}};
 }
 
 } // namespace
