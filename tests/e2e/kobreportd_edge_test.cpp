@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -201,6 +202,53 @@ TEST_F(Edge, AnUploadIsCountedAsReceivedNotAsClaimed) {
     EXPECT_NE(m.body.find("\nkobreportd_upload_received_bytes_total 1000\n"), std::string::npos)
         << m.body;
     EXPECT_NE(m.body.find("\nkobreportd_uploads_total{code=\"400\"} 1\n"), std::string::npos);
+}
+
+// An upload's room is reserved for the length it claims, but memory is
+// taken only as the body comes: eight uploads that claim 60 MiB each and
+// send 300 KiB raise the server's resident memory by a few MiB, not by
+// the 480 MiB they claim.
+TEST_F(Edge, AnUploadThatClaimsMuchAndSendsLittleHoldsLittleMemory) {
+    reportd::Server s(KOBREPORTD_BIN, db);
+    auto resident = [&s] {
+        std::string status = kobtest::readFile("/proc/" + std::to_string(s.pid()) + "/status");
+        auto at = status.find("VmRSS:");
+        return at == std::string::npos ? 0 : std::stoull(status.substr(at + 6)) * 1024;
+    };
+    std::string body = reportgen::body(reportgen::reportOfSize(1u << 20, 3), "joan", std::nullopt);
+    std::string start = reportgen::head("h", 60u << 20) + body.substr(0, 300u << 10);
+    uint64_t before = resident();
+    std::vector<int> held;
+    for (int i = 0; i < 8; i++) {
+        held.push_back(reportd::connectFrom("127.0.0.6", s.port()));
+        ASSERT_GE(held.back(), 0);
+        ASSERT_TRUE(sendAll(held.back(), start));
+    }
+    // The server has read all that was sent once its sockets hold none of
+    // it (/proc/net/tcp: the local end's port, and tx_queue:rx_queue).
+    char local[16];
+    std::snprintf(local, sizeof local, "0100007F:%04X", s.port());
+    auto unread = [&local] {
+        std::istringstream lines(kobtest::readFile("/proc/net/tcp"));
+        std::string line, slot, here, there, state, queues;
+        long sockets = 0, bytes = 0;
+        while (std::getline(lines, line)) {
+            std::istringstream fields(line);
+            if (fields >> slot >> here >> there >> state >> queues && here == local &&
+                there.compare(0, 9, "0600007F:") == 0) {
+                sockets++;
+                bytes += std::stol(queues.substr(queues.find(':') + 1), nullptr, 16);
+            }
+        }
+        return sockets == 8 ? bytes : -1;
+    };
+    for (int i = 0; i < 500 && unread() != 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(unread(), 0);
+    uint64_t after = resident();
+    EXPECT_LT(after, before + (32u << 20)) << before << " -> " << after;
+    for (int fd : held)
+        close(fd);
 }
 
 TEST_F(Edge, ConnectionsBeyondTheAddressCapGet503AtOnceAndOthersAreServed) {

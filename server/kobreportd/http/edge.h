@@ -100,7 +100,9 @@ struct Exchange {
     bool hasBody = false;
     size_t contentLength = 0;
     MHD_PostProcessor *pp = nullptr;
-    std::string *field = nullptr; // the upload field being received
+    std::string *field = nullptr;     // the upload field being received
+    const char *mappedRoom = nullptr; // its room when `mapped` was counted
+    size_t mapped = 0;                // how much of that room is mapped
     std::string currentName;
     bool fieldOpen = false;
     std::string problem;

@@ -2,6 +2,7 @@
 // request from head to answer.  The library parses; what is checked here
 // is policy on what it parsed.
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <microhttpd.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "edge.h"
@@ -244,6 +246,31 @@ int headPolicy(const Impl &s, Exchange &ex, size_t headBytes, std::string &text)
     return 0;
 }
 
+// A large field's reserved room is fresh memory, each page of it a fault
+// when first written.  Mapping it a stretch at a time as the body comes in
+// costs a fraction of that, and maps no more than has nearly arrived: a
+// client that claims a large body and sends nothing holds no memory.
+void mapAhead(Exchange &ex, size_t coming) {
+    constexpr size_t kPage = 4096, kStretch = size_t{256} * 1024;
+    std::string &f = *ex.field;
+    if (ex.mappedRoom != f.data()) {
+        // Moved as it grew: what it holds was copied, so is mapped.
+        ex.mappedRoom = f.data();
+        ex.mapped = f.size();
+    }
+    size_t need = f.size() + coming;
+    if (f.capacity() < kStretch || need <= ex.mapped)
+        return;
+    auto base = reinterpret_cast<uintptr_t>(f.data());
+    size_t upto = std::min(f.capacity(), need + kStretch);
+    uintptr_t from = (base + ex.mapped + kPage - 1) & ~uintptr_t{kPage - 1};
+    uintptr_t to = (base + upto) & ~uintptr_t{kPage - 1};
+    // Only a hint: where it fails, the pages fault in one by one as before.
+    if (to > from)
+        madvise(reinterpret_cast<void *>(from), to - from, MADV_POPULATE_WRITE);
+    ex.mapped = upto;
+}
+
 // kobdiag's form, field by field, from the library's multipart parser.  A
 // field begins at offset 0; an empty one is announced once with no data.
 MHD_Result uploadField(void *cls, enum MHD_ValueKind, const char *key, const char *, const char *,
@@ -259,7 +286,9 @@ MHD_Result uploadField(void *cls, enum MHD_ValueKind, const char *key, const cha
         ex->field = &ex->req.form[key];
         if (reserve)
             ex->field->reserve(reserve);
+        ex->mappedRoom = nullptr;
     }
+    mapAhead(*ex, size);
     ex->field->append(data, size);
     return MHD_YES;
 }
