@@ -563,19 +563,6 @@ TEST_P(Accounts, AnOperatorsListOfCommonPasswordsReplacesTheShippedOne) {
 
 namespace {
 
-// A server built with a sanitizer, as this test is.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
 // The server's peak resident memory in bytes, from /proc.
 uint64_t peakMemory(pid_t pid) {
     std::string status = kobtest::readFile("/proc/" + std::to_string(pid) + "/status");
@@ -625,7 +612,7 @@ TEST(AccountsMemory, ThirtyTwoWrongSignInsAtOnceStayUnder300MiB) {
     uint64_t peak = peakMemory(s.pid());
     std::printf("%d wrong, %d told to come back; peak %.1f MiB\n", wrong, busy,
                 static_cast<double>(peak) / (1 << 20));
-    if (kSanitized)
+    if (kobtest::kSanitized)
         GTEST_SKIP() << "under a sanitizer the server's memory is mostly the sanitizer's (shadow "
                         "and quarantine), not the hashes'";
     EXPECT_GT(peak, 0u);

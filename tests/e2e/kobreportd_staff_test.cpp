@@ -1437,7 +1437,9 @@ TEST_P(Staff, FailuresFromOneNetworkAreNeverBrokenNow) {
 TEST_P(Staff, OnlyTheProbedTargetsBecomeFleetRows) {
     std::string desc = port443Down();
     std::string invented;
-    for (int i = 0; i < 3000; i++)
+    // Under a sanitizer a tenth as many: the same paths, in a tenth of the time.
+    const int targets = kobtest::kSanitized ? 300 : 3000;
+    for (int i = 0; i < targets; i++)
         invented += "==> Testing TCP pass-through to port " + std::to_string(20000 + i) + "\n" +
                     reportgen::tcpTimeout() + "==> Testing to the intranet 10.9." +
                     std::to_string(i / 250) + "." + std::to_string(i % 250) + ":8081\n" +
@@ -1450,7 +1452,8 @@ TEST_P(Staff, OnlyTheProbedTargetsBecomeFleetRows) {
         auto r = reportd::upload(s.port(), desc);
         ASSERT_EQ(r.status, 200) << r.raw;
         auto stored = s.api("/api/reports/" + reportd::reference(r) + "/raw");
-        EXPECT_NE(stored.body.find("==> Testing TCP pass-through to port 22999\n"),
+        EXPECT_NE(stored.body.find("==> Testing TCP pass-through to port " +
+                                   std::to_string(20000 + targets - 1) + "\n"),
                   std::string::npos);
         auto j = s.api("/api/fleet?window=6h");
         // Seven TCP probes, the pass-through, four gateways and the traceroute.

@@ -12,6 +12,21 @@
 
 namespace kobtest {
 
+// Whether this program was built with a sanitizer, and so the tree it came
+// from: such a tree's programs run several times slower, and most of their
+// memory is the sanitizer's own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
 struct ChildResult {
     int status = 0;  // as from waitpid
     std::string out; // everything the child wrote to standard output
