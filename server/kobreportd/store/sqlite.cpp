@@ -23,6 +23,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 #include <unistd.h>
 
@@ -50,7 +51,10 @@ class Handle {
         // Deleted reports are overwritten in the file, not only unlinked.
         exec("PRAGMA secure_delete=ON");
     }
-    ~Handle() { sqlite3_close(db_); }
+    ~Handle() {
+        forget();
+        sqlite3_close(db_);
+    }
     sqlite3 *raw() { return db_; }
     // A file stays usable: nothing to open again.
     bool ok() const { return true; }
@@ -67,16 +71,16 @@ class Handle {
     }
 
     Rows query(std::string_view text, const Param *params, size_t count) {
-        // $n becomes ?n, SQLite's numbered parameter.
-        std::string q(text);
-        for (size_t i = 0; i + 1 < q.size(); i++)
-            if (q[i] == '$' && std::isdigit(static_cast<unsigned char>(q[i + 1])))
-                q[i] = '?';
-        sqlite3_stmt *st = nullptr;
-        if (sqlite3_prepare_v2(db_, q.c_str(), static_cast<int>(q.size()), &st, nullptr) !=
-            SQLITE_OK)
-            throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db_));
-        std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt *)> guard(st, sqlite3_finalize);
+        sqlite3_stmt *st = statement(text);
+        // Made ready for its next use however this one ends; its bindings
+        // point into the caller's parameters, so they go too.
+        struct Done {
+            sqlite3_stmt *st;
+            ~Done() {
+                sqlite3_reset(st);
+                sqlite3_clear_bindings(st);
+            }
+        } done{st};
         int i = 1;
         for (const Param &p : std::span<const Param>(params, count)) {
             int rc = SQLITE_OK;
@@ -99,14 +103,18 @@ class Handle {
             i++;
         }
         Rows rows;
-        int columns = sqlite3_column_count(st);
-        std::vector<std::string> names;
-        names.reserve(static_cast<size_t>(columns));
-        for (int c = 0; c < columns; c++)
-            names.emplace_back(sqlite3_column_name(st, c));
-        rows.setColumns(std::move(names));
-        for (;;) {
+        for (bool first = true;; first = false) {
             int rc = sqlite3_step(st);
+            // Named after the first step: a kept statement is prepared
+            // again there if the tables changed, "*" and all.
+            if (first) {
+                int columns = sqlite3_column_count(st);
+                std::vector<std::string> names;
+                names.reserve(static_cast<size_t>(columns));
+                for (int c = 0; c < columns; c++)
+                    names.emplace_back(sqlite3_column_name(st, c));
+                rows.setColumns(std::move(names));
+            }
             if (rc == SQLITE_DONE)
                 break;
             if (rc != SQLITE_ROW)
@@ -176,8 +184,47 @@ class Handle {
     }
 
   private:
+    // A statement prepared once and kept by its text: an upload's commit
+    // runs some thirty, the same ones each time, and preparing one cost
+    // more than running it.  Texts made up for one search come and go, so
+    // the kept ones are bounded; past the bound they are all let go and
+    // the ones in use are soon prepared again.
+    sqlite3_stmt *statement(std::string_view text) {
+        auto it = statements_.find(text);
+        if (it != statements_.end())
+            return it->second;
+        if (statements_.size() >= kKeptStatements)
+            forget();
+        // $n becomes ?n, SQLite's numbered parameter.
+        std::string q(text);
+        for (size_t i = 0; i + 1 < q.size(); i++)
+            if (q[i] == '$' && std::isdigit(static_cast<unsigned char>(q[i + 1])))
+                q[i] = '?';
+        sqlite3_stmt *st = nullptr;
+        if (sqlite3_prepare_v3(db_, q.c_str(), static_cast<int>(q.size()),
+                               SQLITE_PREPARE_PERSISTENT, &st, nullptr) != SQLITE_OK) {
+            sqlite3_finalize(st);
+            throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db_));
+        }
+        statements_.emplace(std::string(text), st);
+        return st;
+    }
+
+    void forget() {
+        for (auto &[text, st] : statements_)
+            sqlite3_finalize(st);
+        statements_.clear();
+    }
+
+    struct TextHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view s) const { return std::hash<std::string_view>()(s); }
+    };
+
     static constexpr size_t kBlobPiece = size_t{1} << 20;
+    static constexpr size_t kKeptStatements = 64;
     sqlite3 *db_ = nullptr;
+    std::unordered_map<std::string, sqlite3_stmt *, TextHash, std::equal_to<>> statements_;
 };
 
 class HandleConn : public Conn {
