@@ -261,13 +261,15 @@ void mapAhead(Exchange &ex, size_t coming) {
     size_t need = f.size() + coming;
     if (f.capacity() < kStretch || need <= ex.mapped)
         return;
-    auto base = reinterpret_cast<uintptr_t>(f.data());
+    // Whole pages only, from the first that starts after what is mapped.
+    auto pageOffset = [&f](size_t at) {
+        return reinterpret_cast<uintptr_t>(f.data() + at) % kPage;
+    };
     size_t upto = std::min(f.capacity(), need + kStretch);
-    uintptr_t from = (base + ex.mapped + kPage - 1) & ~uintptr_t{kPage - 1};
-    uintptr_t to = (base + upto) & ~uintptr_t{kPage - 1};
+    size_t from = ex.mapped + (kPage - pageOffset(ex.mapped)) % kPage, to = upto - pageOffset(upto);
     // Only a hint: where it fails, the pages fault in one by one as before.
     if (to > from)
-        madvise(reinterpret_cast<void *>(from), to - from, MADV_POPULATE_WRITE);
+        madvise(f.data() + from, to - from, MADV_POPULATE_WRITE);
     ex.mapped = upto;
 }
 
