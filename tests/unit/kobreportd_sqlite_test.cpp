@@ -53,6 +53,16 @@ TEST_F(Sqlite, AStatementThatFailedRunsAgain) {
     EXPECT_EQ(text("SELECT group_concat(k, ',') AS v FROM (SELECT k FROM u ORDER BY k)"), "a,b");
 }
 
+TEST_F(Sqlite, ATextWithNoStatementIsAnError) {
+    try {
+        db->read(" -- nothing here");
+        FAIL() << "no error";
+    } catch (const StoreError &e) {
+        EXPECT_STREQ(e.what(), "prepare: no statement in \" -- nothing here\"");
+    }
+    EXPECT_EQ(text("SELECT 'still here' AS v"), "still here");
+}
+
 TEST_F(Sqlite, MoreTextsThanAreKeptAllStillAnswer) {
     for (int round = 0; round < 2; round++)
         for (int i = 0; i < 300; i++)

@@ -206,6 +206,8 @@ class Handle {
             sqlite3_finalize(st);
             throw StoreError(std::string("prepare: ") + sqlite3_errmsg(db_));
         }
+        if (!st)
+            throw StoreError("prepare: no statement in \"" + q + "\"");
         statements_.emplace(std::string(text), st);
         return st;
     }
