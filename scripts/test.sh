@@ -60,12 +60,16 @@ step "Debian packages"
 tests/install/package_test.sh
 step "macOS cross-build"
 scripts/macos-cross.sh build/ci-macos
-# The store tests run on both databases in the GCC and ThreadSanitizer
-# trees; under ASan+UBSan on SQLite only, which keeps the whole run within
-# its time (the PostgreSQL half of them is a sixth of this tree's time).
-build_and_test build/ci-asan -E '/postgres$' -- -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+# The store tests, each run once per database (a name ending "/postgres"
+# and ctest's " # GetParam() = ..."), run on both in the GCC tree and on
+# SQLite alone under the sanitizers, which keeps the whole run within its
+# time: their PostgreSQL half was a sixth of each sanitizer tree's time.
+# PostgreSQL's own tests (ReportdPostgres: two instances on one database,
+# reports sent together) still run under both sanitizers.
+sqlite_only=(-E '/postgres( |$)' --)
+build_and_test build/ci-asan "${sqlite_only[@]}" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=Debug -DKOB_SANITIZE=address,undefined -DKOB_BUILD_BENCH=OFF
-build_and_test build/ci-tsan -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+build_and_test build/ci-tsan "${sqlite_only[@]}" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=Debug -DKOB_SANITIZE=thread -DKOB_BUILD_BENCH=OFF
 
 step "build/ci-fuzz: configure and build the fuzz targets"
