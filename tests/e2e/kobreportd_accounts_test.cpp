@@ -561,17 +561,6 @@ TEST_P(Accounts, AnOperatorsListOfCommonPasswordsReplacesTheShippedOne) {
     EXPECT_EQ(value("SELECT count(*) FROM users"), "1");
 }
 
-namespace {
-
-// The server's peak resident memory in bytes, from /proc.
-uint64_t peakMemory(pid_t pid) {
-    std::string status = kobtest::readFile("/proc/" + std::to_string(pid) + "/status");
-    auto at = status.find("VmHWM:");
-    return at == std::string::npos ? 0 : std::stoull(status.substr(at + 6)) * 1024;
-}
-
-} // namespace
-
 // Each password hash takes 64 MiB while it is worked out: only four are at
 // once, and the rest wait their turn or are told to come back.
 TEST(AccountsMemory, ThirtyTwoWrongSignInsAtOnceStayUnder300MiB) {
@@ -609,7 +598,7 @@ TEST(AccountsMemory, ThirtyTwoWrongSignInsAtOnceStayUnder300MiB) {
         busy += st == 429;
     }
     EXPECT_GE(wrong, 4);
-    uint64_t peak = peakMemory(s.pid());
+    uint64_t peak = kobtest::processMemory(s.pid(), "VmHWM:");
     std::printf("%d wrong, %d told to come back; peak %.1f MiB\n", wrong, busy,
                 static_cast<double>(peak) / (1 << 20));
     if (kobtest::kSanitized)

@@ -210,11 +210,7 @@ TEST_F(Edge, AnUploadIsCountedAsReceivedNotAsClaimed) {
 // the 480 MiB they claim.
 TEST_F(Edge, AnUploadThatClaimsMuchAndSendsLittleHoldsLittleMemory) {
     reportd::Server s(KOBREPORTD_BIN, db);
-    auto resident = [&s] {
-        std::string status = kobtest::readFile("/proc/" + std::to_string(s.pid()) + "/status");
-        auto at = status.find("VmRSS:");
-        return at == std::string::npos ? 0 : std::stoull(status.substr(at + 6)) * 1024;
-    };
+    auto resident = [&s] { return kobtest::processMemory(s.pid(), "VmRSS:"); };
     std::string body = reportgen::body(reportgen::reportOfSize(1u << 20, 3), "joan", std::nullopt);
     std::string start = reportgen::head("h", 60u << 20) + body.substr(0, 300u << 10);
     uint64_t before = resident();

@@ -216,16 +216,8 @@ TEST_P(Privacy, AHugeReportsPageStaysLightAndItsRawTextIsNumbered) {
 
 namespace {
 
-// The server's resident memory now ("VmRSS:") or at its peak ("VmHWM:"),
-// in bytes, from /proc.
-uint64_t memory(pid_t pid, const std::string &which) {
-    std::string status = kobtest::readFile("/proc/" + std::to_string(pid) + "/status");
-    auto at = status.find(which);
-    return at == std::string::npos ? 0 : std::stoull(status.substr(at + which.size())) * 1024;
-}
-
 uint64_t peakMemory(pid_t pid) {
-    return memory(pid, "VmHWM:");
+    return kobtest::processMemory(pid, "VmHWM:");
 }
 
 // The peak starts again from what is resident now, where the kernel lets
@@ -234,7 +226,7 @@ uint64_t peakMemory(pid_t pid) {
 uint64_t restartPeak(pid_t pid) {
     std::ofstream refs("/proc/" + std::to_string(pid) + "/clear_refs");
     if (refs << "5" << std::flush)
-        return memory(pid, "VmRSS:");
+        return kobtest::processMemory(pid, "VmRSS:");
     return peakMemory(pid);
 }
 

@@ -176,6 +176,12 @@ std::string readFile(const std::string &path) {
     return text;
 }
 
+uint64_t processMemory(pid_t pid, const std::string &field) {
+    std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+    auto at = status.find(field);
+    return at == std::string::npos ? 0 : std::stoull(status.substr(at + field.size())) * 1024;
+}
+
 ChildHolder::ChildHolder(const std::function<bool()> &take) {
     int ready[2];
     int go[2];

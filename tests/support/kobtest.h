@@ -5,6 +5,7 @@
 #ifndef KOBTEST_H
 #define KOBTEST_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -66,6 +67,9 @@ class TempDir {
 void writeFile(const std::string &path, const std::string &data);
 std::string readFile(const std::string &path);
 bool fileExists(const std::string &path);
+// A process's memory in bytes, from a field of /proc/PID/status: "VmRSS:"
+// for what is resident now, "VmHWM:" for its peak; 0 without the field.
+uint64_t processMemory(pid_t pid, const std::string &field);
 
 // A child process that takes something (a lock, a PID file) and holds it
 // until the holder is destroyed.  take runs in the child and says whether it

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/stat.h>
 
 namespace {
 
@@ -21,11 +20,6 @@ struct Sqlite : ::testing::Test {
         return db->read(q, params).str(0, "v");
     }
 };
-
-bool exists(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
-}
 
 } // namespace
 
@@ -73,11 +67,11 @@ TEST_F(Sqlite, ClosedWithStatementsKeptTheDatabaseIsLeftWhole) {
     db->write("CREATE TABLE t (a TEXT)");
     db->write("INSERT INTO t (a) VALUES ($1)", {sql::text("kept")});
     EXPECT_EQ(text("SELECT a AS v FROM t"), "kept");
-    EXPECT_TRUE(exists(file + "-wal"));
+    EXPECT_TRUE(kobtest::fileExists(file + "-wal"));
     db.reset();
     // The last connection to close folds the log back and removes it,
     // which it cannot while a statement of it is still open.
-    EXPECT_FALSE(exists(file + "-wal"));
+    EXPECT_FALSE(kobtest::fileExists(file + "-wal"));
     db = sql::openSqlite(file);
     EXPECT_EQ(text("SELECT a AS v FROM t"), "kept");
 }

@@ -254,7 +254,8 @@ void mapAhead(Exchange &ex, size_t coming) {
     constexpr size_t kPage = 4096, kStretch = size_t{256} * 1024;
     std::string &f = *ex.field;
     if (ex.mappedRoom != f.data()) {
-        // Moved as it grew: what it holds was copied, so is mapped.
+        // Another field, or this one moved as it grew: what it holds is
+        // written, so mapped; the rest of its room is not yet.
         ex.mappedRoom = f.data();
         ex.mapped = f.size();
     }
@@ -288,7 +289,6 @@ MHD_Result uploadField(void *cls, enum MHD_ValueKind, const char *key, const cha
         ex->field = &ex->req.form[key];
         if (reserve)
             ex->field->reserve(reserve);
-        ex->mappedRoom = nullptr;
     }
     mapAhead(*ex, size);
     ex->field->append(data, size);
